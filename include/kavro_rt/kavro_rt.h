@@ -1,0 +1,21 @@
+/**
+ * @file kavro_rt.h
+ * @brief The whole interface of libkavro_rt.
+ *
+ * A process brings each family up with its `Init` operation and down with
+ * its `Exit` operation (reference counted), creates objects through the
+ * family's `Create` operations and receives opaque handles; nearly every
+ * call returns a 32-bit status (status.h).
+ */
+#ifndef KAVRO_RT_KAVRO_RT_H
+#define KAVRO_RT_KAVRO_RT_H
+
+#include "status.h"
+#include "log.h"
+#include "mem.h"
+#include "smp.h"
+#include "ulx.h"
+#include "lst.h"
+/* family headers: keep one line per family, in the order of the layers */
+
+#endif /* KAVRO_RT_KAVRO_RT_H */

@@ -1,0 +1,184 @@
+#include "test_support.hpp"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+#include <poll.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <sstream>
+
+namespace kavro::test {
+
+int run_in_child(const std::function<int()> &fn, int timeout_s) {
+    std::fflush(nullptr);
+    pid_t pid = fork();
+    if (pid < 0) return -1;
+    if (pid == 0) {
+        int rc = fn();
+        std::fflush(nullptr);
+        _exit(rc);
+    }
+    const time_t give_up = time(nullptr) + timeout_s;
+    int status = 0;
+    for (;;) {
+        pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid) break;
+        if (r < 0 && errno != EINTR) return -1;
+        if (time(nullptr) >= give_up) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            break;
+        }
+        usleep(2000);
+    }
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return -1;
+}
+
+static bool mkdirs(const std::string &path) {
+    for (size_t i = 1; i <= path.size(); ++i) {
+        if (i == path.size() || path[i] == '/') {
+            std::string part = path.substr(0, i);
+            if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return false;
+        }
+    }
+    return true;
+}
+
+bool private_mounts(std::initializer_list<const char *> dirs, std::string *why) {
+    if (unshare(CLONE_NEWNS) != 0) {
+        if (why) *why = std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno);
+        return false;
+    }
+    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        if (why) *why = std::string("making / private: ") + std::strerror(errno);
+        return false;
+    }
+    for (const char *d : dirs) {
+        if (!mkdirs(d) || mount("tmpfs", d, "tmpfs", 0, "mode=0755") != 0) {
+            if (why) *why = std::string("tmpfs over ") + d + ": " + std::strerror(errno);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool rt_permitted() {
+    static const bool permitted = [] {
+        // Try on a short-lived thread so the caller's own policy is untouched.
+        pthread_attr_t attr;
+        pthread_attr_init(&attr);
+        pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
+        pthread_attr_setschedpolicy(&attr, SCHED_FIFO);
+        sched_param sp{};
+        sp.sched_priority = 1;
+        pthread_attr_setschedparam(&attr, &sp);
+        pthread_t t;
+        int rc = pthread_create(&t, &attr, [](void *) -> void * { return nullptr; }, nullptr);
+        pthread_attr_destroy(&attr);
+        if (rc != 0) return false;
+        pthread_join(t, nullptr);
+        return true;
+    }();
+    return permitted;
+}
+
+bool emulated() {
+    if (sizeof(void *) != 4) return false;
+    if (const char *e = std::getenv("KAVRO_EMULATED")) return std::strcmp(e, "1") == 0;
+    std::string state = read_file("/proc/sys/fs/binfmt_misc/qemu-i386");
+    return state.rfind("enabled", 0) == 0;
+}
+
+bool write_file(const std::string &path, const std::string &text) {
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    f << text;
+    return static_cast<bool>(f);
+}
+
+std::string read_file(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+ScratchDir::ScratchDir() {
+    char tmpl[] = "/tmp/kavro-test-XXXXXX";
+    const char *p = mkdtemp(tmpl);
+    path_ = p ? p : "/tmp";
+}
+
+ScratchDir::~ScratchDir() {
+    if (path_ != "/tmp") {
+        std::string cmd = "rm -rf '" + path_ + "'";
+        if (std::system(cmd.c_str()) != 0) {
+        }
+    }
+}
+
+bool private_dev(std::string *why) {
+    char keep[] = "/tmp/kavro-dev-XXXXXX";
+    if (mkdtemp(keep) == nullptr) {
+        if (why) *why = "mkdtemp failed";
+        return false;
+    }
+    if (!private_mounts({}, why)) return false;
+    if (mount("/dev", keep, nullptr, MS_BIND, nullptr) != 0 ||
+        mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0) {
+        if (why) *why = std::string("replacing /dev: ") + std::strerror(errno);
+        return false;
+    }
+    for (const char *node : {"null", "zero", "urandom", "full"}) {
+        std::string from = std::string(keep) + "/" + node, to = std::string("/dev/") + node;
+        int fd = open(to.c_str(), O_CREAT | O_WRONLY, 0666);
+        if (fd >= 0) close(fd);
+        if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+            if (why) *why = "binding " + to + ": " + std::strerror(errno);
+            return false;
+        }
+    }
+    umount2(keep, MNT_DETACH);
+    rmdir(keep);
+    return true;
+}
+
+LogCatcher::LogCatcher() {
+    fd_ = socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strcpy(addr.sun_path, "/dev/log");
+    unlink(addr.sun_path);
+    if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
+        close(fd_);
+        fd_ = -1;
+    }
+}
+
+LogCatcher::~LogCatcher() {
+    if (fd_ >= 0) close(fd_);
+}
+
+std::string LogCatcher::next(int timeout_ms) {
+    pollfd p{fd_, POLLIN, 0};
+    if (fd_ < 0 || poll(&p, 1, timeout_ms) != 1) return "";
+    char buf[4096];
+    ssize_t n = recv(fd_, buf, sizeof buf, 0);
+    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
+}
+
+}  // namespace kavro::test
