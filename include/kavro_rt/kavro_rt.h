@@ -16,6 +16,7 @@
 #include "smp.h"
 #include "ulx.h"
 #include "lst.h"
+#include "sem.h"
 /* family headers: keep one line per family, in the order of the layers */
 
 #endif /* KAVRO_RT_KAVRO_RT_H */
