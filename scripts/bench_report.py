@@ -1,0 +1,250 @@
+#!/usr/bin/env python3
+"""Runs the benchmark programs and the rt-tests references; writes the report.
+
+Google Benchmark programs (*_bench) register a path as "<path>/kavro" and its
+references as "<path>/ref:<what>"; each pair becomes a row with the ratio of
+real time per iteration (below 1.0: the library is faster). Stand-alone
+measuring programs (*_tool) print "RESULT key=value ..." lines.
+"""
+import argparse
+import datetime
+import glob
+import json
+import os
+import platform
+import re
+import shutil
+import subprocess
+import sys
+
+
+def sh(cmd, timeout=600):
+    try:
+        r = subprocess.run(cmd, capture_output=True, text=True, timeout=timeout)
+        return r.returncode, r.stdout, r.stderr
+    except (OSError, subprocess.TimeoutExpired) as e:
+        return -1, "", str(e)
+
+
+def machine():
+    model = "unknown CPU"
+    hv = "none"
+    try:
+        with open("/proc/cpuinfo") as f:
+            info = f.read()
+        m = re.search(r"^model name\s*:\s*(.+)$", info, re.M)
+        model = m.group(1) if m else model
+        if re.search(r"^flags\s*:.*\bhypervisor\b", info, re.M):
+            hv = "yes"
+    except OSError:
+        pass
+    rc, out, _ = sh(["systemd-detect-virt"])
+    if rc == 0 and out.strip():
+        hv = out.strip()
+    return {
+        "cpu": model,
+        "cores": os.cpu_count(),
+        "kernel": platform.release(),
+        "hypervisor": hv,
+    }
+
+
+def run_gbench(path, log):
+    rc, out, err = sh([path, "--benchmark_format=json"], timeout=900)
+    if rc != 0:
+        log.append(f"{os.path.basename(path)} failed ({rc}): {err.strip()[:300]}")
+        return []
+    try:
+        data = json.loads(out)
+    except json.JSONDecodeError:
+        log.append(f"{os.path.basename(path)}: output is not JSON")
+        return []
+    rows = []
+    for b in data.get("benchmarks", []):
+        if b.get("run_type") == "aggregate":
+            continue
+        unit = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}.get(b.get("time_unit", "ns"), 1.0)
+        rows.append((b["name"], b["real_time"] * unit, b.get("items_per_second")))
+    return rows
+
+
+def pair(rows):
+    """Groups "<path>/kavro" with "<path>/ref:<what>" (extra name parts kept)."""
+    ours, refs = {}, {}
+    for name, ns, ips in rows:
+        m = re.match(r"^(.*?)/(kavro|ref:[^/]+)(/.*)?$", name)
+        if not m:
+            continue
+        path = m.group(1) + (m.group(3) or "")
+        if m.group(2) == "kavro":
+            ours[path] = ns
+        else:
+            refs.setdefault(path, []).append((m.group(2)[4:], ns))
+    table = []
+    for path in sorted(ours):
+        for what, ref_ns in refs.get(path, [("-", None)]):
+            ratio = ours[path] / ref_ns if ref_ns else None
+            table.append((path, ours[path], what, ref_ns, ratio))
+    return table
+
+
+def fmt_ns(ns):
+    if ns is None:
+        return "-"
+    if ns >= 1e6:
+        return f"{ns / 1e6:.2f} ms"
+    if ns >= 1e3:
+        return f"{ns / 1e3:.2f} µs"
+    return f"{ns:.1f} ns"
+
+
+def parse_result(text):
+    for line in text.splitlines():
+        if line.startswith("RESULT "):
+            return dict(kv.split("=", 1) for kv in line.split()[1:] if "=" in kv)
+    return None
+
+
+def cyclictest(seconds, log):
+    exe = shutil.which("cyclictest")
+    if not exe:
+        log.append("cyclictest not installed")
+        return None
+    loops = max(1, int(seconds * 500))
+    rc, out, err = sh([exe, "-m", "-p", "99", "-i", "2000", "-l", str(loops), "-q", "-h", "2000"],
+                      timeout=seconds + 60)
+    if rc != 0:
+        log.append(f"cyclictest failed ({rc}): {err.strip()[:200]}")
+        return None
+    hist, total = [], 0
+    for line in out.splitlines():
+        m = re.match(r"^(\d+)\s+(\d+)\s*$", line)
+        if m:
+            hist.append((int(m.group(1)), int(m.group(2))))
+            total += int(m.group(2))
+    res = {}
+    m = re.search(r"# Min Latencies:\s*(\d+)", out)
+    res["min_us"] = m.group(1) if m else "?"
+    m = re.search(r"# Avg Latencies:\s*(\d+)", out)
+    res["avg_us"] = m.group(1) if m else "?"
+    m = re.search(r"# Max Latencies:\s*(\d+)", out)
+    res["max_us"] = m.group(1) if m else "?"
+    if total:
+        acc, p99 = 0, None
+        for us, n in hist:
+            acc += n
+            if p99 is None and acc >= 0.99 * total:
+                p99 = us
+        res["p99_us"] = str(p99)
+    res["ticks"] = str(total)
+    return res
+
+
+def reference_tool(cmd, pattern, log, timeout=120):
+    exe = shutil.which(cmd[0])
+    if not exe:
+        log.append(f"{cmd[0]} not installed")
+        return None
+    rc, out, err = sh([exe] + cmd[1:], timeout=timeout)
+    text = out + err
+    m = re.findall(pattern, text)
+    if rc != 0 or not m:
+        log.append(f"{cmd[0]} gave no result ({rc})")
+        return None
+    return m[-1]
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--bindir", required=True)
+    ap.add_argument("--arch", required=True)
+    ap.add_argument("--seconds", type=int, default=10)
+    ap.add_argument("--out", default="BENCHMARKS.md")
+    a = ap.parse_args()
+
+    log = []
+    mach = machine()
+    sections = []
+    for path in sorted(glob.glob(os.path.join(a.bindir, "*_bench"))):
+        name = os.path.basename(path)[: -len("_bench")]
+        print(f"bench: {name} ...", file=sys.stderr)
+        rows = run_gbench(path, log)
+        table = pair(rows)
+        loose = [r for r in rows if not re.search(r"/(kavro|ref:[^/]+)", r[0])]
+        sections.append((name, table, loose))
+
+    tick = None
+    tool = os.path.join(a.bindir, "tick_latency_tool")
+    if os.access(tool, os.X_OK):
+        print(f"bench: tick latency, {a.seconds} s ...", file=sys.stderr)
+        rc, out, err = sh([tool, str(a.seconds)], timeout=a.seconds + 60)
+        tick = parse_result(out)
+        if tick is None:
+            log.append(f"tick_latency_tool gave no result ({rc}): {err.strip()[:200]}")
+    print(f"bench: cyclictest, {a.seconds} s ...", file=sys.stderr)
+    cyc = cyclictest(a.seconds, log)
+    svsem = reference_tool(["svsematest", "-l", "20000", "-q"], r"Avg\s+(\d+)", log)
+    pmq = reference_tool(["pmqtest", "-l", "20000", "-q"], r"Avg\s+(\d+)", log)
+
+    now = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC")
+    lines = [
+        "# Benchmarks",
+        "",
+        f"Measured {now} on a native **{a.arch}** build (Release).",
+        "",
+        f"- CPU: {mach['cpu']}, {mach['cores']} cores",
+        f"- Kernel: Linux {mach['kernel']}; hypervisor: {mach['hypervisor']}",
+        "",
+        "Absolute figures depend on the machine; what the report claims are the",
+        "ratios, measured in the same run: library time / reference time per",
+        "operation (below 1.00 the library is faster).",
+        "",
+    ]
+    for name, table, loose in sections:
+        lines += [f"## {name}", ""]
+        if table:
+            lines += ["| path | libkavro_rt | reference | reference time | ratio |",
+                      "|---|---|---|---|---|"]
+            for path, ours, what, ref, ratio in table:
+                r = f"{ratio:.2f}" if ratio is not None else "-"
+                lines.append(f"| {path} | {fmt_ns(ours)} | {what} | {fmt_ns(ref)} | {r} |")
+            lines.append("")
+        if loose:
+            lines += ["| measurement | time per iteration |", "|---|---|"]
+            for n, ns, _ in loose:
+                lines.append(f"| {n} | {fmt_ns(ns)} |")
+            lines.append("")
+    lines += ["## Tick lateness (2 ms period, SCHED_FIFO 99)", ""]
+    if tick or cyc:
+        lines += ["| source | ticks | min µs | avg µs | p99 µs | max µs |", "|---|---|---|---|---|---|"]
+        if tick:
+            lines.append(f"| libkavro_rt native tick | {tick.get('ticks','?')} | {tick.get('min_us','?')} | "
+                         f"{tick.get('avg_us','?')} | {tick.get('p99_us','?')} | {tick.get('max_us','?')} |")
+        if cyc:
+            lines.append(f"| cyclictest -m -p 99 -i 2000 | {cyc['ticks']} | {cyc['min_us']} | {cyc['avg_us']} | "
+                         f"{cyc.get('p99_us','?')} | {cyc['max_us']} |")
+        if tick and cyc:
+            def ratio(k):
+                try:
+                    return f"{float(tick[k]) / max(float(cyc[k]), 1.0):.2f}"
+                except (KeyError, ValueError):
+                    return "-"
+            lines += ["", f"Ratios to cyclictest: p99 {ratio('p99_us')}, max {ratio('max_us')}."]
+        lines.append("")
+    else:
+        lines += ["No tick measurement was possible here.", ""]
+    lines += ["## rt-tests references", ""]
+    lines.append(f"- svsematest (System V semaphore round trip between two processes), average: "
+                 f"{svsem + ' µs' if svsem else 'n/a'}")
+    lines.append(f"- pmqtest (POSIX message queue round trip between two threads), average: "
+                 f"{pmq + ' µs' if pmq else 'n/a'}")
+    lines.append("")
+    if log:
+        lines += ["## Notes from this run", ""] + [f"- {l}" for l in log] + [""]
+    with open(a.out, "w") as f:
+        f.write("\n".join(lines))
+    print(f"bench: report written to {a.out}", file=sys.stderr)
+
+
+if __name__ == "__main__":
+    main()
