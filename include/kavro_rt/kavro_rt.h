@@ -17,6 +17,8 @@
 #include "ulx.h"
 #include "lst.h"
 #include "sem.h"
+#include "err.h"
+#include "ipc.h"
 /* family headers: keep one line per family, in the order of the layers */
 
 #endif /* KAVRO_RT_KAVRO_RT_H */
