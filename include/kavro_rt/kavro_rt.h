@@ -19,6 +19,9 @@
 #include "sem.h"
 #include "err.h"
 #include "ipc.h"
+#include "net.h"
+#include "version.h"
+#include "format.h"
 /* family headers: keep one line per family, in the order of the layers */
 
 #endif /* KAVRO_RT_KAVRO_RT_H */
