@@ -19,6 +19,8 @@
 #include "sem.h"
 #include "err.h"
 #include "ipc.h"
+#include "fifo.h"
+#include "poll.h"
 #include "net.h"
 #include "version.h"
 #include "format.h"
