@@ -143,7 +143,9 @@ KAVRO_API KAVRO_STATUS IPC_MSGQ_Rcv(void *handle, void *buffer, int32_t size, ui
 KAVRO_API KAVRO_STATUS IPC_MSGQ_Delete(void *handle) {
     int32_t id;
     if (!queue_of(handle, &id)) return kFail;
-    if (id == 0) return kInvalidArg;
+    // Identifier 0 through the null handle means "no queue"; a handle holds
+    // a queue the kernel really made, even when it was given the number 0.
+    if (id == 0 && handle == nullptr) return kInvalidArg;
     msgctl(id, IPC_RMID, nullptr);
     KAVRO_OBJ_Free(handle, 0);
     return kOk;

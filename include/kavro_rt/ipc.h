@@ -37,9 +37,11 @@
  *   that no record is ever read or written past its end.
  * - `IPC_MSGQ_Create` with a NULL out handle returns 0x80070057 and creates
  *   nothing (a queue made without a handle could never be deleted).
- * - A queue identifier of 0 means "no queue": `IPC_MSGQ_Delete` refuses it,
- *   and a NULL handle stands for it. A queue to which the kernel happened to
- *   give the identifier 0 can be used but only removed with `msgctl`.
+ * - The default queue, which a NULL handle stands for, has the identifier 0,
+ *   meaning "no queue": `IPC_MSGQ_Delete(NULL)` refuses it. A handle from
+ *   `IPC_MSGQ_Create` always holds a real queue, so its queue is removed even
+ *   when the kernel gave it the identifier 0 (as it does for the first queue
+ *   made on a system).
  * - `IPC_SHM_Create` with a NULL out handle returns 0x80070057 and creates
  *   nothing. Without an out address, when the segment exists already, the
  *   existing segment is opened (not attached), so that a later `IPC_SHM_Map`
@@ -254,7 +256,7 @@ KAVRO_API KAVRO_STATUS IPC_MSGQ_Rcv(void *handle, void *buffer, int32_t size, ui
  *
  * @param handle the queue; NULL selects the default queue (identifier 0)
  * @retval 0          removed (the result of the removal is not examined)
- * @retval 0x80070057 the queue identifier is 0 (so always for NULL)
+ * @retval 0x80070057 @p handle is NULL (the default queue, identifier 0)
  * @retval 0x80004005 @p handle is not a queue handle
  */
 KAVRO_API KAVRO_STATUS IPC_MSGQ_Delete(void *handle);
