@@ -1,6 +1,56 @@
 /**
  * @file sem.h
  * @brief `SEM_`: counting semaphores, process-local or shared through System V.
+ *
+ * One interface, the `SEM_` front, over two implementations:
+ *
+ * - process-local semaphores (`PTHR_SEM_`), visible to the threads of one
+ *   process. The counter kind (made by `SEM_Create` without key and flag) is
+ *   a signed counter under an error-checking mutex with a condition variable
+ *   and supports timed pends; the POSIX kind (made by `SEM_Create_2`) wraps
+ *   an unnamed POSIX semaphore and waits without limit;
+ * - System V semaphores (`IPC_SEM_`), a one-member semaphore set with
+ *   permissions 0666 that every process creating with the same key shares.
+ *   Both its operations carry SEM_UNDO, so the kernel reverses the pends and
+ *   posts of a process when it ends (a holder that dies gives its unit back).
+ *
+ * `SEM_Create` picks the implementation once; every later call is routed by
+ * the second word of the semaphore record (1: System V, anything else:
+ * process-local). Every semaphore record starts with the tag 0x5F4D4553 and
+ * the type word; the implementations refuse a handle whose tag differs
+ * (a deleted semaphore reads 0xDEADBEEF until its memory is reused, but
+ * callers must not rely on that).
+ *
+ * Timeouts are milliseconds; 0xFFFFFFFF (`KAVRO_WAIT_FOREVER`) waits without
+ * limit; timed waits use absolute wall-clock deadlines.
+ *
+ * Decisions:
+ * - The front answers a null handle with 0x80004005 from every operation
+ *   but `SEM_Delete`, which returns 0 for it.
+ * - A null out-pointer (handle of a create, count of `GetCount`) is answered
+ *   with 0x80070057 and nothing is allocated or created.
+ * - Counter kind: a pend that ends without a unit (time-out or failed wait)
+ *   gives its claim back, so a negative count is always exactly the number
+ *   of threads waiting. A waiter returns only with a unit that a post or a
+ *   reset handed to it (spurious wake-ups wait again until the same
+ *   deadline); a unit handed over at the very moment of a time-out is taken
+ *   rather than lost. A pend with timeout 0 never waits.
+ * - `PTHR_SEM_TryPend` given a bad handle logs "Memory corruption" and
+ *   returns 0x80004005.
+ * - POSIX kind: TryPend takes a unit from the POSIX semaphore without
+ *   waiting (0x80070007 when none is free). Reset brings the POSIX
+ *   semaphore's value to the new count (0 for a negative count); threads
+ *   blocked in a pend are released only as far as the new value allows.
+ * - System V kind: a pend interrupted by a signal pends again; a pend on a
+ *   set that has been removed (or any other failure of the kernel wait)
+ *   reports 0x80004005. A set that exists already is opened with its current
+ *   value; the opener waits (up to 10 s, probing once a second) until some
+ *   process has operated on the set, so that the creator has set its value.
+ *   If the set vanishes while it is being opened, creation is attempted
+ *   again (a few times) before 0x80004005 is reported. A private set
+ *   (`key` 0) that this call made is removed again when the record cannot
+ *   be allocated, since no other process could ever reach it; a keyed set
+ *   stays, as others may use it.
  */
 #ifndef KAVRO_RT_SEM_H
 #define KAVRO_RT_SEM_H
@@ -9,10 +59,304 @@
 
 KAVRO_BEGIN_DECLS
 
-/** Bring the semaphore family (and the memory family) up. @retval 0 always. */
+/** A semaphore handle: the address of the semaphore record. */
+typedef void *SEM_HANDLE;
+
+/** @name Diagnostic counters (only incremented, not locked) */
+/**@{*/
+/** Calls of `SEM_Create` and `SEM_Create_2`, failed ones included. */
+KAVRO_API extern uint32_t sem_created;
+/** Calls of `SEM_Delete` with a non-null handle. */
+KAVRO_API extern uint32_t sem_freed;
+/** Calls of `PTHR_SEM_Create` and `PTHR_SEM_Create_2`. */
+KAVRO_API extern uint32_t pthr_sem_created;
+/** Calls of `PTHR_SEM_Delete`, bad handles included. */
+KAVRO_API extern uint32_t pthr_sem_freed;
+/**@}*/
+
+/** Part of the interface; no operation reads it (the kind is chosen per semaphore). */
+KAVRO_API extern int32_t LIN_Sem_Type;
+
+/* ---- the front ---------------------------------------------------------- */
+
+/**
+ * Bring the semaphore family (and the memory family) up; reference counted.
+ * @retval 0 always (the memory family cannot fail to come up)
+ */
 KAVRO_API int32_t SEM_Init(void);
-/** Take the semaphore family down. @retval 0 always. */
+
+/**
+ * Take the semaphore family down; at the last call the memory family too.
+ * @retval 0 always
+ */
 KAVRO_API int32_t SEM_Exit(void);
+
+/**
+ * Create a counting semaphore. With @p key and @p systemWide both 0 it is a
+ * process-local semaphore of the counter kind; otherwise a System V
+ * semaphore under @p key (with @p key 0 a new private set every time).
+ * Counted in `sem_created` whatever the result.
+ *
+ * @param handle       receives the handle
+ * @param initialCount starting count (for an existing System V set: ignored)
+ * @param key          System V key; non-zero selects System V
+ * @param systemWide   non-zero selects System V even with @p key 0
+ * @retval 0          created (or, for System V, opened)
+ * @retval 0x80070057 @p handle is NULL
+ * @retval 0x80004005 the System V set could be neither created nor opened
+ * @retval 0x8007000E out of memory
+ */
+KAVRO_API KAVRO_STATUS SEM_Create(SEM_HANDLE *handle, int32_t initialCount, uint32_t key,
+                                  uint32_t systemWide);
+
+/**
+ * Create a process-local semaphore of the POSIX kind (an unnamed POSIX
+ * semaphore; its pends wait without limit). Counted in `sem_created`.
+ *
+ * @param handle       receives the handle
+ * @param initialValue starting value
+ * @retval 0          created
+ * @retval 0x80070057 @p handle is NULL
+ * @retval 0x8007000E out of memory
+ */
+KAVRO_API KAVRO_STATUS SEM_Create_2(SEM_HANDLE *handle, uint32_t initialValue);
+
+/**
+ * Delete a semaphore. For System V this removes the set system-wide: other
+ * processes' handles stop working and their blocked pends fail. No thread
+ * may be waiting on a process-local semaphore being deleted.
+ *
+ * @param handle the semaphore; NULL does nothing and is not counted
+ * @retval 0          deleted, or @p handle is NULL
+ * @retval 0x80004005 not a live semaphore
+ */
+KAVRO_API KAVRO_STATUS SEM_Delete(SEM_HANDLE handle);
+
+/**
+ * Take one unit, waiting while none is free. Only the counter kind honours
+ * @p timeoutMs; the POSIX and System V kinds wait without limit.
+ *
+ * @param handle    the semaphore
+ * @param timeoutMs longest wait; 0 does not wait; 0xFFFFFFFF no limit
+ * @retval 0          a unit was taken
+ * @retval 0x80040201 no unit came before the deadline
+ * @retval 0x80004005 null or bad handle, or the wait failed (System V: set removed)
+ */
+KAVRO_API KAVRO_STATUS SEM_Pend(SEM_HANDLE handle, uint32_t timeoutMs);
+
+/**
+ * Take one unit if one is free now.
+ *
+ * @param handle the semaphore
+ * @retval 0          a unit was taken
+ * @retval 0x80070007 no unit is free
+ * @retval 0x80004005 null or bad handle; System V (not supported, logged)
+ */
+KAVRO_API KAVRO_STATUS SEM_TryPend(SEM_HANDLE handle);
+
+/**
+ * Give one unit back, waking one waiter if any.
+ *
+ * @param handle the semaphore
+ * @retval 0          posted
+ * @retval 0x80004005 null or bad handle
+ */
+KAVRO_API KAVRO_STATUS SEM_Post(SEM_HANDLE handle);
+
+/**
+ * Set the count. The counter kind first releases every waiting thread (each
+ * pend returns 0) and then sets the count; System V sets the value and the
+ * kernel lets waiters through as far as it allows.
+ *
+ * @param handle the semaphore
+ * @param count  the new count
+ * @retval 0          done
+ * @retval 0x80004005 null or bad handle
+ */
+KAVRO_API KAVRO_STATUS SEM_Reset(SEM_HANDLE handle, int32_t count);
+
+/**
+ * Read the count: for the counter kind negative while threads wait (minus
+ * their number).
+ *
+ * @param handle the semaphore
+ * @param count  receives the count
+ * @retval 0          stored
+ * @retval 0x80070057 @p count is NULL
+ * @retval 0x80004005 null or bad handle
+ */
+KAVRO_API KAVRO_STATUS SEM_GetCount(SEM_HANDLE handle, int32_t *count);
+
+/**
+ * Not supported by either implementation: logs the "not supported" line.
+ * @param handle the semaphore
+ * @retval 0x80004005 always
+ */
+KAVRO_API KAVRO_STATUS SEM_GetSystemHandle(SEM_HANDLE handle);
+
+/* ---- process-local semaphores ---------------------------------------------- */
+
+/**
+ * Create a process-local semaphore of the counter kind. Counted in
+ * `pthr_sem_created`.
+ * @param handle       receives the handle (untouched on failure)
+ * @param initialCount starting count
+ * @retval 0          created
+ * @retval 0x80070057 @p handle is NULL
+ * @retval 0x8007000E out of memory
+ */
+KAVRO_API KAVRO_STATUS PTHR_SEM_Create(SEM_HANDLE *handle, int32_t initialCount);
+
+/**
+ * Create a process-local semaphore of the POSIX kind. Counted in
+ * `pthr_sem_created`.
+ * @param handle       receives the handle (untouched on failure)
+ * @param initialValue starting value
+ * @retval 0          created
+ * @retval 0x80070057 @p handle is NULL
+ * @retval 0x8007000E out of memory
+ */
+KAVRO_API KAVRO_STATUS PTHR_SEM_Create_2(SEM_HANDLE *handle, uint32_t initialValue);
+
+/**
+ * Delete a process-local semaphore. Counted in `pthr_sem_freed` before the
+ * handle is tested.
+ * @param handle the semaphore
+ * @retval 0          deleted
+ * @retval 0x80004005 null or bad handle
+ */
+KAVRO_API KAVRO_STATUS PTHR_SEM_Delete(SEM_HANDLE handle);
+
+/**
+ * Take one unit. The counter kind waits up to @p timeoutMs; the POSIX kind
+ * waits without limit (a wait interrupted by signals is resumed, up to 1000
+ * times).
+ * @param handle    the semaphore
+ * @param timeoutMs longest wait (counter kind); 0 does not wait; 0xFFFFFFFF no limit
+ * @retval 0          a unit was taken
+ * @retval 0x80040201 counter kind: no unit came before the deadline
+ * @retval 0x80004005 null or bad handle, or a failed wait
+ */
+KAVRO_API KAVRO_STATUS PTHR_SEM_Pend(SEM_HANDLE handle, uint32_t timeoutMs);
+
+/**
+ * Take one unit if one is free now.
+ * @param handle the semaphore
+ * @retval 0          a unit was taken
+ * @retval 0x80070007 no unit is free
+ * @retval 0x80004005 null or bad handle (a "Memory corruption" line is logged)
+ */
+KAVRO_API KAVRO_STATUS PTHR_SEM_TryPend(SEM_HANDLE handle);
+
+/**
+ * Give one unit back; wakes one waiter if any.
+ * @param handle the semaphore
+ * @retval 0          posted
+ * @retval 0x80004005 null or bad handle
+ */
+KAVRO_API KAVRO_STATUS PTHR_SEM_Post(SEM_HANDLE handle);
+
+/**
+ * Counter kind: release every waiting thread (each pend returns 0), then
+ * set the count. POSIX kind: bring the semaphore's value to @p count.
+ * @param handle the semaphore
+ * @param count  the new count
+ * @retval 0          done
+ * @retval 0x80004005 null or bad handle
+ */
+KAVRO_API KAVRO_STATUS PTHR_SEM_Reset(SEM_HANDLE handle, int32_t count);
+
+/**
+ * Read the count (counter kind: negative while threads wait) or the POSIX
+ * semaphore's value.
+ * @param handle the semaphore
+ * @param count  receives the count
+ * @retval 0          stored
+ * @retval 0x80070057 @p count is NULL
+ * @retval 0x80004005 null or bad handle
+ */
+KAVRO_API KAVRO_STATUS PTHR_SEM_GetCount(SEM_HANDLE handle, int32_t *count);
+
+/**
+ * Not supported: logs the "not supported" line.
+ * @param handle ignored
+ * @retval 0x80004005 always
+ */
+KAVRO_API KAVRO_STATUS PTHR_SEM_GetSystemHandle(SEM_HANDLE handle);
+
+/* ---- System V semaphores ---------------------------------------------------- */
+
+/**
+ * Create the one-member set under @p key (IPC_CREAT | IPC_EXCL, mode 0666)
+ * and set its value to @p initialCount, or open the existing set with its
+ * current value. An opener waits, up to 10 s, until some process has
+ * operated on the set.
+ * @param handle       receives the handle
+ * @param initialCount value of a newly created set
+ * @param key          System V key; 0 (IPC_PRIVATE) makes a new set every time
+ * @retval 0          created or opened
+ * @retval 0x80070057 @p handle is NULL (no set is created)
+ * @retval 0x80004005 the set could be neither created nor opened
+ * @retval 0x8007000E out of memory
+ */
+KAVRO_API KAVRO_STATUS IPC_SEM_Create(SEM_HANDLE *handle, int32_t initialCount, uint32_t key);
+
+/**
+ * Remove the set from the system and free the handle.
+ * @param handle the semaphore
+ * @retval 0          removed
+ * @retval 0x80004005 null or bad handle
+ */
+KAVRO_API KAVRO_STATUS IPC_SEM_Delete(SEM_HANDLE handle);
+
+/**
+ * Take one unit, waiting without limit (interrupted waits are resumed).
+ * @param handle the semaphore
+ * @retval 0          a unit was taken
+ * @retval 0x80004005 null or bad handle, or the set was removed
+ */
+KAVRO_API KAVRO_STATUS IPC_SEM_Pend(SEM_HANDLE handle);
+
+/**
+ * Give one unit back.
+ * @param handle the semaphore
+ * @retval 0          posted (the kernel's answer is not examined)
+ * @retval 0x80004005 null or bad handle
+ */
+KAVRO_API KAVRO_STATUS IPC_SEM_Post(SEM_HANDLE handle);
+
+/**
+ * Set the set's value; waiters do not get released first.
+ * @param handle the semaphore
+ * @param count  the new value
+ * @retval 0          done (the kernel's answer is not examined)
+ * @retval 0x80004005 null or bad handle
+ */
+KAVRO_API KAVRO_STATUS IPC_SEM_Reset(SEM_HANDLE handle, int32_t count);
+
+/**
+ * Read the set's value (-1 when the kernel cannot read it).
+ * @param handle the semaphore
+ * @param count  receives the value
+ * @retval 0          stored
+ * @retval 0x80070057 @p count is NULL
+ * @retval 0x80004005 null or bad handle
+ */
+KAVRO_API KAVRO_STATUS IPC_SEM_GetCount(SEM_HANDLE handle, int32_t *count);
+
+/**
+ * Not supported: logs the "not supported" line.
+ * @param handle ignored
+ * @retval 0x80004005 always
+ */
+KAVRO_API KAVRO_STATUS IPC_SEM_TryPend(SEM_HANDLE handle);
+
+/**
+ * Not supported: logs the "not supported" line.
+ * @param handle ignored
+ * @retval 0x80004005 always
+ */
+KAVRO_API KAVRO_STATUS IPC_SEM_GetSystemHandle(SEM_HANDLE handle);
 
 KAVRO_END_DECLS
 
