@@ -13,9 +13,8 @@ constexpr int32_t kNumBufSize = 16;  // longest numeric text, sign and prefix in
 constexpr uint32_t kMaxWidth = 65535;
 constexpr double kMaxFloat = 2147483647.0;
 
-inline void putch(char *&out, char c) {
-    if (out != nullptr) *out++ = c;
-}
+// A null cursor never gets here: doPrint hands that walk to skipArgs.
+inline void putch(char *&out, char c) { *out++ = c; }
 
 template <uint32_t Base>
 inline char *put_digits(char *p, uint32_t value) {
@@ -64,8 +63,32 @@ inline void pad(char *&out, int64_t n) {
     for (; n > 0; --n) putch(out, ' ');
 }
 
+// The walk without output: the arguments are consumed as the conversions
+// ask, and nothing they point to is read.
+void skipArgs(const char *fmt, va_list ap) {
+    for (;;) {
+        char c = *fmt++;
+        if (c == '\0') return;
+        if (c != '%') continue;
+        if (*fmt == '-') ++fmt;
+        while (*fmt == '#' || *fmt == '0') ++fmt;
+        while (*fmt >= '0' && *fmt <= '9') ++fmt;
+        if (*fmt == 'l' || *fmt == 'L') ++fmt;
+        switch (*fmt++) {
+            case '\0': return;
+            case 'd': case 'i': case 'u': case 'x': case 'X': case 'o': case 'c':
+                (void)va_arg(ap, uint32_t);
+                break;
+            case 's': (void)va_arg(ap, const char *); break;
+            case 'f': (void)va_arg(ap, double); break;
+            default: break;
+        }
+    }
+}
+
 void doPrint(char *out, const char *fmt, va_list ap) {
     if (fmt == nullptr) return;
+    if (out == nullptr) return skipArgs(fmt, ap);
     char num[kNumBufSize];
     char *const numEnd = num + kNumBufSize;
 
