@@ -52,7 +52,8 @@ KAVRO_BEGIN_DECLS
  * Format into a buffer and terminate the text with a zero byte.
  *
  * A null format writes nothing at all, not even the terminator; a null
- * destination formats (consuming the arguments) and writes nothing.
+ * destination consumes the arguments as `GP_vprintf` does and writes
+ * nothing.
  *
  * @param dst    destination, large enough for the text and its terminator
  * @param format format in the dialect described above
@@ -72,7 +73,8 @@ KAVRO_API void GP_vsprintf(char *dst, const char *format, va_list args);
 
 /**
  * Walk a format and consume its arguments without writing anything
- * anywhere.
+ * anywhere. Nothing the arguments point to is read (s arguments need not be
+ * valid strings).
  *
  * @param format format in the dialect described above (null: returns at once)
  * @param args   the arguments
