@@ -20,6 +20,7 @@
 #include "mbx.h"
 #include "clock.h"
 #include "report.h"
+#include "tmr.h"
 #include "cmos.h"
 #include "err.h"
 #include "ipc.h"

@@ -1,0 +1,197 @@
+// The timer engine's internals: its shared state, the tick-thread entries and
+// the pure decisions that the start-up and the tick loops are made of.
+#pragma once
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+
+#include <sys/time.h>
+
+#include "kavro_rt/tmr.h"
+
+namespace kavro::detail {
+
+// ---- shared state (timer.cpp) ----------------------------------------------
+
+// The engine's shared record.
+struct TmrData {
+    timer_t timeId;          // POSIX interval timer (POSIX-timer path)
+    clockid_t clockSource;   // clock of that timer, of its start and of TMR_Wait
+    double periodMs;         // the tick: each tick counts a timer down by it
+    itimerspec tValue;       // the interval timer's setting
+};
+extern TmrData TMR_Data;
+
+extern int32_t cRefs;
+extern const HV_DATA *HVR_Hypervisor;
+extern uint32_t rtcEnabled;          // 1: RTC loop, 0: POSIX timer (role of TMR_Handler)
+extern uint32_t Kavro_ClockCatchUp;  // RTC loop makes missed ticks up
+
+// The one-slot table. The tick loops read it without tableLock.
+extern std::atomic<TmrTimer *> timers;
+extern void *tableLock;
+// Set by a tick pass while it uses the slot, so that TMR_Exit can wait for
+// it before freeing the record.
+extern std::atomic<uint32_t> slotInUse;
+
+extern pthread_cond_t g_Condition;
+extern std::atomic<int32_t> g_fd;                // /dev/rtc, -1 until the RTC loop opens it
+extern std::atomic<uint32_t> rtcTickCount;       // interrupts since the watchdog looked
+extern int32_t tmrThreshold;                     // early-dispatch margin, microseconds
+
+// ---- thread entries ----------------------------------------------------------
+
+void *TMR_HandlerNative(void *);
+void *TMR_Handler(void *);
+void *TMR_Watchdog(void *);
+void *TMR_CMOS(void *);
+// The THM_SIGNAL handler: the signal role of TMR_Handler.
+void tmr_signal_handler(int, siginfo_t *, void *);
+
+// ---- virtual-machine detection -------------------------------------------------
+
+// Reads the first line (at most size - 1 characters, fgets-style) of `path`;
+// false when the file cannot be opened or nothing can be read.
+using ProbeReader = bool (*)(void *ctx, const char *path, char *line, int size);
+
+struct VmVerdict {
+    const HV_DATA *hypervisor;  // the recognised entry, or null
+    bool unsupported;           // hypervisor bit set, signature not in the table
+};
+
+// The decision from the hypervisor bit, the CPUID signature (12 bytes and a
+// zero), the probe files (through `read`) and the table. Pure: logs nothing.
+VmVerdict decide_vm(bool hypervisorBit, const char *signature, const HV_DATA *table,
+                    ProbeReader read, void *ctx);
+
+// The processor's answer: hypervisor bit of leaf 1 and the 13-byte signature
+// of leaf 0x40000000 (filled only when the bit is set).
+bool cpuid_hypervisor(char signature[13]);
+
+// ---- tuning and the choice of the tick source ------------------------------------
+
+// Applies the tuning variables to the exported globals and logs their lines.
+void read_tuning_env();
+
+enum class TickSource { Native, Rtc, PosixTimer };
+enum class NativeRefusal { None, NoResolution, NotHighRes };
+
+struct SourceChoice {
+    TickSource source;
+    bool nativeTried;       // "Using native clock" was due
+    NativeRefusal refusal;  // why the native clock was not taken
+};
+
+// True when the native loop is to be tried at all.
+bool native_wanted(int32_t override, bool hypervisorKnown);
+
+// Pure: the source from the override, the recognised hypervisor, the
+// monotonic clock's resolution (consulted only when the native loop is
+// tried) and whether PELOSHRT is present.
+SourceChoice choose_tick_source(int32_t override, bool hypervisorKnown, bool resolutionRead,
+                                long resolutionNs, bool posixTimerAsked);
+
+// ---- the native loop's arithmetic ----------------------------------------------
+
+inline constexpr int64_t kTickNs = 2000000;
+
+struct NativeLoopState {
+    timespec target;      // the deadline the next pass serves
+    timespec previous;    // clock reading of the previous pass
+    int64_t nextProfileSec;
+    int64_t minTimeToTargetNs;
+    bool skippedSleep;
+    uint64_t TC, PM, TM, MSM, intervalSumNs, TBT, ED;
+};
+
+struct ProfileLine {
+    uint64_t TC, PM, TM, MSM, AT, TBT, ED;
+};
+
+struct PassOutcome {
+    int64_t lateness;     // now - target as read (negative: before the deadline)
+    bool negativeDiff;    // early without a skipped sleep: logged, grid moved
+    uint64_t missed;
+    bool sleep;           // sleep until the new target; else begin the next pass at once
+};
+
+void native_start(NativeLoopState &s, const timespec &first, int32_t profilePeriodSec,
+                  int32_t minTimeToTargetUs);
+// The profile step of a pass; true (and the line's numbers) when the period ended.
+bool native_profile(NativeLoopState &s, int32_t profilePeriodSec, ProfileLine *line);
+// Everything a pass does with the clock reading `now`.
+PassOutcome native_pass(NativeLoopState &s, const timespec &now);
+
+// The deadline the native loop is serving; valid inside the callback on the
+// native path (read by measuring tools).
+timespec native_served_deadline();
+
+// ---- the RTC loop's decision --------------------------------------------------
+
+inline constexpr int32_t kRtcTickUs = 2000;
+
+struct RtcGrid {
+    timeval origin;
+    uint64_t served;
+    int32_t dispatchState;  // 1: start or after an early tick; -1: after a tick at/after its boundary
+};
+
+struct RtcStep {
+    bool dispatch;
+    bool rephased;
+    uint64_t due;
+};
+
+void rtc_start(RtcGrid &g, const timeval &now);
+// Whether the interrupt read at `now` serves a tick. Pure.
+RtcStep rtc_decide(RtcGrid &g, const timeval &now, bool catchUp, int32_t threshold);
+
+// One tick's count-down of an armed timer: stores the new remainingMs and
+// returns true when the callback is due (r is the value before reloading).
+bool count_down(TmrTimer *t, double periodMs, int32_t *r);
+
+// Serves the slot for one tick: count-down and callback (RTC role).
+void rtc_dispatch();
+
+// Whether TMR_CMOS writes now; updates *periodStartSec. Pure.
+bool cmos_write_due(uint32_t *periodStartSec, uint32_t monoSec, uint32_t wallUsec,
+                    int32_t intervalSec, uint32_t offsetUsec);
+
+// Formats "period is %d \n" without stdio; returns the length.
+int format_period_line(char *buf, int size, int32_t r);
+
+// ---- lateness statistics (benchmark tool, `kavro latency`) -------------------------
+
+// Lateness of ticks against their grid points: minimum, mean, maximum,
+// percentiles from a 1-microsecond histogram (0 .. kMaxUs-1, then one
+// overflow bucket). Early ticks (negative lateness) count in min and mean
+// and in the histogram's 0 bucket. No allocation: the histogram is inside.
+struct LatencyStats {
+    static constexpr int kMaxUs = 20000;
+    uint64_t count = 0;
+    uint64_t early = 0;
+    int64_t minNs = 0;
+    int64_t maxNs = 0;
+    int64_t sumNs = 0;
+    uint32_t histogram[kMaxUs + 1] = {};
+
+    void add(int64_t latenessNs);
+    double mean_us() const;
+    // Smallest whole microsecond value at or below which a fraction p of the
+    // ticks lie (p in 0..1); kMaxUs when it lies in the overflow bucket.
+    int64_t percentile_us(double p) const;
+    // Text report: the summary and a histogram in widening bins.
+    void print(FILE *out) const;
+};
+
+// The lateness of `at` against the grid of `period` steps from `origin`,
+// taking a time up to `earlyMarginNs` before a grid point as early service
+// of that point (negative lateness).
+int64_t grid_lateness_ns(int64_t atNs, int64_t originNs, int64_t periodNs, int64_t earlyMarginNs);
+
+}  // namespace kavro::detail
