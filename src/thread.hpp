@@ -1,0 +1,28 @@
+// Internals of the thread and task-lock families that the other family and
+// the tests reach.
+#pragma once
+
+#include <cstdint>
+
+#include "kavro_rt/lck.h"
+#include "kavro_rt/thread.h"
+
+namespace kavro::detail {
+
+// The calling thread's record; null for a foreign thread or while the
+// thread family is down. What THREAD_Self stores, without the checks.
+ThreadObj *thread_self();
+
+// The policy every scheduling change of the thread family uses now.
+int thread_sched_policy();
+
+// Number of thread records alive (created and not yet released).
+uint32_t thread_live_count();
+
+// The task-lock family's default lock and second lock (null before the
+// first LCK_Init), and its reference count.
+LckObj *lck_first_lock();
+LckObj *lck_lock2();
+int32_t lck_refs();
+
+}  // namespace kavro::detail
