@@ -1,0 +1,159 @@
+// The POSIX clock and timer calls, each issued straight to the kernel.
+//
+// The library needs no real-time library of its own: these nine entry points
+// carry the standard names, so a program linking the library gets them in
+// place of the C library's. Each one passes its arguments through unchanged
+// and turns a kernel error (-4095..-1) into -1 with errno set; the sleep does
+// the same instead of returning the error number.
+#include <sys/syscall.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <ctime>
+
+#include "kavro_rt/clock.h"
+#include "kavro_rt/status.h"
+
+namespace {
+
+#if defined(__i386__)
+static_assert(sizeof(time_t) == 4 && sizeof(long) == 4,
+              "the i386 calls exchange 32-bit time records with the kernel");
+static_assert(sizeof(timer_t) == sizeof(int), "i386 timer ids are the kernel's int");
+
+enum : long {
+    kTimerCreate = 259,
+    kTimerSettime = 260,
+    kTimerGettime = 261,
+    kTimerGetoverrun = 262,
+    kTimerDelete = 263,
+    kClockSettime = 264,
+    kClockGettime = 265,
+    kClockGetres = 266,
+    kClockNanosleep = 267,
+};
+
+// Software interrupt 0x80: number in eax, arguments in ebx, ecx, edx, esi.
+inline long raw(long nr, long a = 0, long b = 0, long c = 0, long d = 0) {
+    long r;
+    __asm__ volatile("int $0x80"
+                     : "=a"(r)
+                     : "0"(nr), "b"(a), "c"(b), "d"(c), "S"(d)
+                     : "memory");
+    return r;
+}
+
+inline int finish(long r) {
+    if (static_cast<uint32_t>(r) > 0xFFFFF000u) {
+        errno = -static_cast<int>(r);
+        return -1;
+    }
+    return static_cast<int>(r);
+}
+
+inline long kernel_timer(timer_t id) { return reinterpret_cast<long>(id); }
+
+#elif defined(__x86_64__)
+
+enum : long {
+    kTimerCreate = SYS_timer_create,
+    kTimerSettime = SYS_timer_settime,
+    kTimerGettime = SYS_timer_gettime,
+    kTimerGetoverrun = SYS_timer_getoverrun,
+    kTimerDelete = SYS_timer_delete,
+    kClockSettime = SYS_clock_settime,
+    kClockGettime = SYS_clock_gettime,
+    kClockGetres = SYS_clock_getres,
+    kClockNanosleep = SYS_clock_nanosleep,
+};
+
+// The syscall instruction: number in rax, arguments in rdi, rsi, rdx, r10;
+// the kernel clobbers rcx and r11.
+inline long raw(long nr, long a = 0, long b = 0, long c = 0, long d = 0) {
+    long r;
+    register long r10 __asm__("r10") = d;
+    __asm__ volatile("syscall"
+                     : "=a"(r)
+                     : "0"(nr), "D"(a), "S"(b), "d"(c), "r"(r10)
+                     : "rcx", "r11", "memory");
+    return r;
+}
+
+inline int finish(long r) {
+    if (static_cast<unsigned long>(r) > static_cast<unsigned long>(-4096L)) {
+        errno = -static_cast<int>(r);
+        return -1;
+    }
+    return static_cast<int>(r);
+}
+
+// timer_t is pointer-sized here while the kernel's timer id is an int: the id
+// travels in the pointer's low 32 bits, sign-extended.
+inline long kernel_timer(timer_t id) {
+    return static_cast<int>(reinterpret_cast<intptr_t>(id));
+}
+
+#else
+#error "the clock calls are written for i386 and x86_64"
+#endif
+
+template <typename T>
+inline long arg(T *p) {
+    return reinterpret_cast<long>(p);
+}
+
+}  // namespace
+
+// The prototypes are <time.h>'s exactly (hence noexcept where the C library
+// declares them non-throwing).
+extern "C" {
+
+KAVRO_API int timer_create(clockid_t clock_id, struct sigevent *__restrict evp,
+                           timer_t *__restrict timerid) noexcept {
+#if defined(__x86_64__)
+    if (timerid == nullptr) return finish(raw(kTimerCreate, clock_id, arg(evp), 0));
+    int kid = 0;
+    int rc = finish(raw(kTimerCreate, clock_id, arg(evp), arg(&kid)));
+    if (rc == 0) *timerid = reinterpret_cast<timer_t>(static_cast<intptr_t>(kid));
+    return rc;
+#else
+    return finish(raw(kTimerCreate, clock_id, arg(evp), arg(timerid)));
+#endif
+}
+
+KAVRO_API int timer_settime(timer_t timerid, int flags, const struct itimerspec *__restrict value,
+                            struct itimerspec *__restrict ovalue) noexcept {
+    return finish(raw(kTimerSettime, kernel_timer(timerid), flags, arg(value), arg(ovalue)));
+}
+
+KAVRO_API int timer_gettime(timer_t timerid, struct itimerspec *value) noexcept {
+    return finish(raw(kTimerGettime, kernel_timer(timerid), arg(value)));
+}
+
+KAVRO_API int timer_getoverrun(timer_t timerid) noexcept {
+    return finish(raw(kTimerGetoverrun, kernel_timer(timerid)));
+}
+
+KAVRO_API int timer_delete(timer_t timerid) noexcept {
+    return finish(raw(kTimerDelete, kernel_timer(timerid)));
+}
+
+KAVRO_API int clock_settime(clockid_t clock_id, const struct timespec *tp) noexcept {
+    return finish(raw(kClockSettime, clock_id, arg(tp)));
+}
+
+KAVRO_API int clock_gettime(clockid_t clock_id, struct timespec *tp) noexcept {
+    return finish(raw(kClockGettime, clock_id, arg(tp)));
+}
+
+KAVRO_API int clock_getres(clockid_t clock_id, struct timespec *res) noexcept {
+    return finish(raw(kClockGetres, clock_id, arg(res)));
+}
+
+KAVRO_API int clock_nanosleep(clockid_t clock_id, int flags, const struct timespec *req,
+                              struct timespec *rem) {
+    return finish(raw(kClockNanosleep, clock_id, flags, arg(req), arg(rem)));
+}
+
+}  // extern "C"

@@ -1,0 +1,62 @@
+// The CMOS clock synchronisation's settings and state, shared with the timer
+// engine's CMOS thread, and the clock-file scan that tests reach directly.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+
+#include "kavro_rt/cmos.h"
+
+namespace kavro::detail {
+
+// ---- settings, written by CMOS_GetEnvironment when the RTC loop starts --------
+
+// Seconds between CMOS writes; 0 = no writes.
+extern int32_t g_WriteIntervalTime_sec;
+// Microsecond of the wall-clock second at or after which a write is made.
+extern uint32_t g_TimeOffset_usec;
+// 1: the CMOS clock keeps UTC; 0: local time.
+extern int32_t g_IsCMOSInUTC;
+// Local time minus UTC in seconds, at configuration time.
+extern int32_t g_UTCDelta;
+
+inline constexpr uint32_t kDefaultCmosOffsetUsec = 500000;
+
+// ---- state of the writes (only the CMOS thread touches it) --------------------
+
+extern timespec MONOTONICLast;         // monotonic time of the last write; 0 s = none yet
+extern uint32_t printed_SettingCMOS;   // setting lines written (at most 10)
+extern uint32_t printed_SetError;      // interval mismatches seen
+
+// ---- state of Read_CMOS_UntilChange -------------------------------------------
+
+namespace read_cmos {
+extern tm CMOSTimePrev;                // last CMOS reading; tm_sec 0 = none
+extern float sum, average, count;      // running statistics of the edges
+}  // namespace read_cmos
+
+// ---- the distribution's clock file ------------------------------------------------
+
+inline constexpr const char kSysconfigClockPath[] = "/etc/sysconfig/clock";
+
+enum class ClockFileVerdict {
+    Utc,          // a "UTC=" line with a true word
+    Local,        // a "UTC=" line with a false word (and no true word)
+    TagUnparsed,  // "UTC=" lines, none with a value word
+    NoTag,        // no examined piece begins with "UTC="
+    NoFile,       // the file cannot be opened
+};
+
+// Scans an open clock file the way the library reads it: pieces of at most 79
+// characters (a longer line comes in several pieces, each examined alone), a
+// piece that ends at the end of the file without a newline is not examined,
+// and reading stops at the first piece that decides.
+ClockFileVerdict scan_clock_file(FILE *f);
+// The same over a text in memory (any bytes, NULs included).
+ClockFileVerdict scan_clock_text(const char *text, size_t len);
+// The same for the file at `path` (NoFile when it cannot be opened).
+ClockFileVerdict scan_clock_path(const char *path);
+
+}  // namespace kavro::detail
