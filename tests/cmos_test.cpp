@@ -1,0 +1,388 @@
+// CMOS clock synchronisation: the clock file, the configuration from the
+// environment, the writes and the edge measurement, and writes landing in an
+// emulated real-time clock.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <linux/rtc.h>
+#include <sys/ioctl.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cmos.hpp"
+#include "rtc_emulator.h"
+#include "test_support.hpp"
+
+namespace {
+
+using namespace kavro::detail;
+using kavro::test::private_mounts;
+using kavro::test::read_file;
+using kavro::test::ScratchDir;
+using kavro::test::write_file;
+
+using Env = std::vector<std::pair<std::string, std::string>>;
+constexpr int kNoMounts = 77;
+
+struct Child {
+    int status;
+    std::string out, err;
+};
+
+// Runs fn in a forked child with the environment `env`, its standard output
+// and error captured; fn's result is the exit status.
+Child in_child(const Env &env, const std::function<int()> &fn, int timeout_s = 60) {
+    ScratchDir dir;
+    const std::string out = dir.path() + "/out", err = dir.path() + "/err";
+    Child c{};
+    c.status = kavro::test::run_in_child(
+        [&] {
+            dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+            dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+            for (const auto &[k, v] : env) setenv(k.c_str(), v.c_str(), 1);
+            tzset();
+            return fn();
+        },
+        timeout_s);
+    c.out = read_file(out);
+    c.err = read_file(err);
+    return c;
+}
+
+// In the child: a private /etc/sysconfig holding `text` as the clock file
+// (no file when text is null).
+bool clock_file(const char *text) {
+    std::string why;
+    if (!private_mounts({"/etc/sysconfig"}, &why)) {
+        std::fprintf(stderr, "%s\n", why.c_str());
+        return false;
+    }
+    return text == nullptr || write_file(kSysconfigClockPath, text);
+}
+
+#define SKIP_WITHOUT_MOUNTS(c) \
+    if ((c).status == kNoMounts) GTEST_SKIP() << "no private mounts: " << (c).err
+
+std::vector<std::string> lines_with(const std::string &text, const std::string &part) {
+    std::vector<std::string> found;
+    std::istringstream in(text);
+    for (std::string l; std::getline(in, l);)
+        if (l.find(part) != std::string::npos) found.push_back(l);
+    return found;
+}
+
+// ---- the clock file ----------------------------------------------------------------
+
+TEST(ClockFile, ScanReadsPiecesAndSkipsTheUnterminatedLastLine) {
+    const std::string longLine(100, 'x');
+    const std::string pad79 = "UTC=yes" + std::string(72, ' ');  // 79 characters, no newline
+    const struct {
+        std::string text;
+        ClockFileVerdict verdict;
+    } cases[] = {
+        {"UTC=false\n", ClockFileVerdict::Local},
+        {"ZONE=\"Europe/Berlin\"\nUTC=yes\n", ClockFileVerdict::Utc},
+        {"UTC=NO\nUTC=YES\n", ClockFileVerdict::Local},  // the first deciding line wins
+        {"UTC=noyes\n", ClockFileVerdict::Utc},          // true words are searched first
+        {"UTC=maybe\nUTC=\n", ClockFileVerdict::TagUnparsed},
+        {"UTC=true", ClockFileVerdict::NoTag},           // last line lacks its newline
+        {"UTC=maybe\nUTC=true", ClockFileVerdict::TagUnparsed},
+        {" UTC=true\n# UTC=true\n", ClockFileVerdict::NoTag},
+        {"", ClockFileVerdict::NoTag},
+        // A long line arrives in 79-character pieces, each examined alone.
+        {std::string(79, 'x') + "UTC=no\n", ClockFileVerdict::Local},
+        {"UTC=" + longLine + "yes\n", ClockFileVerdict::TagUnparsed},
+        // A piece that fills the buffer at the end of the file is examined.
+        {pad79, ClockFileVerdict::Utc},
+        {pad79 + "z", ClockFileVerdict::Utc},
+        // Bytes after a NUL are not part of the piece.
+        {std::string("UTC=\0yes\n", 9), ClockFileVerdict::TagUnparsed},
+        {std::string("\0UTC=yes\n", 9), ClockFileVerdict::NoTag},
+        {std::string(1 << 20, '\xff'), ClockFileVerdict::NoTag},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(scan_clock_text(c.text.data(), c.text.size()), c.verdict)
+            << "text: " << c.text.substr(0, 120);
+    ScratchDir dir;
+    EXPECT_EQ(scan_clock_path((dir.path() + "/none").c_str()), ClockFileVerdict::NoFile);
+}
+
+TEST(ClockFile, FixedPathDefaultsToUtcWithAReason) {
+    const Child c = in_child({}, [] {
+        if (!clock_file(nullptr)) return kNoMounts;
+        std::string got = std::to_string(GetSycconfigCMOSClockUTCSetting());
+        for (const char *text : {"UTC=false\n", "UTC=Yes\n", "UTC=maybe\n", "UTC=true"}) {
+            write_file(kSysconfigClockPath, text);
+            got += " " + std::to_string(GetSycconfigCMOSClockUTCSetting());
+        }
+        std::printf("%s", got.c_str());
+        return 0;
+    });
+    SKIP_WITHOUT_MOUNTS(c);
+    ASSERT_EQ(c.status, 0) << c.err;
+    EXPECT_EQ(c.out, "1 0 1 1 1");
+    const std::string fn = "KAVRO:GetSycconfigCMOSClockUTCSetting: ";
+    EXPECT_EQ(c.err, fn + "/etc/sysconfig/clock not found assuming CMOS in UTC\n" + fn +
+                         "/etc/sysconfig/clock found UTC tag, but could not parse data - assuming UTC\n" +
+                         fn + "/etc/sysconfig/clock Did not find UTC tag Assuming UTC\n");
+}
+
+// ---- configuration from the environment ----------------------------------------------
+
+TEST(CmosEnvironment, VariablesSetIntervalOffsetAndReport) {
+    const std::string fn = "KAVRO:CMOS_GetEnvironment: ";
+    const std::string local = fn + "CMOS clock in LOCAL\n" + fn + "UTC to LOCAL Delta=10800\n";
+    const std::string minutes11 = fn + "KMX CMOS UPDATE Interval =11 minutes\n";
+    const struct {
+        Env env;
+        std::string err;
+        std::string out;  // interval offset utc delta afterwards
+    } cases[] = {
+        {{}, "", "0 500000 0 0"},
+        {{{"TORVANEX_CMOS_CLOCK_UPDATE_RATE_PRIVATE", "0"}}, "", "0 500000 0 0"},
+        {{{"TORVANEX_CMOS_CLOCK_UPDATE_RATE_MINUTES", "11"}}, minutes11 + local, "660 500000 0 10800"},
+        {{{"TORVANEX_CMOS_CLOCK_UPDATE_RATE_MINUTES", "11"},
+          {"TORVANEX_CMOS_CLOCK_UPDATE_RATE_PRIVATE", "30"}},
+         fn + "WARNING: Using update rates of less than 1 minute (30 seconds) might cause "
+              "performance issues\n" +
+             fn + "KMX CMOS UPDATE Interval =30 seconds\n" + local,
+         "30 500000 0 10800"},
+        {{{"TORVANEX_CMOS_CLOCK_UPDATE_RATE_MINUTES", "11"},
+          {"TORVANEX_CMOS_CLOCK_UPDATE_CMOS_OFFSET_USEC", "1000000"}},
+         minutes11 + local, "660 500000 0 10800"},
+        {{{"TORVANEX_CMOS_CLOCK_UPDATE_RATE_MINUTES", "11"},
+          {"TORVANEX_CMOS_CLOCK_UPDATE_CMOS_OFFSET_USEC", "-5"}},
+         minutes11 + local, "660 500000 0 10800"},
+        {{{"TORVANEX_CMOS_CLOCK_UPDATE_RATE_MINUTES", "11xyz"},
+          {"TORVANEX_CMOS_CLOCK_UPDATE_CMOS_OFFSET_USEC", "250000"}},
+         minutes11 + fn + "KMX CMOS UPDATE OFFSET =250000 \n" + local, "660 250000 0 10800"},
+        {{{"TORVANEX_CMOS_CLOCK_UPDATE_RATE_MINUTES", "-3"}},
+         fn + "WARNING: Ignoring negative CMOS update rate -3 from "
+              "TORVANEX_CMOS_CLOCK_UPDATE_RATE_MINUTES\n",
+         "0 500000 0 0"},
+        {{{"TORVANEX_CMOS_CLOCK_UPDATE_RATE_MINUTES", "99999999999"}},
+         fn + "KMX CMOS UPDATE Interval =35791394 minutes\n" + local, "2147483647 500000 0 10800"},
+    };
+    for (const auto &c : cases) {
+        Env env = c.env;
+        env.emplace_back("TZ", "<+03>-3");
+        const Child r = in_child(env, [] {
+            if (!clock_file("UTC=no\n")) return kNoMounts;
+            if (CMOS_GetEnvironment() != 0) return 1;
+            std::printf("%d %u %d %d", g_WriteIntervalTime_sec, g_TimeOffset_usec, g_IsCMOSInUTC,
+                        g_UTCDelta);
+            return 0;
+        });
+        SKIP_WITHOUT_MOUNTS(r);
+        ASSERT_EQ(r.status, 0) << r.err;
+        const std::string label = c.env.empty() ? "no variable" : c.env.front().second;
+        EXPECT_EQ(r.err, c.err) << label;
+        EXPECT_EQ(r.out, c.out) << label;
+    }
+}
+
+TEST(CmosEnvironment, LocalDeltaFollowsTheTimeZone) {
+    for (const auto &[tz, delta] : std::vector<std::pair<const char *, int>>{
+             {"UTC0", 0}, {"<+03>-3", 10800}, {"<-0530>+5:30", -19800}}) {
+        const Child c = in_child({{"TZ", tz}}, [] {
+            std::printf("%d", GetLocalUTCDelta());
+            return 0;
+        });
+        EXPECT_EQ(c.out, std::to_string(delta)) << tz;
+    }
+}
+
+// ---- writes and readings through a descriptor ---------------------------------------------
+
+TEST(CmosWrite, PrintsAreCappedAndIntervalMismatchesWarned) {
+    const Child c = in_child({}, [] {
+        const int fd = open("/dev/null", O_RDONLY);  // every RTC request fails on it
+        g_WriteIntervalTime_sec = 60;
+        g_IsCMOSInUTC = 1;
+        for (int i = 0; i < 12; ++i)
+            if (Set_CMOS_From_OSTime(fd) != 0) return 1;
+        std::printf("%u %u", printed_SettingCMOS, printed_SetError);
+        return 0;
+    });
+    ASSERT_EQ(c.status, 0) << c.err;
+    EXPECT_EQ(c.out, "10 11");
+    const auto setting = lines_with(c.err, "KMX Setting CMOS clock now! ");
+    EXPECT_EQ(setting.size(), 10u);
+    EXPECT_EQ(lines_with(c.err, "Error reading the CMOS clock error =4294967295").size(), 12u);
+    const auto warnings = lines_with(c.err, "CMOS RTC SET WARNING Last was ");
+    ASSERT_EQ(warnings.size(), 10u);
+    EXPECT_NE(warnings[0].find("Diff=0 not equal to interval 60"), std::string::npos);
+    // The no-more line comes once, right after the tenth setting line.
+    const auto all = lines_with(c.err, "");
+    const auto noMore = std::find(all.begin(), all.end(),
+                                  "KAVRO:Set_CMOS_From_OSTime: KMX No More CMOS Updates prints this run");
+    ASSERT_NE(noMore, all.end()) << c.err;
+    EXPECT_EQ(std::count_if(all.begin(), noMore,
+                            [](const std::string &l) { return l.find("KMX Setting") != std::string::npos; }),
+              10);
+    EXPECT_NE((noMore - 1)->find("KMX Setting"), std::string::npos);
+    EXPECT_EQ(lines_with(c.err, "No More").size(), 1u);
+}
+
+TEST(CmosRead, FailedReadingIsReportedAndCountsNoEdge) {
+    const Child c = in_child({}, [] {
+        const int fd = open("/dev/null", O_RDONLY);
+        return Read_CMOS_UntilChange(fd, 1) + Read_CMOS_UntilChange(fd, 0);
+    });
+    EXPECT_EQ(c.status, 0);
+    const std::string line =
+        "KAVRO:Read_CMOS_UntilChange: ERROR, Error setting the CMOS clock error =4294967295\n";
+    EXPECT_EQ(c.err, line + line);
+    EXPECT_EQ(c.out, "");
+}
+
+// ---- end to end through the emulated device --------------------------------------------
+
+// The driver of the preloaded process: configures from the environment and a
+// private clock file, then wakes at each interrupt of the emulated /dev/rtc as
+// the CMOS thread does and writes when due, for `KAVRO_CMOS_RUN_MS`; then polls
+// the CMOS clock for its next second edge and prints the reading.
+int drive_writes() {
+    if (!clock_file(std::getenv("KAVRO_CMOS_CLOCK_TEXT"))) return kNoMounts;
+    CMOS_GetEnvironment();
+    const int fd = open("/dev/rtc", O_RDONLY);
+    if (fd < 0 || ioctl(fd, RTC_IRQP_SET, 1024) != 0 || ioctl(fd, RTC_PIE_ON, 0) != 0) return 2;
+
+    const long runMs = std::strtol(std::getenv("KAVRO_CMOS_RUN_MS"), nullptr, 10);
+    timespec mono{};
+    clock_gettime(CLOCK_MONOTONIC, &mono);
+    const int64_t end = (int64_t(mono.tv_sec) * 1000 + mono.tv_nsec / 1000000) + runMs;
+    uint32_t periodStart = 0;
+    for (;;) {
+        uint32_t word = 0;
+        if (read(fd, &word, sizeof word) != 4 || (word & 0xFF) != (RTC_PF | RTC_IRQF)) return 3;
+        clock_gettime(CLOCK_MONOTONIC, &mono);
+        if (int64_t(mono.tv_sec) * 1000 + mono.tv_nsec / 1000000 >= end) break;
+        if (g_WriteIntervalTime_sec == 0) continue;
+        timeval wall{};
+        gettimeofday(&wall, nullptr);
+        const uint32_t now = static_cast<uint32_t>(mono.tv_sec);
+        if (periodStart == 0) periodStart = now;
+        if (now < periodStart + static_cast<uint32_t>(g_WriteIntervalTime_sec)) continue;
+        if (g_TimeOffset_usec == 0 || static_cast<uint32_t>(wall.tv_usec) < g_TimeOffset_usec)
+            continue;
+        periodStart = now;
+        Set_CMOS_From_OSTime(fd);
+    }
+
+    Read_CMOS_UntilChange(fd, 1);
+    for (int i = 0; i < 3000 && Read_CMOS_UntilChange(fd, 0) == 0; ++i) usleep(1000);
+    rtc_time rt{};
+    if (ioctl(fd, RTC_RD_TIME, &rt) != 0) return 4;
+    tm b{};
+    b.tm_sec = rt.tm_sec;
+    b.tm_min = rt.tm_min;
+    b.tm_hour = rt.tm_hour;
+    b.tm_mday = rt.tm_mday;
+    b.tm_mon = rt.tm_mon;
+    b.tm_year = rt.tm_year;
+    std::printf("cmos %lld now %lld\n", static_cast<long long>(timegm(&b)),
+                static_cast<long long>(time(nullptr)));
+    return close(fd) == 0 ? 0 : 5;
+}
+
+// A test process started with KAVRO_CMOS_DRIVER set is the preloaded driver:
+// it does its work before the tests would run, and exits.
+[[gnu::constructor]] void run_driver_role() {
+    const char *role = std::getenv("KAVRO_CMOS_DRIVER");
+    if (role == nullptr) return;
+    unsetenv("KAVRO_CMOS_DRIVER");
+    const int rc = std::strcmp(role, "writes") == 0 ? drive_writes() : 100;
+    std::fflush(nullptr);
+    _exit(rc);
+}
+
+struct Landing {
+    int64_t delta;  // what the CMOS clock should be ahead of UTC
+    const char *file;
+};
+
+void expect_writes_land(const Landing &l) {
+    ScratchDir dir;
+    const std::string log = dir.path() + "/rtc.log";
+    const Env env = {{"TZ", "<+03>-3"},
+                     {"TORVANEX_CMOS_CLOCK_UPDATE_RATE_PRIVATE", "1"},
+                     {"TORVANEX_CMOS_CLOCK_UPDATE_CMOS_OFFSET_USEC", "250000"},
+                     {"KAVRO_CMOS_CLOCK_TEXT", l.file},
+                     {"KAVRO_CMOS_RUN_MS", "3600"},
+                     {"KAVRO_RTC_LOG", log},
+                     {"KAVRO_CMOS_DRIVER", "writes"},
+                     {"LD_PRELOAD", KAVRO_RTC_EMULATOR_PATH}};
+    const Child c = in_child(env, [] {
+        execl("/proc/self/exe", "cmos_test", static_cast<char *>(nullptr));
+        return 127;
+    });
+    SKIP_WITHOUT_MOUNTS(c);
+    ASSERT_EQ(c.status, 0) << c.err;
+
+    std::vector<kavro_rtc_set> sets;
+    std::istringstream in(read_file(log));
+    for (std::string line; std::getline(in, line);) {
+        kavro_rtc_set s{};
+        if (kavro_rtc_parse_set(line.c_str(), &s)) sets.push_back(s);
+    }
+    // One write per second once the monotonic second after the first wake-up
+    // has come, in a 3.6 s run.
+    ASSERT_GE(sets.size(), 2u) << read_file(log);
+    EXPECT_LE(sets.size(), 4u);
+    EXPECT_EQ(lines_with(c.err, "KMX Setting CMOS clock now! ").size(), sets.size());
+    for (size_t i = 0; i < sets.size(); ++i) {
+        const auto &s = sets[i];
+        EXPECT_GE(s.wall_usec, 250000) << "write " << i << " before the offset";
+        // Written with the second it was made in (or the one before, when the
+        // write straddled a second boundary).
+        EXPECT_GE(s.epoch - s.wall_sec, l.delta - 1);
+        EXPECT_LE(s.epoch - s.wall_sec, l.delta);
+        if (i > 0 && !kavro::test::emulated()) {
+            const int64_t apartUs = (s.wall_sec - sets[i - 1].wall_sec) * 1000000 +
+                                    (s.wall_usec - sets[i - 1].wall_usec);
+            EXPECT_NEAR(apartUs, 1000000, 100000);
+        }
+    }
+    if (!kavro::test::emulated()) {
+        EXPECT_TRUE(lines_with(c.err, "CMOS RTC SET WARNING").empty()) << c.err;
+    }
+
+    // The last write restarted the CMOS second; it turned 500 ms later, which
+    // is where the edge measurement must find it.
+    int delta = 0;
+    float average = 0;
+    ASSERT_EQ(std::sscanf(c.out.c_str(), "Delta=%d Average =%f micro seconds\n", &delta, &average), 2)
+        << c.out;
+    EXPECT_EQ(static_cast<int>(average), delta);
+    if (!kavro::test::emulated()) {
+        int expected = static_cast<int>((sets.back().wall_usec + 500000) % 1000000);
+        if (expected > 900000) expected -= 1000000;
+        EXPECT_NEAR(delta, expected, 30000);
+    }
+    long long cmos = 0, now = 0;
+    const auto cmosLine = lines_with(c.out, "cmos ");
+    ASSERT_EQ(cmosLine.size(), 1u) << c.out;
+    ASSERT_EQ(std::sscanf(cmosLine[0].c_str(), "cmos %lld now %lld", &cmos, &now), 2);
+    EXPECT_GE(cmos - now, l.delta - 1);
+    EXPECT_LE(cmos - now, l.delta + 1);
+}
+
+TEST(CmosEmulated, LocalTimeWritesLandWithTheZoneOffsetAtTheConfiguredMicrosecond) {
+    expect_writes_land({10800, "UTC=no\n"});
+}
+
+TEST(CmosEmulated, UtcWritesLandUnshifted) { expect_writes_land({0, "UTC=yes\n"}); }
+
+}  // namespace
