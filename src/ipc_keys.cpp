@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 
 #include "internal.hpp"
 #include "ipc.hpp"
