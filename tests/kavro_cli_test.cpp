@@ -1,0 +1,149 @@
+// The operator tool: its command line, its output formats and its exit
+// statuses (not its timing).
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "cli.hpp"
+#include "test_support.hpp"
+
+namespace {
+
+using kavro::cli::Command;
+using kavro::cli::Options;
+
+bool try_parse(std::vector<std::string> argv, Options *o, std::string *err = nullptr) {
+    std::string e;
+    bool ok = kavro::cli::parse(argv, o, &e);
+    if (err) *err = e;
+    return ok;
+}
+
+TEST(CliParse, CommandsAndTheirOptions) {
+    Options o;
+    ASSERT_TRUE(try_parse({}, &o));
+    EXPECT_EQ(o.command, Command::Help);
+    ASSERT_TRUE(try_parse({"version"}, &o));
+    EXPECT_EQ(o.command, Command::Version);
+    ASSERT_TRUE(try_parse({"reg", "get", "Tmr", "Period", "--dword"}, &o));
+    EXPECT_EQ(o.command, Command::RegGet);
+    EXPECT_TRUE(o.dword);
+    EXPECT_EQ(o.args, (std::vector<std::string>{"Tmr", "Period"}));
+    ASSERT_TRUE(try_parse({"reg", "set", "Net", "Host", "alpha"}, &o));
+    EXPECT_EQ(o.command, Command::RegSet);
+    EXPECT_FALSE(o.dword);
+    ASSERT_TRUE(try_parse({"reg", "set", "--dword", "Tmr", "Period", "0x10"}, &o));
+    EXPECT_EQ(o.args[2], "0x10");
+    ASSERT_TRUE(try_parse({"ipc", "--root", "/opt/x"}, &o));
+    EXPECT_EQ(o.root, "/opt/x");
+    ASSERT_TRUE(try_parse({"latency", "--seconds", "3", "--svg", "out.svg", "--quiet"}, &o));
+    EXPECT_EQ(o.seconds, 3);
+    EXPECT_EQ(o.svg, "out.svg");
+    EXPECT_TRUE(o.quiet);
+}
+
+TEST(CliParse, UsageErrorsSayWhatIsWrong) {
+    Options o;
+    std::string err;
+    struct Case {
+        std::vector<std::string> argv;
+        const char *says;
+    } cases[] = {
+        {{"frobnicate"}, "unknown command 'frobnicate'"},
+        {{"reg"}, "reg needs a subcommand"},
+        {{"reg", "drop"}, "unknown reg subcommand 'drop'"},
+        {{"reg", "get", "Tmr"}, "reg get takes SUBKEY ENTRY"},
+        {{"reg", "set", "a", "b"}, "reg set takes SUBKEY ENTRY VALUE"},
+        {{"reg", "list", "extra"}, "reg list takes no arguments"},
+        {{"reg", "set", "a", "b", "-5", "--dword"}, "unknown option '-5'"},
+        {{"reg", "set", "a", "b", "4294967296", "--dword"}, "REG_DWORD value"},
+        {{"reg", "set", "a", "b", "12x", "--dword"}, "REG_DWORD value"},
+        {{"latency", "--seconds"}, "--seconds needs a number"},
+        {{"latency", "--seconds", "0"}, "--seconds takes a number from 1 to 3600"},
+        {{"latency", "--svg"}, "--svg needs a file name"},
+        {{"version", "--dword"}, "unknown option '--dword'"},
+        {{"ipc", "stray"}, "ipc takes no arguments"},
+    };
+    for (const auto &c : cases) {
+        EXPECT_FALSE(try_parse(c.argv, &o, &err)) << c.says;
+        EXPECT_NE(err.find(c.says), std::string::npos) << "got: " << err;
+        EXPECT_EQ(err.find('\n'), std::string::npos) << "one line: " << err;
+    }
+}
+
+TEST(CliSvg, HistogramPictureIsWellFormedAndEscapesTheTitle) {
+    kavro::detail::LatencyStats st;
+    for (int i = 0; i < 1000; ++i) st.add((20 + i % 30) * 1000);
+    st.add(900000);  // one very late tick lands in the overflow bar
+    std::string svg = kavro::cli::render_svg(st, "a <b> & c");
+    EXPECT_EQ(svg.rfind("<svg ", 0), 0u);
+    EXPECT_NE(svg.find("</svg>\n"), std::string::npos);
+    EXPECT_NE(svg.find("a &lt;b&gt; &amp; c"), std::string::npos);
+    EXPECT_NE(svg.find("1001 ticks"), std::string::npos);
+    EXPECT_NE(svg.find("#c0392b"), std::string::npos) << "overflow bar drawn";
+    // Every rectangle's tooltip count adds up to the ticks.
+    unsigned long long sum = 0;
+    for (size_t at = svg.find("<title>"); at != std::string::npos; at = svg.find("<title>", at + 1))
+        sum += std::strtoull(svg.c_str() + at + 7, nullptr, 10);
+    EXPECT_EQ(sum, 1001u);
+}
+
+struct ToolRun {
+    int status;
+    std::string out;
+};
+
+ToolRun run_tool(const std::string &args) {
+    std::string cmd = std::string(KAVRO_TOOL_PATH) + " " + args + " 2>&1";
+    ToolRun r{-1, ""};
+    FILE *p = popen(cmd.c_str(), "r");
+    if (!p) return r;
+    char buf[512];
+    while (size_t n = fread(buf, 1, sizeof buf, p)) r.out.append(buf, n);
+    int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+TEST(CliTool, ExitStatusesAndOutputs) {
+    ToolRun r = run_tool("version");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "libkavro_rt 1.00  Build: 060\n");
+    r = run_tool("help");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("usage: kavro"), std::string::npos);
+    r = run_tool("nonsense");
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.out, "kavro: unknown command 'nonsense' (try: kavro help)\n");
+
+    kavro::test::ScratchDir root;
+    r = run_tool("ipc --root " + root.path());
+    EXPECT_EQ(r.status, 1) << "no IPC directory yet";
+    EXPECT_EQ(r.out.rfind("kavro: cannot open " + root.path() + "/kmxipc", 0), 0u) << r.out;
+}
+
+TEST(CliTool, RegistryRoundTripInPrivateMounts) {
+    int rc = kavro::test::run_in_child([] {
+        std::string why;
+        if (!kavro::test::private_mounts({"/usr/torvanex"}, &why)) return 2;
+        system("mkdir -p /usr/torvanex/cfg && printf 'Tmr\\nPeriod\\nREG_DWORD\\n10\\n' > /usr/torvanex/cfg/.registry");
+        if (run_tool("reg get Tmr Period --dword").out != "16\n") return 3;  // stored hex
+        if (run_tool("reg set Net Host alpha").status != 0) return 4;
+        if (run_tool("reg get Net Host").out != "alpha\n") return 5;
+        ToolRun list = run_tool("reg list");
+        if (list.status != 0 || list.out.find("Net\tHost\tREG_SZ\talpha\n") == std::string::npos) return 6;
+        if (list.out.find("2 record(s)") == std::string::npos) return 7;
+        ToolRun missing = run_tool("reg get Nope Nothing");
+        if (missing.status != 1 || missing.out.find("no entry Nope Nothing") == std::string::npos) return 8;
+        return 0;
+    });
+    if (rc == 2) GTEST_SKIP() << "private mount namespace not available";
+    EXPECT_EQ(rc, 0);
+}
+
+}  // namespace
