@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cinttypes>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -333,13 +334,72 @@ KAVRO_STATUS reg_get_file(const char *path, const char *subkey, const char *entr
     return st;
 }
 
+namespace {
+
+// Writes the new registry to tmp_path and renames it over path. On failure
+// the temporary file is removed, *what names the failed step, errno says
+// why, and the registry is untouched.
+KAVRO_STATUS replace_registry(int in_fd, const char *path, const char *tmp_path, const char *subkey,
+                              const char *entry, uint32_t type, const void *value, const char **what) {
+    *what = "create the temporary copy of";
+    int out_fd = ::open(tmp_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0666);
+    if (out_fd < 0) return kFail;
+    bool ok = !step_fails(RegStep::TempOpened);
+    if (!ok) errno = ENOSPC;
+    if (ok) {
+        struct stat st{};
+        if (fstat(in_fd, &st) == 0) (void)fchmod(out_fd, st.st_mode & 07777);
+        char buf[16384];
+        int rfd = in_fd;
+        RegReader in(fd_read, &rfd, buf, sizeof buf);
+        RegWriter out(fd_write, &out_fd);
+        errno = 0;
+        if (reg_rewrite(in, out, subkey, entry, type, value) != kOk) {
+            ok = false;
+            *what = in.failed() ? "read" : out.failed() ? "write" : nullptr;  // nullptr: incomplete last record
+            if (errno == 0) errno = EIO;
+        }
+    }
+    // The new file must be on disk before it takes the registry's name, so
+    // that a crash leaves either the old or the new registry, whole.
+    if (ok && fsync(out_fd) != 0) ok = false, *what = "flush";
+    if (ok && step_fails(RegStep::Synced)) ok = false, *what = "flush", errno = EIO;
+    const int saved = errno;
+    if (::close(out_fd) != 0 && ok) ok = false, *what = "close";
+    else if (ok && step_fails(RegStep::Closed)) ok = false, *what = "close", errno = EIO;
+    else errno = saved;
+    if (ok && ::rename(tmp_path, path) != 0) ok = false, *what = "rename";
+    if (!ok) {
+        const int e = errno;
+        ::unlink(tmp_path);
+        errno = e;
+        return kFail;
+    }
+    (void)step_fails(RegStep::Renamed);  // done: too late to fail
+
+    // Make the rename itself durable.
+    char dir[PATH_MAX];
+    std::snprintf(dir, sizeof dir, "%s", path);
+    if (char *slash = std::strrchr(dir, '/')) {
+        slash[slash == dir ? 1 : 0] = '\0';
+        const int dfd = ::open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (dfd >= 0) {
+            (void)fsync(dfd);
+            ::close(dfd);
+        }
+    }
+    return kOk;
+}
+
+}  // namespace
+
 KAVRO_STATUS reg_set_file(const char *path, const char *tmp_path, const char *subkey, const char *entry,
                           uint32_t type, const void *value) {
     static const char fn[] = "REG_SetValue";
     int err = 0;
     const int in_fd = open_locked(path, &err);
     if (in_fd < 0) {
-        diag(fn, "cannot open %s: %s\n", path, std::strerror(err));
+        diag(fn, "cannot open %s: %s\n", path, err == EBUSY ? "held by another writer" : std::strerror(err));
         return kFail;
     }
     // A refused type code touches nothing.
@@ -355,63 +415,15 @@ KAVRO_STATUS reg_set_file(const char *path, const char *tmp_path, const char *su
         diag(fn, "Did not find [%s] [%s] in %s\n", subkey, entry, path);
         return st;
     }
-
-    const char *failed_step = "create";
-    int out_fd = ::open(tmp_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0666);
-    bool ok = out_fd >= 0;
-    if (ok && step_fails(RegStep::TempOpened)) ok = false, errno = ENOSPC;
-    if (ok) {
-        struct stat st_in{};
-        if (fstat(in_fd, &st_in) == 0) (void)fchmod(out_fd, st_in.st_mode & 07777);
-        char buf[16384];
-        int rfd = in_fd;
-        RegReader in(fd_read, &rfd, buf, sizeof buf);
-        RegWriter out(fd_write, &out_fd);
-        errno = 0;
-        st = reg_rewrite(in, out, subkey, entry, type, value);
-        if (st != kOk) {
-            ok = false;
-            if (!out.failed() && !in.failed()) {
-                ::close(out_fd);
-                ::unlink(tmp_path);
-                ::close(in_fd);
-                diag(fn, "%s ends inside a record: [%s] [%s] not added\n", path, subkey, entry);
-                return kFail;
-            }
-            failed_step = in.failed() ? "read" : "write";
-            if (errno == 0) errno = EIO;
-        }
-    }
-    // The new file must be on disk before it takes the registry's name, so
-    // that a crash leaves either the old or the new registry, whole.
-    if (ok && (fsync(out_fd) != 0 || step_fails(RegStep::Synced))) ok = false, failed_step = "flush";
-    if (out_fd >= 0) {
-        const int saved = errno;
-        const int rc = ::close(out_fd);
-        if (ok && (rc != 0 || step_fails(RegStep::Closed))) ok = false, failed_step = "close";
-        else errno = saved;
-    }
-    if (ok && ::rename(tmp_path, path) != 0) ok = false, failed_step = "rename";
-    if (ok) (void)step_fails(RegStep::Renamed);  // done: too late to fail
-    const int saved = errno == 0 ? EIO : errno;
+    const char *what = "";
+    st = replace_registry(in_fd, path, tmp_path, subkey, entry, type, value, &what);
+    const int e = errno;
     ::close(in_fd);  // releases the writers' lock
-    if (!ok) {
-        ::unlink(tmp_path);
-        diag(fn, "cannot %s %s: %s; the registry is unchanged\n", failed_step, tmp_path, std::strerror(saved));
-        return kFail;
-    }
-    // Make the rename itself durable.
-    char dir[sizeof regFileName];
-    std::snprintf(dir, sizeof dir, "%s", path);
-    if (char *slash = std::strrchr(dir, '/')) {
-        slash[slash == dir ? 1 : 0] = '\0';
-        int dfd = ::open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (dfd >= 0) {
-            (void)fsync(dfd);
-            ::close(dfd);
-        }
-    }
-    return kOk;
+    if (st != kOk && what == nullptr)
+        diag(fn, "%s ends inside a record: [%s] [%s] not added\n", path, subkey, entry);
+    else if (st != kOk)
+        diag(fn, "cannot %s %s: %s; the registry is unchanged\n", what, path, std::strerror(e));
+    return st;
 }
 
 }  // namespace kavro::detail

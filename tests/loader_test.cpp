@@ -49,11 +49,6 @@ TEST(LdrInit, FirstInitWritesTheBoardFileAndLaterOnesOnlyCount) {
         const std::string err = GetCapturedStderr();
         EXPECT_EQ(err, "KAVRO:LDR_Init: cannot write the board file /usr/torvanex/cfg/.board.0: "
                        "No such file or directory\n");
-        LDR_Module *mod = nullptr;
-        CaptureStdout();
-        EXPECT_EQ(LDR_LoadModule(&mod, KAVRO_TEST_MODULE), KAVRO_OK);
-        GetCapturedStdout();
-        EXPECT_EQ(LDR_FreeModule(mod), KAVRO_OK);
         LDR_Exit();
         return testing::Test::HasFailure() ? 1 : 0;
     });
@@ -62,8 +57,7 @@ TEST(LdrInit, FirstInitWritesTheBoardFileAndLaterOnesOnlyCount) {
 }
 
 TEST(LdrModule, LoadFindAndFree) {
-    const uint32_t allocs = ldralloc_calls, frees = ldrfree_calls;
-    const uint32_t gen_allocs = memgenalloccalls;
+    const uint32_t allocs = ldralloc_calls, frees = ldrfree_calls, gen_allocs = memgenalloccalls;
     const auto mem_before = mem_counters();
 
     LDR_Module *mod = nullptr;
@@ -87,20 +81,18 @@ TEST(LdrModule, LoadFindAndFree) {
     EXPECT_EQ(*static_cast<int *>(var), 7);
 
     void *untouched = &untouched;
-    CaptureStdout();
     CaptureStderr();
-    const KAVRO_STATUS st = LDR_GetProcAddress(mod, "kavro_test_absent", &untouched);
+    EXPECT_TRUE(KAVRO_FAILED(LDR_GetProcAddress(mod, "kavro_test_absent", &untouched)));
     const std::string err = GetCapturedStderr();
-    GetCapturedStdout();
-    EXPECT_TRUE(KAVRO_FAILED(st)) << std::hex << st;
     EXPECT_EQ(untouched, &untouched);
     EXPECT_EQ(err.rfind("KAVRO:LDR_GetProcAddress: ", 0), 0u) << err;
     EXPECT_NE(err.find("kavro_test_absent"), std::string::npos) << err;
 
+    EXPECT_EQ(LDR_GetProcAddress(mod, nullptr, &fn), KAVRO_E_INVALIDARG);
+    EXPECT_EQ(LDR_GetProcAddress(mod, "kavro_test_answer", nullptr), KAVRO_E_INVALIDARG);
     EXPECT_EQ(LDR_FreeModule(mod), KAVRO_OK);
     EXPECT_EQ(ldrfree_calls, frees + 1);
-    const auto mem_after = mem_counters();
-    EXPECT_EQ(mem_after.memgenfreecalls, mem_before.memgenfreecalls + 1);
+    EXPECT_EQ(mem_counters().memgenfreecalls, mem_before.memgenfreecalls + 1);
 }
 
 TEST(LdrModule, ModulesThatCannotLoadGiveANullHandle) {
@@ -147,13 +139,6 @@ TEST(LdrModule, BadHandlesAndArgumentsAreRefused) {
         EXPECT_EQ(LDR_FreeModule(bad), KAVRO_E_FAIL);
     }
     EXPECT_EQ(addr, nullptr);
-
-    CaptureStdout();
-    ASSERT_EQ(LDR_LoadModule(&mod, KAVRO_TEST_MODULE), KAVRO_OK);
-    EXPECT_EQ(LDR_GetProcAddress(mod, nullptr, &addr), KAVRO_E_INVALIDARG);
-    EXPECT_EQ(LDR_GetProcAddress(mod, "kavro_test_answer", nullptr), KAVRO_E_INVALIDARG);
-    GetCapturedStdout();
-    EXPECT_EQ(LDR_FreeModule(mod), KAVRO_OK);
 }
 
 }  // namespace
