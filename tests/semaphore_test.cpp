@@ -1,0 +1,352 @@
+// Semaphores: the front's routing, the process-local kinds under threads,
+// System V sets shared between real processes.
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/sem.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kavro_rt/kavro_rt.h"
+#include "semaphore.hpp"
+#include "test_support.hpp"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+int32_t count_of(SEM_HANDLE h) {
+    int32_t c = 12345;
+    EXPECT_EQ(SEM_GetCount(h, &c), KAVRO_OK);
+    return c;
+}
+
+// Polls until the count reads `want` (waiters show as a negative count).
+bool count_reaches(SEM_HANDLE h, int32_t want) {
+    for (auto end = Clock::now() + std::chrono::seconds(10); Clock::now() < end;) {
+        if (count_of(h) == want) return true;
+        std::this_thread::sleep_for(milliseconds(1));
+    }
+    return false;
+}
+
+int32_t type_of(SEM_HANDLE h) { return static_cast<kavro::sem::SemHeader *>(h)->type; }
+int sem_id(SEM_HANDLE h) { return static_cast<kavro::sem::SysVSemaphore *>(h)->semId; }
+
+// A System V key no parallel test uses; the set is removed at scope end
+// whatever the test did.
+struct UniqueKey {
+    explicit UniqueKey(int n) : key(0x53000000u | (static_cast<uint32_t>(getpid()) & 0xFFFFFu) << 4 | n) {}
+    ~UniqueKey() {
+        int id = semget(static_cast<key_t>(key), 1, 0);
+        if (id >= 0) semctl(id, 0, IPC_RMID);
+    }
+    uint32_t key;
+};
+
+// A forked child that reports progress through a pipe; killed if it
+// outlives the test.
+struct Child {
+    template <typename Fn>
+    explicit Child(Fn fn) {
+        EXPECT_EQ(pipe(fds), 0);
+        fflush(nullptr);
+        pid = fork();
+        if (pid == 0) {
+            close(fds[0]);
+            _exit(fn(fds[1]));
+        }
+        close(fds[1]);
+    }
+    ~Child() {
+        if (pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+        close(fds[0]);
+    }
+    // True when the child wrote a byte within timeout_ms.
+    bool said(int timeout_ms) {
+        pollfd p{fds[0], POLLIN, 0};
+        char c;
+        return poll(&p, 1, timeout_ms) == 1 && read(fds[0], &c, 1) == 1;
+    }
+    // Exit status, or -1 when it did not end within timeout_s.
+    int exit_code(int timeout_s = 20) {
+        for (auto end = Clock::now() + std::chrono::seconds(timeout_s); Clock::now() < end;) {
+            int st = 0;
+            if (waitpid(pid, &st, WNOHANG) == pid) {
+                pid = -1;
+                return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+            }
+            std::this_thread::sleep_for(milliseconds(2));
+        }
+        return -1;
+    }
+    static void say(int fd) { (void)!write(fd, "x", 1); }
+    pid_t pid = -1;
+    int fds[2] = {-1, -1};
+};
+
+TEST(SemFront, DefaultIsCounterKindAndCountersCountCalls) {
+    const uint32_t created = sem_created, freed = sem_freed, local = pthr_sem_created;
+    SEM_HANDLE h = nullptr;
+    ASSERT_EQ(SEM_Create(&h, 1, 0, 0), KAVRO_OK);
+    EXPECT_EQ(static_cast<uint32_t *>(h)[0], KAVRO_TAG_SEM);
+    EXPECT_EQ(type_of(h), -1);
+    EXPECT_EQ(count_of(h), 1);
+    EXPECT_EQ(SEM_Pend(h, KAVRO_WAIT_FOREVER), KAVRO_OK);
+    EXPECT_EQ(count_of(h), 0);
+    EXPECT_EQ(SEM_Pend(h, 0), KAVRO_E_TIMEOUT);
+    EXPECT_EQ(SEM_TryPend(h), KAVRO_E_AGAIN);
+    EXPECT_EQ(count_of(h), 0);
+
+    EXPECT_EQ(SEM_Create(nullptr, 1, 0, 0), KAVRO_E_INVALIDARG);  // failed, still counted
+    EXPECT_EQ(sem_created, created + 2);
+    EXPECT_EQ(pthr_sem_created, local + 2);
+    EXPECT_EQ(SEM_Delete(nullptr), KAVRO_OK);
+    EXPECT_EQ(sem_freed, freed);
+    EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
+    EXPECT_EQ(sem_freed, freed + 1);
+}
+
+TEST(SemFront, NullAndForeignHandlesFailWithoutFault) {
+    int32_t c = 0;
+    EXPECT_EQ(SEM_Pend(nullptr, 0), KAVRO_E_FAIL);
+    EXPECT_EQ(SEM_TryPend(nullptr), KAVRO_E_FAIL);
+    EXPECT_EQ(SEM_Post(nullptr), KAVRO_E_FAIL);
+    EXPECT_EQ(SEM_Reset(nullptr, 1), KAVRO_E_FAIL);
+    EXPECT_EQ(SEM_GetCount(nullptr, &c), KAVRO_E_FAIL);
+    EXPECT_EQ(SEM_GetSystemHandle(nullptr), KAVRO_E_FAIL);
+
+    uint32_t foreign[64] = {KAVRO_TAG_MBX, 0xFFFFFFFFu};
+    const uint32_t freed = pthr_sem_freed;
+    EXPECT_EQ(SEM_Post(foreign), KAVRO_E_FAIL);
+    EXPECT_EQ(SEM_Pend(foreign, KAVRO_WAIT_FOREVER), KAVRO_E_FAIL);
+    EXPECT_EQ(SEM_Reset(foreign, 2), KAVRO_E_FAIL);
+    EXPECT_EQ(SEM_GetCount(foreign, &c), KAVRO_E_FAIL);
+    EXPECT_EQ(SEM_Delete(foreign), KAVRO_E_FAIL);
+    EXPECT_EQ(pthr_sem_freed, freed + 1);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(SEM_TryPend(foreign), KAVRO_E_FAIL);
+    EXPECT_EQ(SEM_GetSystemHandle(foreign), KAVRO_E_FAIL);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "KAVRO:PTHR_SEM_TryPend: ERROR, Memory corruption..... \n"
+              "KAVRO: Function PTHR_SEM_GetSystemHandle is not supported .... \n");
+    foreign[1] = 1;  // claims System V: its tag still decides
+    EXPECT_EQ(SEM_Post(foreign), KAVRO_E_FAIL);
+    EXPECT_EQ(SEM_Delete(foreign), KAVRO_E_FAIL);
+}
+
+TEST(SemCounter, TimedPendNeitherReturnsEarlyNorKeepsItsClaim) {
+    SEM_HANDLE h = nullptr;
+    ASSERT_EQ(SEM_Create(&h, 0, 0, 0), KAVRO_OK);
+    const auto t0 = Clock::now();
+    EXPECT_EQ(SEM_Pend(h, 120), KAVRO_E_TIMEOUT);
+    const auto waited = Clock::now() - t0;
+    EXPECT_GE(waited, milliseconds(119));
+    EXPECT_LT(waited, milliseconds(5000));
+    EXPECT_EQ(count_of(h), 0);  // the timed-out claim was given back
+    // ... so the next post is a free unit, not a wake-up for nobody.
+    EXPECT_EQ(SEM_Post(h), KAVRO_OK);
+    EXPECT_EQ(SEM_TryPend(h), KAVRO_OK);
+    EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
+}
+
+TEST(SemCounter, PostWakesOneWaiterResetReleasesAll) {
+    SEM_HANDLE h = nullptr;
+    ASSERT_EQ(SEM_Create(&h, 0, 0, 0), KAVRO_OK);
+    std::atomic<int> done{0};
+    std::vector<std::thread> waiters;
+    for (uint32_t t : {KAVRO_WAIT_FOREVER, KAVRO_WAIT_FOREVER, 60000u})
+        waiters.emplace_back([&, t] {
+            EXPECT_EQ(SEM_Pend(h, t), KAVRO_OK);
+            ++done;
+        });
+    ASSERT_TRUE(count_reaches(h, -3));
+    EXPECT_EQ(SEM_Post(h), KAVRO_OK);
+    ASSERT_TRUE(count_reaches(h, -2));
+    for (int i = 0; i < 1000 && done < 1; ++i) std::this_thread::sleep_for(milliseconds(2));
+    std::this_thread::sleep_for(milliseconds(30));
+    EXPECT_EQ(done.load(), 1);  // one post, one waiter out
+    EXPECT_EQ(SEM_Reset(h, 5), KAVRO_OK);
+    for (auto &t : waiters) t.join();
+    EXPECT_EQ(done.load(), 3);
+    EXPECT_EQ(count_of(h), 5);
+    EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
+}
+
+// Posts against pends that keep timing out: every post must be taken by
+// exactly one pend, and the count must end where it started.
+TEST(SemCounter, NoUnitLostOrDuplicatedUnderTimeouts) {
+    SEM_HANDLE h = nullptr;
+    ASSERT_EQ(SEM_Create(&h, 0, 0, 0), KAVRO_OK);
+    constexpr int kPosters = 3, kPosts = 3000;
+    std::atomic<int> taken{0};
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i)
+        threads.emplace_back([&, i] {
+            while (!stop) {
+                KAVRO_STATUS s = i == 0 ? SEM_TryPend(h) : SEM_Pend(h, i);
+                if (s == KAVRO_OK) ++taken;
+                else EXPECT_TRUE(s == KAVRO_E_TIMEOUT || s == KAVRO_E_AGAIN) << std::hex << s;
+            }
+        });
+    std::vector<std::thread> posters;
+    for (int p = 0; p < kPosters; ++p)
+        posters.emplace_back([&] {
+            for (int n = 0; n < kPosts; ++n) {
+                EXPECT_EQ(SEM_Post(h), KAVRO_OK);
+                if (n % 64 == 0) std::this_thread::sleep_for(milliseconds(1));
+            }
+        });
+    for (auto &t : posters) t.join();
+    for (int i = 0; i < 5000 && taken < kPosters * kPosts; ++i) std::this_thread::sleep_for(milliseconds(2));
+    stop = true;
+    for (auto &t : threads) t.join();
+    EXPECT_EQ(taken.load(), kPosters * kPosts);
+    EXPECT_EQ(count_of(h), 0);
+    EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
+}
+
+TEST(SemPosix, ValueTryPendAndReset) {
+    SEM_HANDLE h = nullptr;
+    ASSERT_EQ(SEM_Create_2(&h, 3), KAVRO_OK);
+    EXPECT_EQ(type_of(h), -1);
+    EXPECT_EQ(count_of(h), 3);
+    EXPECT_EQ(SEM_Pend(h, 0), KAVRO_OK);  // the timeout does not apply to this kind
+    EXPECT_EQ(count_of(h), 2);
+    EXPECT_EQ(SEM_TryPend(h), KAVRO_OK);
+    EXPECT_EQ(SEM_TryPend(h), KAVRO_OK);
+    EXPECT_EQ(SEM_TryPend(h), KAVRO_E_AGAIN);
+    EXPECT_EQ(SEM_Reset(h, 4), KAVRO_OK);
+    EXPECT_EQ(count_of(h), 4);
+    EXPECT_EQ(SEM_Reset(h, 1), KAVRO_OK);
+    EXPECT_EQ(count_of(h), 1);
+    EXPECT_EQ(SEM_Pend(h, KAVRO_WAIT_FOREVER), KAVRO_OK);
+    std::thread waiter([&] { EXPECT_EQ(SEM_Pend(h, 0), KAVRO_OK); });
+    std::this_thread::sleep_for(milliseconds(20));
+    EXPECT_EQ(SEM_Post(h), KAVRO_OK);
+    waiter.join();
+    EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
+}
+
+TEST(SemSysV, PrivateSetCountsResetsAndDeletesSystemWide) {
+    SEM_HANDLE h = nullptr;
+    ASSERT_EQ(SEM_Create(&h, 0, 0, 1), KAVRO_OK);
+    EXPECT_EQ(type_of(h), 1);
+    const int id = sem_id(h);
+    EXPECT_EQ(SEM_Post(h), KAVRO_OK);
+    EXPECT_EQ(count_of(h), 1);
+    EXPECT_EQ(SEM_Reset(h, 3), KAVRO_OK);
+    EXPECT_EQ(count_of(h), 3);
+    EXPECT_EQ(SEM_Pend(h, 0), KAVRO_OK);
+    EXPECT_EQ(count_of(h), 2);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(SEM_TryPend(h), KAVRO_E_FAIL);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "KAVRO: Function IPC_SEM_TryPend is not supported .... \n");
+    EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
+    EXPECT_EQ(semctl(id, 0, GETVAL), -1);  // gone from the system
+}
+
+TEST(SemSysV, NullOutHandleCreatesNoSet) {
+    UniqueKey k(1);
+    EXPECT_EQ(SEM_Create(nullptr, 1, k.key, 0), KAVRO_E_INVALIDARG);
+    EXPECT_LT(semget(static_cast<key_t>(k.key), 1, 0), 0);
+}
+
+// Two processes with one key share one count: a pend in one blocks until a
+// post in the other; the opener keeps the creator's value.
+TEST(SemSysV, KeyedSetIsSharedBetweenProcesses) {
+    UniqueKey k(2);
+    SEM_HANDLE h = nullptr;
+    ASSERT_EQ(SEM_Create(&h, 1, k.key, 0), KAVRO_OK);
+    ASSERT_EQ(SEM_Pend(h, KAVRO_WAIT_FOREVER), KAVRO_OK);  // count 0 now
+    Child child([&](int fd) {
+        SEM_HANDLE mine = nullptr;
+        if (SEM_Create(&mine, 7, k.key, 0) != KAVRO_OK) return 1;
+        int32_t c = -1;
+        if (SEM_GetCount(mine, &c) != KAVRO_OK || c != 0) return 2;
+        Child::say(fd);
+        if (SEM_Pend(mine, KAVRO_WAIT_FOREVER) != KAVRO_OK) return 3;
+        Child::say(fd);
+        return 0;
+    });
+    ASSERT_TRUE(child.said(10000));   // opened, about to pend
+    EXPECT_FALSE(child.said(300));    // ... and blocked
+    EXPECT_EQ(SEM_Post(h), KAVRO_OK);
+    EXPECT_TRUE(child.said(10000));
+    EXPECT_EQ(child.exit_code(), 0);
+    EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
+}
+
+// An opener waits until the creator has operated on the set.
+TEST(SemSysV, OpenerWaitsForTheCreatorsFirstOperation) {
+    UniqueKey k(3);
+    SEM_HANDLE h = nullptr;
+    ASSERT_EQ(SEM_Create(&h, 2, k.key, 0), KAVRO_OK);
+    Child child([&](int fd) {
+        const auto t0 = Clock::now();
+        SEM_HANDLE mine = nullptr;
+        if (SEM_Create(&mine, 0, k.key, 0) != KAVRO_OK) return 1;
+        if (Clock::now() - t0 < milliseconds(250)) return 2;
+        int32_t c = -1;
+        SEM_GetCount(mine, &c);
+        Child::say(fd);
+        return c == 3 ? 0 : 3;
+    });
+    std::this_thread::sleep_for(milliseconds(400));
+    EXPECT_EQ(SEM_Post(h), KAVRO_OK);
+    EXPECT_TRUE(child.said(15000));
+    EXPECT_EQ(child.exit_code(), 0);
+    EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
+}
+
+TEST(SemSysV, KilledHolderGivesItsUnitBack) {
+    SEM_HANDLE h = nullptr;
+    ASSERT_EQ(SEM_Create(&h, 1, 0, 1), KAVRO_OK);
+    Child child([&](int fd) {
+        if (SEM_Pend(h, KAVRO_WAIT_FOREVER) != KAVRO_OK) return 1;
+        Child::say(fd);
+        pause();
+        return 0;
+    });
+    ASSERT_TRUE(child.said(10000));
+    EXPECT_EQ(count_of(h), 0);
+    kill(child.pid, SIGKILL);
+    EXPECT_EQ(child.exit_code(), 128 + SIGKILL);
+    EXPECT_EQ(count_of(h), 1);
+    EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
+}
+
+// A signal does not end a pend; removing the set does, with a failure.
+TEST(SemSysV, PendSurvivesSignalsAndFailsOnRemovedSet) {
+    SEM_HANDLE h = nullptr;
+    ASSERT_EQ(SEM_Create(&h, 0, 0, 1), KAVRO_OK);
+    Child child([&](int fd) {
+        struct sigaction sa {};
+        sa.sa_handler = [](int) {};
+        sigaction(SIGUSR1, &sa, nullptr);  // no SA_RESTART: semop sees EINTR
+        Child::say(fd);
+        return SEM_Pend(h, KAVRO_WAIT_FOREVER) == KAVRO_E_FAIL ? 0 : 1;
+    });
+    ASSERT_TRUE(child.said(10000));
+    for (int i = 0; i < 5; ++i) {
+        std::this_thread::sleep_for(milliseconds(40));
+        kill(child.pid, SIGUSR1);
+    }
+    EXPECT_EQ(waitpid(child.pid, nullptr, WNOHANG), 0);  // still pending
+    EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
+    EXPECT_EQ(child.exit_code(), 0);
+}
+
+}  // namespace
