@@ -42,6 +42,9 @@ int fifo_index_path(char *buf, uint32_t key, int32_t isStreams);
 // The same from an explicit install root.
 int fifo_index_path(char *buf, const char *root, uint32_t key, int32_t isStreams);
 
+// True once the process's first write has decided whether to trace.
+bool fifo_trace_decided();
+
 // Table operations; callers hold fifo_lock and the family is up. Lookups
 // go through an index kept beside each table, so their cost does not grow
 // with the number of channels; they still find the first entry (lowest

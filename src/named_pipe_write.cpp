@@ -114,6 +114,8 @@ void send_trace(const void *buffer, uint32_t length, int32_t isStreams) {
 
 }  // namespace
 
+bool kavro::detail::fifo_trace_decided() { return count == 1; }
+
 extern "C" {
 
 KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t, uint32_t key, int32_t msgTag, const void *buffer,

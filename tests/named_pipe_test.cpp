@@ -240,8 +240,8 @@ TEST_F(Fifo, TableLookupMatchesAFirstMatchScan) {
 
     // A removed entry is still found; RemoveKeys stops at the count and at
     // the first zero key.
-    ASSERT_EQ(add_key(9, 0, 0, 100001, 1, 2, 3, &rank), 9u);
-    ASSERT_EQ(add_key(7, 0, 0, 100005, 1, 2, 3, &rank), 7u);
+    ASSERT_EQ(add_key(9, 0, 0, 100001, 100002, 100003, 100004, &rank), 9u);
+    ASSERT_EQ(add_key(7, 0, 0, 100005, 100006, 100007, 100008, &rank), 7u);
     mark_key_removed(9, 0);
     EXPECT_EQ(search_key(9, 0, 1, &r0, &r1, &r2, &rank), 0);  // other kind
     EXPECT_EQ(search_key(9, 0, 0, &r0, &r1, &r2, &rank), 100001);
@@ -405,6 +405,7 @@ TEST_F(Fifo, FullRankPipeIsReportedAtOnceWithoutALine) {
 // The trace queue's key comes from a file under the fixed install path:
 // run in a private mount namespace (and IPC namespace where possible).
 TEST_F(Fifo, TraceRecordsCarryTheHeadOfEachMessage) {
+    if (fifo_trace_decided()) GTEST_SKIP() << "an earlier write in this process decided tracing";
     const std::string root = root_;
     int rc = kavro::test::run_in_child([&root]() -> int {
         std::string why;
