@@ -47,10 +47,12 @@
  *   existing segment is opened (not attached), so that a later `IPC_SHM_Map`
  *   works.
  * - The name argument of `IPC_SHM_Create` is accepted and not used: the
- *   key alone names the segment.
+ *   key alone names the segment (no further keys are derived from the name,
+ *   since the error that would call for them is never reported here).
  * - Handles: a non-NULL handle whose first word is not the family tag (for
  *   example one already deleted) is refused with 0x80004005 and nothing is
- *   done with it, as long as its memory is still readable.
+ *   done with it, as long as its memory is still readable. A semaphore
+ *   handle carries the message-queue tag too and cannot be told apart.
  */
 #ifndef KAVRO_RT_IPC_H
 #define KAVRO_RT_IPC_H
