@@ -113,7 +113,8 @@ int32_t search_key(uint32_t key, int32_t msgTag, int32_t isStreams, int32_t *ran
                    int32_t *rank1, int32_t *rank2, int8_t *rank) {
     FifoKeyEntry *t = fifo_table(isStreams);
     if (key == 0 || t == nullptr) return 0;
-    uint16_t v = slots[kind_of(isStreams)][index_probe(slots[kind_of(isStreams)], t, key)];
+    const uint16_t *ix = slots[kind_of(isStreams)];
+    const uint16_t v = ix[index_probe(ix, t, key)];
     if (v == 0) return 0;
     FifoKeyEntry &e = t[v - 1];
     *rank0 = e.rankFifo[0];
