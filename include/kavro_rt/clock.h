@@ -32,6 +32,9 @@
  *   read the same clocks.
  * - On x86_64, where `timer_t` is pointer-sized, the kernel's timer id is
  *   kept in its low 32 bits.
+ * - A 32-bit program built with 64-bit time (`_TIME_BITS=64`) calls the C
+ *   library's 64-bit-time entry points under other names, so it does not
+ *   reach these.
  *
  * The declarations below are `<time.h>`'s; they are repeated here only as
  * documentation.
