@@ -229,7 +229,6 @@ TEST(RegFile, ReadWriteAndArguments) {
         EXPECT_EQ(REG_GetValue(nullptr, "Tmr", "Period", &v, &size), KAVRO_E_FAIL);
         EXPECT_EQ(REG_SetValue(nullptr, "Tmr", "Period", KAVRO_REG_DWORD, &v, &size), KAVRO_E_FAIL);
         GetCapturedStderr();
-        EXPECT_NE(access(kReg, F_OK), 0);
 
         ASSERT_TRUE(write_file(kReg, kSample));
         ASSERT_EQ(chmod(kReg, 0640), 0);
@@ -254,8 +253,8 @@ TEST(RegFile, ReadWriteAndArguments) {
         CaptureStderr();  // names that could not be found again, values that would not read back
         for (const std::string &bad : {std::string("My Key"), std::string(), std::string(254, 's')})
             EXPECT_EQ(REG_SetValue(nullptr, bad.c_str(), "E", KAVRO_REG_SZ, "v", &size), KAVRO_E_INVALIDARG);
-        EXPECT_EQ(REG_SetValue(nullptr, "S", "E", KAVRO_REG_SZ, "two\nlines", &size), KAVRO_E_INVALIDARG);
-        EXPECT_EQ(REG_SetValue(nullptr, "S", "E", KAVRO_REG_SZ, std::string(254, 'v').c_str(), &size), KAVRO_E_INVALIDARG);
+        for (const std::string &bad : {std::string("two\nlines"), std::string(254, 'v')})
+            EXPECT_EQ(REG_SetValue(nullptr, "S", "E", KAVRO_REG_SZ, bad.c_str(), &size), KAVRO_E_INVALIDARG);
         GetCapturedStderr();
         EXPECT_EQ(REG_DeleteEntry(nullptr, "Tmr", "Period"), KAVRO_E_NOTIMPL);
         EXPECT_EQ(REG_DeleteEntry(nullptr, nullptr, "Period"), KAVRO_E_INVALIDARG);
