@@ -4,17 +4,18 @@
  * process with LD_PRELOAD=<its path> (the path is the compile definition
  * KAVRO_RTC_EMULATOR_PATH on the tests that use it). In that process:
  *
- * - `open`, `open64`, `openat`, `openat64`, `__open_2` of "/dev/rtc" or
- *   "/dev/rtc0" return a descriptor of the emulated device (a descriptor of
- *   /dev/null underneath, so the number is real). Only one open at a time,
- *   as the driver allows: a second gives EBUSY. Everything else passes
- *   through to the C library.
+ * - `open`, `open64`, `openat`, `openat64`, `__open_2`, `__open64_2` of
+ *   "/dev/rtc" or "/dev/rtc0" return a descriptor of the emulated device
+ *   (a descriptor of /dev/null underneath, so the number is real). Only one
+ *   open at a time, as the driver allows: a second gives EBUSY. Everything
+ *   else passes through to the C library.
  * - `ioctl` on it serves RTC_IRQP_SET (powers of two 2..8192 Hz, else
  *   EINVAL; 1024 Hz before any), RTC_IRQP_READ, RTC_PIE_ON, RTC_PIE_OFF,
  *   RTC_RD_TIME and RTC_SET_TIME (fields checked as the driver checks them:
  *   EINVAL); any other request gives ENOTTY.
- * - `read` of 4 bytes (8 on x86_64 also accepted, fewer: EINVAL) blocks
- *   until the next periodic interrupt and returns the driver's status word:
+ * - `read` (and `__read_chk`) of 4 bytes (8 on x86_64 also accepted,
+ *   fewer: EINVAL) blocks until the next periodic interrupt and returns the
+ *   driver's status word:
  *   low byte RTC_PF | RTC_IRQF (0xC0), upper 24 bits the number of
  *   interrupts since the previous read. Interrupt k of a train comes at
  *   start + k / rate, the start being RTC_PIE_ON (or a rate change while
