@@ -13,6 +13,11 @@
  *   permissions 0666 that every process creating with the same key shares.
  *   Both its operations carry SEM_UNDO, so the kernel reverses the pends and
  *   posts of a process when it ends (a holder that dies gives its unit back).
+ *   The kernel bounds that per-process record at 32767 in either direction:
+ *   a process that pends one set 32767 times more often than it posts it
+ *   (or the reverse) has its further pends fail and its further posts
+ *   refused by the kernel. Use it as a lock, or balance each process's
+ *   pends and posts, rather than as a one-way signal between processes.
  *
  * `SEM_Create` picks the implementation once; every later call is routed by
  * the second word of the semaphore record (1: System V, anything else:
@@ -320,7 +325,8 @@ KAVRO_API KAVRO_STATUS IPC_SEM_Pend(SEM_HANDLE handle);
 /**
  * Give one unit back.
  * @param handle the semaphore
- * @retval 0          posted (the kernel's answer is not examined)
+ * @retval 0          posted (the kernel's answer is not examined: a post to
+ *                    a removed set, or beyond the undo bound, is lost)
  * @retval 0x80004005 null or bad handle
  */
 KAVRO_API KAVRO_STATUS IPC_SEM_Post(SEM_HANDLE handle);
