@@ -23,9 +23,8 @@ LocalSemaphore *local(SEM_HANDLE h) {
     return has_tag(h, KAVRO_TAG_SEM) ? static_cast<LocalSemaphore *>(h) : nullptr;
 }
 
-// The counter's readers outside the mutex (none today) and the sanitizer
-// builds want every access to `count` atomic; relaxed order costs nothing,
-// the mutex orders them.
+// GetCount reads `count` without the mutex, so every access to it is a
+// relaxed atomic: plain moves on this hardware, and well defined.
 inline int32_t load_count(const LocalSemaphore *s) { return __atomic_load_n(&s->count, __ATOMIC_RELAXED); }
 inline void store_count(LocalSemaphore *s, int32_t v) { __atomic_store_n(&s->count, v, __ATOMIC_RELAXED); }
 
