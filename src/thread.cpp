@@ -6,6 +6,7 @@
 #include <semaphore.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -35,8 +36,9 @@ static_assert(offsetof(ThreadRecord, obj) == 0, "a handle is the record's addres
 ThreadRecord *record_of(ThreadObj *obj) { return reinterpret_cast<ThreadRecord *>(obj); }
 
 int32_t cRefs = 0;
+// Threads may start or end while the family goes down; keyValid publishes infoKey.
 pthread_key_t infoKey;
-bool keyValid = false;
+std::atomic<bool> keyValid{false};
 int sched_policy = SCHED_FIFO;
 
 const ThreadAttr defAttrs = {THREAD_ATTR_LENGTH, 1, 0, 0, THREAD_USE_CONTEXT, nullptr};
@@ -95,7 +97,8 @@ void apply_priority(ThreadRecord *r, uint32_t priority) {
 void deleteThread(ThreadObj *obj) {
     if (obj->autoFree) obj->releaseCount = 1;
     if (++obj->releaseCount != 2) return;
-    if (keyValid && pthread_getspecific(infoKey) == obj) pthread_setspecific(infoKey, nullptr);
+    if (keyValid.load(std::memory_order_acquire) && pthread_getspecific(infoKey) == obj)
+        pthread_setspecific(infoKey, nullptr);
     sem_destroy(&obj->startSem);
     ThreadRecord *r = record_of(obj);
     pthread_mutex_lock(&liveLock);
@@ -132,7 +135,7 @@ void call_user(ThreadObj *o) {
 void *helperEntry(void *arg) {
     ThreadObj *o = &static_cast<ThreadRecord *>(arg)->obj;
     const long pid = static_cast<long>(getpid());
-    if (keyValid) pthread_setspecific(infoKey, o);
+    if (keyValid.load(std::memory_order_acquire)) pthread_setspecific(infoKey, o);
     while (sem_wait(&o->startSem) != 0 && errno == EINTR) {
     }
     int32_t platform = 0;
@@ -155,7 +158,8 @@ unsigned long word_of(const void *p) { return static_cast<unsigned long>(reinter
 namespace kavro::detail {
 
 ThreadObj *thread_self() {
-    return keyValid ? static_cast<ThreadObj *>(pthread_getspecific(infoKey)) : nullptr;
+    return keyValid.load(std::memory_order_acquire) ? static_cast<ThreadObj *>(pthread_getspecific(infoKey))
+                                                    : nullptr;
 }
 
 int thread_sched_policy() { return sched_policy; }
@@ -179,7 +183,7 @@ KAVRO_API int32_t THREAD_Init(void) {
         ++cRefs;
         return 1;
     }
-    keyValid = pthread_key_create(&infoKey, nullptr) == 0;
+    keyValid.store(pthread_key_create(&infoKey, nullptr) == 0, std::memory_order_release);
     int32_t size = 0;
     if (env_decimal("PELOSSTACKSIZE", &size)) PelStackSize = size;
     MEM_Init();
@@ -189,8 +193,7 @@ KAVRO_API int32_t THREAD_Init(void) {
 
 KAVRO_API int32_t THREAD_Exit(void) {
     if (--cRefs == 0) {
-        if (keyValid) pthread_key_delete(infoKey);
-        keyValid = false;
+        if (keyValid.exchange(false, std::memory_order_acq_rel)) pthread_key_delete(infoKey);
         MEM_Exit();
     }
     return 0;
@@ -237,7 +240,7 @@ KAVRO_API KAVRO_STATUS THREAD_Create(ThreadObj **phThreadObj, THREAD_UserFn fnUs
         diag(fn, "Error, argument array is NULL, numArgs = %d\n", a.numArgs);
         return kNullPointer;
     }
-    if (!keyValid) {
+    if (!keyValid.load(std::memory_order_acquire)) {
         diag(fn, "Error, thread family is not initialised\n");
         return kFail;
     }
