@@ -113,6 +113,7 @@ PassOutcome native_pass(NativeLoopState &s, const timespec &now) {
 timespec native_served_deadline() { return servedDeadline; }
 
 void *TMR_HandlerNative(void *) {
+    pthread_setname_np(pthread_self(), "TMR_Native");
     const int32_t minTimeToTargetUs = g_TimerMinTimeToTargetUs;
     sched_param sp{};
     sp.sched_priority = 99;

@@ -28,6 +28,9 @@ constexpr unsigned long kRtcRate = 4096;
 constexpr unsigned kWatchdogPeriodSec = 5;
 
 std::atomic<uint32_t> running{0};  // the signal role is serving the timer
+// Published by the loop once the CMOS settings are read: the condition is
+// signalled without a mutex, so the signal itself orders nothing.
+std::atomic<bool> cmosConfigured{false};
 uint32_t done = 0;                 // the watchdog has reported a stall
 
 [[noreturn]] void rtc_fail(const char *fmt) {
@@ -192,7 +195,9 @@ void *TMR_Handler(void *) {
         return nullptr;
     }
 
+    pthread_setname_np(pthread_self(), "TMR_Handler");
     CMOS_GetEnvironment();
+    cmosConfigured.store(true, std::memory_order_release);
     sched_param sp{};
     sp.sched_priority = 99;
     if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &sp) != 0) return nullptr;
@@ -219,6 +224,7 @@ void *TMR_Handler(void *) {
 }
 
 void *TMR_Watchdog(void *) {
+    pthread_setname_np(pthread_self(), "TMR_Watchdog");
     for (;;) {
         rtcTickCount.store(0, std::memory_order_relaxed);
         sleep_seconds(kWatchdogPeriodSec);
@@ -239,11 +245,13 @@ void *TMR_Watchdog(void *) {
 }
 
 void *TMR_CMOS(void *) {
+    pthread_setname_np(pthread_self(), "TMR_CMOS");
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_mutex_lock(&mutex);  // released only inside each wait
     uint32_t s_Previous_CMOS_Set_Time_sec = 0;
     for (;;) {
         pthread_cond_wait(&g_Condition, &mutex);
+        if (!cmosConfigured.load(std::memory_order_acquire)) continue;
         const int32_t interval = g_WriteIntervalTime_sec;
         if (interval == 0) continue;
         timespec mono{};

@@ -60,6 +60,11 @@
  * - `TMR_Exit` empties the slot before freeing the record and waits (at most
  *   about one second) for a tick pass that is using the timer to finish, so
  *   a running tick source never touches a freed record.
+ * - After the last `TMR_Exit`, `TMR_Init` brings the family up again (a new
+ *   slot and lock) without detecting or starting anything: the tick source
+ *   that already runs serves the new slot, so no second source ever starts.
+ * - The engine's threads carry the names "TMR_Native", "TMR_Handler",
+ *   "TMR_CMOS" and "TMR_Watchdog" (as `ps -L` and `top -H` show them).
  * - `TMR_Wait` with a time that gives more nanoseconds than fit a 32-bit
  *   field, or NaN, passes a field the system refuses: the failure is
  *   reported on standard error and the call returns 0 without waiting, like
