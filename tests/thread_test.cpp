@@ -181,21 +181,19 @@ TEST_F(Threads, ArgumentWordsArePassedExactly) {
 TEST_F(Threads, SuspendedStartWaitsForSetPriority) {
     KAVRO_REQUIRE_RT();
     // Short form: bit 0 of word 2 asks for a suspended start, other bits do not.
-    Seen running;
-    ThreadAttr notSuspended = {20, 2, 2, 0, -1, nullptr};
-    ThreadObj *h = nullptr;
+    Seen running, seen, late;
+    ThreadAttr notSuspended = {20, 2, 2, 0, -1, nullptr}, suspended = {20, 2, 3, 0, -1, nullptr};
+    ThreadObj *h = nullptr, *hLate = nullptr;
     ASSERT_EQ(THREAD_Create(&h, context_fn, &running, &notSuspended), 0u);
     ASSERT_TRUE(running.done.wait());
     THREAD_Join(h);
 
-    Seen seen;
-    ThreadAttr suspended = {20, 2, 3, 0, -1, nullptr};
     ASSERT_EQ(THREAD_Create(&h, context_fn, &seen, &suspended), 0u);
+    ASSERT_EQ(THREAD_Create(&hLate, context_fn, &late, &suspended), 0u);
     EXPECT_FALSE(seen.done.wait(200));
     char name[THREAD_GETNAME_SIZE];
     ASSERT_EQ(THREAD_GetName(h, name), 0u);
     EXPECT_STREQ(name, "unknown");
-
     uint32_t old = 0;
     ASSERT_EQ(THREAD_SetPriority(h, 4, &old), 0u);
     EXPECT_EQ(old, 2u);
@@ -203,22 +201,15 @@ TEST_F(Threads, SuspendedStartWaitsForSetPriority) {
     THREAD_Join(h);
     EXPECT_EQ(seen.policy, SCHED_FIFO);
     EXPECT_EQ(seen.prio, 4);
-}
 
-TEST_F(Threads, PriorityAbove15OnReleaseIsReportedAndTheThreadRuns) {
-    KAVRO_REQUIRE_RT();
-    Seen seen;
-    ThreadAttr attr = {24, 3, 1, 0, -1, "late"};
-    ThreadObj *h = nullptr;
-    ASSERT_EQ(THREAD_Create(&h, context_fn, &seen, &attr), 0u);
+    // Released with a priority above 15: reported once, and it runs.
     testing::internal::CaptureStderr();
-    THREAD_SetPriority(h, 16, nullptr);
-    ASSERT_TRUE(seen.done.wait());
-    THREAD_Join(h);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "KAVRO:helperEntry: ERROR - started Thread pid=" + std::to_string(getpid()) +
-                  " tname=late BAD PRIORITY=16\n");
-    EXPECT_EQ(seen.prio, 16);
+    THREAD_SetPriority(hLate, 16, nullptr);
+    ASSERT_TRUE(late.done.wait());
+    THREAD_Join(hLate);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "KAVRO:helperEntry: ERROR - started Thread pid=" +
+                                                          std::to_string(getpid()) + " tname=unknown BAD PRIORITY=16\n");
+    EXPECT_EQ(late.prio, 16);
 }
 
 // Made at priority 7; makes a priority-0 thread and reports what it saw.
@@ -291,15 +282,6 @@ TEST_F(Threads, RecordIsReleasedAtTheEndAndJoinNeverWaitsForAGoneThread) {
     EXPECT_EQ(THREAD_Join(h), 0u);  // gone: at once, without reading it
 }
 
-TEST_F(Threads, ForeignThreadHasNoRecord) {
-    ThreadObj *self = reinterpret_cast<ThreadObj *>(&self);
-    EXPECT_EQ(THREAD_Self(&self), 0u);
-    EXPECT_EQ(self, nullptr);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(THREAD_End(), 0x80070057u);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "KAVRO:THREAD_End: Error, ppThreadObj pointer is NULL\n");
-}
-
 TEST_F(Threads, NameIsCutAt255AndReadAsAFixed80ByteField) {
     const std::string longName(300, 'n');
     std::string hundred(100, 'a');
@@ -323,8 +305,14 @@ TEST_F(Threads, NameIsCutAt255AndReadAsAFixed80ByteField) {
     }
 }
 
-TEST_F(Threads, NullHandlesAndOutPointersAnswerWithStatus) {
-    ThreadObj *obj = nullptr;
+TEST_F(Threads, ForeignThreadAndNullArgumentsAnswerWithStatus) {
+    ThreadObj *obj = reinterpret_cast<ThreadObj *>(&obj);
+    EXPECT_EQ(THREAD_Self(&obj), 0u);  // not made here: no record
+    EXPECT_EQ(obj, nullptr);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(THREAD_End(), 0x80070057u);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "KAVRO:THREAD_End: Error, ppThreadObj pointer is NULL\n");
+
     uint32_t u = 0;
     int32_t i = 0;
     pthread_t t{};
