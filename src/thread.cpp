@@ -76,6 +76,29 @@ bool live_contains(const ThreadRecord *r) {
     return false;
 }
 
+// A forked child has only the forking thread: keep that one's record (its
+// user function may still return there and release it) and forget the rest,
+// so that a join in the child does not wait for a thread it does not have.
+void live_prepare_fork() { pthread_mutex_lock(&liveLock); }
+void live_parent_after_fork() { pthread_mutex_unlock(&liveLock); }
+void live_child_after_fork() {
+    auto *self = keyValid.load(std::memory_order_acquire)
+                     ? static_cast<ThreadObj *>(pthread_getspecific(infoKey))
+                     : nullptr;
+    liveFirst = nullptr;
+    liveCount = 0;
+    if (self != nullptr) {
+        ThreadRecord *r = record_of(self);
+        r->next = r->prev = nullptr;
+        liveFirst = r;
+        liveCount = 1;
+    }
+    pthread_mutex_init(&liveLock, nullptr);
+    pthread_cond_init(&liveEnded, nullptr);
+}
+pthread_once_t forkHandlersOnce = PTHREAD_ONCE_INIT;
+void install_fork_handlers() { pthread_atfork(live_prepare_fork, live_parent_after_fork, live_child_after_fork); }
+
 // Puts a portable priority into effect on the thread. Platform refusals are
 // not reported: the stored priority is what the caller asked for.
 void apply_priority(ThreadRecord *r, uint32_t priority) {
@@ -184,6 +207,7 @@ KAVRO_API int32_t THREAD_Init(void) {
         return 1;
     }
     keyValid.store(pthread_key_create(&infoKey, nullptr) == 0, std::memory_order_release);
+    pthread_once(&forkHandlersOnce, install_fork_handlers);
     int32_t size = 0;
     if (env_decimal("PELOSSTACKSIZE", &size)) PelStackSize = size;
     MEM_Init();
@@ -295,7 +319,10 @@ KAVRO_API KAVRO_STATUS THREAD_Create(ThreadObj **phThreadObj, THREAD_UserFn fnUs
     pthread_attr_setdetachstate(&pa, PTHREAD_CREATE_DETACHED);
 
     o->autoFree = 1;
-    if (a.startSuspended != 0) o->suspended = 1;  // before anyone can hold the handle
+    // Set before anyone can hold the handle; decided from the local copy, since
+    // once the handle is out THREAD_SetPriority may clear the flag and release.
+    const bool startNow = a.startSuspended == 0;
+    o->suspended = startNow ? 0 : 1;
     live_add(r);
     const int rc = pthread_create(&o->systemHandle, &pa, helperEntry, r);
     pthread_attr_destroy(&pa);
@@ -308,7 +335,7 @@ KAVRO_API KAVRO_STATUS THREAD_Create(ThreadObj **phThreadObj, THREAD_UserFn fnUs
         return kFail;
     }
     *phThreadObj = o;
-    if (!o->suspended) sem_post(&o->startSem);
+    if (startNow) sem_post(&o->startSem);
     return kOk;
 }
 

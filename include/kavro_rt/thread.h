@@ -34,6 +34,8 @@
  *   A stale handle whose address has been reused by a newer thread's
  *   record waits for that newer thread. Joining a suspended thread waits
  *   until somebody releases it and it ends.
+ * - In a child process made by `fork` only the forking thread exists: there,
+ *   joining any other thread of the parent returns 0 at once.
  * - Portable priority 0 stands for the scheduling the thread inherited
  *   from its creator (read when the thread is created). Giving a thread
  *   priority 0 with `THREAD_SetPriority`, or returning it to 0 when it
