@@ -94,26 +94,7 @@ TEST(RtcDecision, ThirteenMsGapOrAClockStepRestartsTheGridWithoutServing) {
     EXPECT_TRUE(rtc_decide(g, tod(kOriginUs + 12100), true, 244).rephased);
 }
 
-// ---- the count-down ------------------------------------------------------------------------
-
-TEST(RtcCountDown, FirstCallbackAtTheThousandthTickThenEveryTick) {
-    TmrTimer t{KAVRO_TAG_TMR, 2, 2000, 1, nullptr, 0};
-    int32_t r = 0;
-    for (int tick = 1; tick < 1000; ++tick) {
-        ASSERT_FALSE(count_down(&t, 2.0, &r)) << tick;
-        ASSERT_EQ(r, 2000 - 2 * tick);
-    }
-    EXPECT_TRUE(count_down(&t, 2.0, &r));
-    EXPECT_EQ(r, 0);
-    EXPECT_EQ(t.remainingMs, 2);
-    EXPECT_TRUE(count_down(&t, 2.0, &r));
-    EXPECT_EQ(r, 0);
-
-    char line[32];
-    EXPECT_EQ(std::string(line, format_period_line(line, sizeof line, 1998)), "period is 1998 \n");
-    EXPECT_EQ(std::string(line, format_period_line(line, sizeof line, -2147483647 - 1)),
-              "period is -2147483648 \n");
-}
+// ---- CMOS pacing ----------------------------------------------------------------------------
 
 TEST(CmosPacing, FirstLookStartsTheIntervalWritesAtTheOffset) {
     uint32_t start = 0;
