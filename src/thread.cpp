@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -39,7 +40,7 @@ int32_t cRefs = 0;
 // Threads may start or end while the family goes down; keyValid publishes infoKey.
 pthread_key_t infoKey;
 std::atomic<bool> keyValid{false};
-int sched_policy = SCHED_FIFO;
+std::atomic<int> sched_policy{SCHED_FIFO};  // set from any thread, read at each change
 
 const ThreadAttr defAttrs = {THREAD_ATTR_LENGTH, 1, 0, 0, THREAD_USE_CONTEXT, nullptr};
 const char kShortFormName[] = "unknown";
@@ -103,7 +104,7 @@ void install_fork_handlers() { pthread_atfork(live_prepare_fork, live_parent_aft
 // not reported: the stored priority is what the caller asked for.
 void apply_priority(ThreadRecord *r, uint32_t priority) {
     sched_param sp{};
-    int policy = sched_policy;
+    int policy = sched_policy.load(std::memory_order_relaxed);
     if (priority == 0) {
         policy = r->inheritPolicy;
         sp.sched_priority = r->inheritPriority;
@@ -184,8 +185,6 @@ ThreadObj *thread_self() {
     return keyValid.load(std::memory_order_acquire) ? static_cast<ThreadObj *>(pthread_getspecific(infoKey))
                                                     : nullptr;
 }
-
-int thread_sched_policy() { return sched_policy; }
 
 uint32_t thread_live_count() {
     pthread_mutex_lock(&liveLock);
@@ -307,7 +306,7 @@ KAVRO_API KAVRO_STATUS THREAD_Create(ThreadObj **phThreadObj, THREAD_UserFn fnUs
     if (a.priority != 0) {
         pthread_attr_setinheritsched(&pa, PTHREAD_EXPLICIT_SCHED);
         pthread_attr_setscope(&pa, PTHREAD_SCOPE_SYSTEM);
-        pthread_attr_setschedpolicy(&pa, sched_policy);
+        pthread_attr_setschedpolicy(&pa, sched_policy.load(std::memory_order_relaxed));
         sched_param sp{};
         int32_t platform = 0;
         THREAD_TranslatePriority(a.priority, &platform);
@@ -346,7 +345,7 @@ KAVRO_API KAVRO_STATUS THREAD_TranslatePriority(uint32_t portable, int32_t *plat
 }
 
 KAVRO_API KAVRO_STATUS THREAD_KernelTimeSlice(int32_t enable) {
-    sched_policy = enable != 0 ? SCHED_RR : SCHED_FIFO;
+    sched_policy.store(enable != 0 ? SCHED_RR : SCHED_FIFO, std::memory_order_relaxed);
     return kOk;
 }
 

@@ -13,9 +13,6 @@ namespace kavro::detail {
 // thread family is down. What THREAD_Self stores, without the checks.
 ThreadObj *thread_self();
 
-// The policy every scheduling change of the thread family uses now.
-int thread_sched_policy();
-
 // Number of thread records alive (created and not yet released).
 uint32_t thread_live_count();
 
