@@ -120,7 +120,8 @@ KAVRO_API KAVRO_STATUS IPC_SEM_Post(SEM_HANDLE handle) {
     SysVSemaphore *s = sysv(handle);
     if (s == nullptr) return kFail;
     sembuf op = s->postOp;
-    semop(s->semId, &op, 1);
+    // The status stays 0 as callers expect, but a refused post is never silent.
+    if (semop(s->semId, &op, 1) != 0) diag("IPC_SEM_Post", "semop failed, errno %d, the unit is lost\n", errno);
     return kOk;
 }
 

@@ -325,8 +325,10 @@ KAVRO_API KAVRO_STATUS IPC_SEM_Pend(SEM_HANDLE handle);
 /**
  * Give one unit back.
  * @param handle the semaphore
- * @retval 0          posted (the kernel's answer is not examined: a post to
- *                    a removed set, or beyond the undo bound, is lost)
+ * @retval 0          posted; also when the kernel refused the post (a removed
+ *                    set, or beyond the undo bound): the unit is then lost
+ *                    and the line "KAVRO:IPC_SEM_Post: semop failed, errno
+ *                    <n>, the unit is lost" is logged
  * @retval 0x80004005 null or bad handle
  */
 KAVRO_API KAVRO_STATUS IPC_SEM_Post(SEM_HANDLE handle);
