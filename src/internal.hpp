@@ -1,6 +1,7 @@
 // Helpers shared by every family of the library. Nothing here is exported.
 #pragma once
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdint>
 #include <ctime>
@@ -44,6 +45,13 @@ KAVRO_STATUS not_supported(const char *fn);
 // faults as long as the block is still mapped.
 inline bool has_tag(const void *h, uint32_t tag) {
     return h != nullptr && *static_cast<const volatile uint32_t *>(h) == tag;
+}
+
+// Diagnostic counters: approximate under concurrency by design (a plain
+// load and store, no read-modify-write, no lock), yet free of data races.
+inline void count_up(uint32_t &counter, uint32_t by = 1) {
+    std::atomic_ref<uint32_t> c(counter);
+    c.store(c.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
 }
 
 // Reads a decimal integer from the environment. Returns false when the

@@ -7,6 +7,7 @@
 #include "internal.hpp"
 #include "kavro_rt/mem.h"
 
+using kavro::detail::count_up;
 using kavro::detail::diag;
 
 namespace {
@@ -16,9 +17,9 @@ uint32_t memfreecalls = 0;    // MEM_Free calls, MEM_Free2 included
 uint32_t memgenfreecalls = 0; // MEM_Free2 calls
 
 void count_alloc(uint32_t size, uint32_t marker) {
-    memcnt += size;
-    ++memalloccalls;
-    if (marker == kavro::detail::kGenericMarker) ++memgenalloccalls;
+    count_up(memcnt, size);
+    count_up(memalloccalls);
+    if (marker == kavro::detail::kGenericMarker) count_up(memgenalloccalls);
 }
 }  // namespace
 
@@ -48,12 +49,12 @@ KAVRO_API void *MEM_Calloc(uint32_t size, uint32_t marker) {
 }
 
 KAVRO_API void MEM_Free(void *ptr) {
-    ++memfreecalls;
+    count_up(memfreecalls);
     std::free(ptr);
 }
 
 KAVRO_API void MEM_Free2(void *ptr) {
-    ++memgenfreecalls;
+    count_up(memgenfreecalls);
     MEM_Free(ptr);
 }
 

@@ -4,9 +4,9 @@
  *
  * The allocator adds nothing to the C heap but a few process-wide counters
  * (no header, no lock, no list), so a block from `MEM_Alloc` is an ordinary
- * heap block. The counters are plain integers updated without a lock: under
- * concurrent allocation they are approximate, and nothing relies on their
- * exact value. The marker 999 marks generic allocations (family objects and
+ * heap block. The counters are updated with a plain load and store, without
+ * a lock or a read-modify-write instruction: under concurrent allocation
+ * they are approximate, and nothing relies on their exact value. The marker 999 marks generic allocations (family objects and
  * tables), which pair with `MEM_Free2`.
  *
  * Decision: when `munlockall` fails, `MEM_UnLockAll` reports 0x80004005 as
