@@ -5,7 +5,10 @@
 #include <sched.h>
 #include <signal.h>
 #include <poll.h>
+#include <dirent.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/stat.h>
@@ -22,15 +25,8 @@
 
 namespace kavro::test {
 
-int run_in_child(const std::function<int()> &fn, int timeout_s) {
-    std::fflush(nullptr);
-    pid_t pid = fork();
-    if (pid < 0) return -1;
-    if (pid == 0) {
-        int rc = fn();
-        std::fflush(nullptr);
-        _exit(rc);
-    }
+// The child's exit status, 128 + signal, or `killed` after a kill at timeout_s.
+static int wait_for(pid_t pid, int timeout_s, int killed) {
     const time_t give_up = time(nullptr) + timeout_s;
     int status = 0;
     for (;;) {
@@ -40,13 +36,107 @@ int run_in_child(const std::function<int()> &fn, int timeout_s) {
         if (time(nullptr) >= give_up) {
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
-            break;
+            return killed;
         }
         usleep(2000);
     }
     if (WIFEXITED(status)) return WEXITSTATUS(status);
     if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
     return -1;
+}
+
+int run_in_child(const std::function<int()> &fn, int timeout_s) {
+    std::fflush(nullptr);
+    pid_t pid = fork();
+    if (pid < 0) return -1;
+    if (pid == 0) {
+        int rc = fn();
+        std::fflush(nullptr);
+        _exit(rc);
+    }
+    return wait_for(pid, timeout_s, 128 + SIGKILL);
+}
+
+int reap(pid_t pid, int timeout_s) { return wait_for(pid, timeout_s, -1); }
+
+ChildOutput run_captured(const std::function<int()> &fn, int timeout_s) {
+    ScratchDir dir;
+    const std::string out = dir.path() + "/out", err = dir.path() + "/err";
+    ChildOutput c{};
+    c.status = run_in_child(
+        [&] {
+            rlimit none{0, 0};
+            setrlimit(RLIMIT_CORE, &none);
+            const int fo = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            const int fe = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            if (fo < 0 || fe < 0 || dup2(fo, 1) < 0 || dup2(fe, 2) < 0) return 99;
+            return fn();
+        },
+        timeout_s);
+    c.out = read_file(out);
+    c.err = read_file(err);
+    return c;
+}
+
+int run_in_private_mounts(const char *dir, const std::function<int()> &fn, int timeout_s) {
+    return run_in_child(
+        [&] {
+            std::string why;
+            if (!private_mounts({dir}, &why)) {
+                std::fprintf(stderr, "%s\n", why.c_str());
+                return kNoMounts;
+            }
+            return fn();
+        },
+        timeout_s);
+}
+
+bool read_exact(int fd, void *buf, size_t n, int timeout_ms) {
+    for (auto *p = static_cast<char *>(buf); n > 0;) {
+        pollfd pf{fd, POLLIN, 0};
+        if (poll(&pf, 1, timeout_ms) != 1) return false;
+        ssize_t r = read(fd, p, n);
+        if (r < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+        if (r <= 0) return false;
+        p += r;
+        n -= static_cast<size_t>(r);
+    }
+    return true;
+}
+
+int open_fds() {
+    int n = 0;
+    if (DIR *d = opendir("/proc/self/fd")) {
+        for (dirent *e; (e = readdir(d)) != nullptr;) n += e->d_name[0] != '.';
+        closedir(d);
+    }
+    return n;
+}
+
+bool Done::wait(unsigned ms) {
+    timespec t{};
+    clock_gettime(CLOCK_REALTIME, &t);
+    t.tv_sec += ms / 1000;
+    t.tv_nsec += static_cast<long>(ms % 1000) * 1000000;
+    if (t.tv_nsec >= 1000000000) {
+        ++t.tv_sec;
+        t.tv_nsec -= 1000000000;
+    }
+    while (sem_timedwait(&s_, &t) != 0)
+        if (errno != EINTR) return false;
+    return true;
+}
+
+GuardPage::GuardPage() {
+    const long page = sysconf(_SC_PAGESIZE);
+    void *m = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (m == MAP_FAILED) return;
+    map_ = static_cast<char *>(m);
+    if (mprotect(map_ + page, page, PROT_NONE) == 0) end_ = map_ + page;
+}
+
+GuardPage::~GuardPage() {
+    if (map_ != nullptr) munmap(map_, 2 * sysconf(_SC_PAGESIZE));
 }
 
 static bool mkdirs(const std::string &path) {

@@ -2,6 +2,11 @@
 // capability checks.
 #pragma once
 
+#include <semaphore.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdio>
 #include <functional>
 #include <string>
 
@@ -77,3 +82,70 @@ private:
     int fd_ = -1;
 };
 }  // namespace kavro::test
+
+namespace kavro::test {
+// Exit status of the child pid (128 + signal); a child still running after
+// timeout_s seconds is killed and reported as -1.
+int reap(pid_t pid, int timeout_s = 60);
+
+// What a child wrote to its standard output and error, and its status.
+struct ChildOutput {
+    int status;
+    std::string out, err;
+};
+// run_in_child with the child's standard output and error caught; the child
+// leaves no core file.
+ChildOutput run_captured(const std::function<int()> &fn, int timeout_s = 60);
+
+// Status a child returns when it cannot have a private mount namespace.
+constexpr int kNoMounts = 77;
+// run_in_child in a private mount namespace with an empty tmpfs over dir.
+int run_in_private_mounts(const char *dir, const std::function<int()> &fn, int timeout_s = 60);
+
+// Reads exactly n bytes, waiting at most timeout_ms for each piece.
+bool read_exact(int fd, void *buf, size_t n, int timeout_ms = 10000);
+
+// Descriptors open in this process (the directory's own included).
+int open_fds();
+
+// A one-shot signal between threads whose wait is bounded.
+class Done {
+public:
+    Done() { sem_init(&s_, 0, 0); }
+    ~Done() { sem_destroy(&s_); }
+    Done(const Done &) = delete;
+    Done &operator=(const Done &) = delete;
+    void post() { sem_post(&s_); }
+    bool wait(unsigned ms = 10000);
+
+private:
+    sem_t s_;
+};
+
+// Two pages, the second inaccessible: end() is the first byte that faults.
+class GuardPage {
+public:
+    GuardPage();
+    ~GuardPage();
+    GuardPage(const GuardPage &) = delete;
+    GuardPage &operator=(const GuardPage &) = delete;
+    bool ok() const { return end_ != nullptr; }
+    char *end() const { return end_; }
+
+private:
+    char *map_ = nullptr, *end_ = nullptr;
+};
+}  // namespace kavro::test
+
+// Skips the current test when a child reported kNoMounts.
+#define KAVRO_SKIP_IF_NO_MOUNTS(rc) \
+    if ((rc) == ::kavro::test::kNoMounts) GTEST_SKIP() << "no private mount namespace"
+
+// In a forked child: says which check failed and ends the child's function with 1.
+#define CHILD_CHECK(c)                                                                  \
+    do {                                                                                \
+        if (!(c)) {                                                                     \
+            std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #c); \
+            return 1;                                                                   \
+        }                                                                               \
+    } while (0)
