@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,24 +14,14 @@
 
 namespace {
 
-struct Outcome {
-    int status;
-    std::string out, err;
-};
+using Outcome = kavro::test::ChildOutput;
 
-// Runs fn in a child whose standard output and error go to files.
+// Runs fn in a child whose standard output and error are caught.
 Outcome in_child(const std::function<void()> &fn) {
-    kavro::test::ScratchDir dir;
-    const std::string o = dir.path() + "/out", e = dir.path() + "/err";
-    int rc = kavro::test::run_in_child([&] {
-        rlimit none{0, 0};
-        setrlimit(RLIMIT_CORE, &none);  // no core file from err_dump
-        int fo = open(o.c_str(), O_WRONLY | O_CREAT, 0600), fe = open(e.c_str(), O_WRONLY | O_CREAT, 0600);
-        if (fo < 0 || fe < 0 || dup2(fo, 1) < 0 || dup2(fe, 2) < 0) return 99;
+    return kavro::test::run_captured([&] {
         fn();
         return 0;
     });
-    return {rc, kavro::test::read_file(o), kavro::test::read_file(e)};
 }
 
 TEST(ErrExit, RetAndMsgWriteBothStreamsAndReturn) {

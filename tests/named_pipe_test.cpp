@@ -2,7 +2,6 @@
 // against reader processes.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -30,39 +29,9 @@ using namespace kavro::detail;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
-int open_fds() {
-    int n = 0;
-    if (DIR *d = opendir("/proc/self/fd")) {
-        while (readdir(d) != nullptr) ++n;
-        closedir(d);
-    }
-    return n;
-}
-
-// Exit code of a child, or -1 when it had to be killed after `seconds`.
-int reap(pid_t pid, int seconds) {
-    int st = 0;
-    for (int i = 0; i < seconds * 500; ++i) {
-        if (waitpid(pid, &st, WNOHANG) == pid) return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-        usleep(2000);
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, &st, 0);
-    return -1;
-}
-
-bool read_exact(int fd, void *buf, size_t n, int timeout_ms = 10000) {
-    for (auto *p = static_cast<char *>(buf); n > 0;) {
-        pollfd pf{fd, POLLIN, 0};
-        if (poll(&pf, 1, timeout_ms) != 1) return false;
-        ssize_t r = read(fd, p, n);
-        if (r < 0 && (errno == EAGAIN || errno == EINTR)) continue;
-        if (r <= 0) return false;
-        p += r;
-        n -= static_cast<size_t>(r);
-    }
-    return true;
-}
+using kavro::test::open_fds;
+using kavro::test::read_exact;
+using kavro::test::reap;
 
 // A channel's four FIFO names, spelled out independently of the library.
 std::vector<std::string> channel_names(const std::string &root, uint32_t key, bool streams) {
@@ -394,22 +363,12 @@ TEST_F(Fifo, FullRankPipeIsReportedAtOnceWithoutALine) {
     EXPECT_EQ(got[1].size() + got[2].size() + got[3].size(), 1024u * ok);
 }
 
-#define CHILD_CHECK(c)                                                                  \
-    do {                                                                                \
-        if (!(c)) {                                                                     \
-            std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #c); \
-            return 1;                                                                   \
-        }                                                                               \
-    } while (0)
-
 // The trace queue's key comes from a file under the fixed install path:
 // run in a private mount namespace (and IPC namespace where possible).
 TEST_F(Fifo, TraceRecordsCarryTheHeadOfEachMessage) {
     if (fifo_trace_decided()) GTEST_SKIP() << "an earlier write in this process decided tracing";
     const std::string root = root_;
-    int rc = kavro::test::run_in_child([&root]() -> int {
-        std::string why;
-        if (!kavro::test::private_mounts({"/usr/torvanex"}, &why)) return 77;
+    int rc = kavro::test::run_in_private_mounts("/usr/torvanex", [&root]() -> int {
         unshare(CLONE_NEWIPC);
         const char *path = "/usr/torvanex/kmxipc/.DRVTRC";
         mkdir("/usr/torvanex/kmxipc", 0755);
@@ -439,7 +398,7 @@ TEST_F(Fifo, TraceRecordsCarryTheHeadOfEachMessage) {
         msgctl(q, IPC_RMID, nullptr);
         return 0;
     });
-    if (rc == 77) GTEST_SKIP() << "no private mount namespace";
+    KAVRO_SKIP_IF_NO_MOUNTS(rc);
     if (rc == 78) GTEST_SKIP() << "the trace key is taken by another queue";
     EXPECT_EQ(rc, 0);
 }

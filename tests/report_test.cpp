@@ -48,75 +48,44 @@ TEST(Report, MYerrorWritesRedLineWithoutNewlineAndCounts) {
     EXPECT_EQ(global_error, before + 1);
 }
 
-TEST(Report, UnexpectedFailureIsRedCountedAndReturnsMinusOne) {
-    const int32_t before = global_error;
-    int32_t rc = 0;
-    const std::string out = capture(2, [&] {
-        errno = EINVAL;
-        rc = MY_c_perror(0, "f", 7, "t");
-    });
-    EXPECT_EQ(out, kRed + "UNEXPECTED f,7:t: " + msg(EINVAL) + "\n" + kReset);
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(global_error, before + 1);
-}
-
-TEST(Report, ExpectedFailureCountsOnlyWhenTheErrorDiffers) {
-    const int32_t before = global_error;
-    int32_t rc = -5;
-    std::string out = capture(2, [&] {
-        errno = EINTR;
-        rc = MY_c_perror(EINTR, "f", 7, "t");
-    });
-    EXPECT_EQ(out, "expected f,7:t: " + msg(EINTR) + "\n");
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(global_error, before);
-
-    out = capture(2, [&] {
-        errno = EINVAL;
-        rc = MY_c_perror(EINTR, "f", 7, "t");
-    });
-    EXPECT_EQ(out, "expected f,7:t: " + msg(EINVAL) + "\n" + kRed + "Expected: " + msg(EINTR) +
-                       "\n" + kReset);
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(errno, EINTR);
-    EXPECT_EQ(global_error, before + 1);
-
-    // A negative expectation accepts any error.
-    out = capture(2, [&] {
-        errno = EAGAIN;
-        rc = MY_c_perror(-1, "f", 7, "t");
-    });
-    EXPECT_EQ(out, "expected f,7:t: " + msg(EAGAIN) + "\n");
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(global_error, before + 1);
-}
-
-TEST(Report, NoErrorIsCoolUnlessAnErrorWasExpected) {
-    const int32_t before = global_error;
-    int32_t rc = -5;
-    std::string out = capture(2, [&] { rc = No_error(0, "f", 7, "t"); });
-    EXPECT_EQ(out, "Cool f,7:t\n" + kReset);
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(global_error, before);
-
-    out = capture(2, [&] {
-        errno = 0;
-        rc = No_error(ETIMEDOUT, "f", 7, "t");
-    });
-    EXPECT_EQ(out, kRed + "ERROR expected but not found f,7:t\n" + kReset + "Found   : " + msg(0) +
-                       "\nExpected: " + msg(ETIMEDOUT) + "\n" + kReset);
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(global_error, before + 1);
-
-    // errno already holding the expected error (or any, for a negative
-    // expectation): no Found/Expected lines, still a failure.
-    out = capture(2, [&] {
-        errno = ETIMEDOUT;
-        rc = No_error(ETIMEDOUT, "f", 7, "t");
-    });
-    EXPECT_EQ(out, kRed + "ERROR expected but not found f,7:t\n" + kReset + kReset);
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(global_error, before + 2);
+// MY_c_perror and No_error: the text, the result, whether the failure counts
+// (and the expected error left in errno after a mismatch).
+TEST(Report, ErrorCheckersPrintReturnAndCount) {
+    const std::string miss = kRed + "ERROR expected but not found f,7:t\n" + kReset;
+    const struct {
+        bool perror;
+        int expected, errnoBefore;
+        std::string out;
+        int32_t rc;
+        int counted, errnoAfter;
+    } cases[] = {
+        {true, 0, EINVAL, kRed + "UNEXPECTED f,7:t: " + msg(EINVAL) + "\n" + kReset, -1, 1, -1},
+        {true, EINTR, EINTR, "expected f,7:t: " + msg(EINTR) + "\n", 0, 0, -1},
+        {true, EINTR, EINVAL, "expected f,7:t: " + msg(EINVAL) + "\n" + kRed + "Expected: " + msg(EINTR) + "\n" + kReset,
+         0, 1, EINTR},
+        {true, -1, EAGAIN, "expected f,7:t: " + msg(EAGAIN) + "\n", 0, 0, -1},  // any error will do
+        {false, 0, EAGAIN, "Cool f,7:t\n" + kReset, 0, 0, -1},
+        {false, ETIMEDOUT, 0, miss + "Found   : " + msg(0) + "\nExpected: " + msg(ETIMEDOUT) + "\n" + kReset, -1, 1, -1},
+        // errno already holds the expected error: no Found/Expected lines, still a failure.
+        {false, ETIMEDOUT, ETIMEDOUT, miss + kReset, -1, 1, -1},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.out);
+        const int32_t before = global_error;
+        int32_t rc = -5;
+        int after = 0;
+        EXPECT_EQ(capture(2, [&] {
+                      errno = c.errnoBefore;
+                      rc = c.perror ? MY_c_perror(c.expected, "f", 7, "t") : No_error(c.expected, "f", 7, "t");
+                      after = errno;
+                  }),
+                  c.out);
+        EXPECT_EQ(rc, c.rc);
+        EXPECT_EQ(global_error, before + c.counted);
+        if (c.errnoAfter >= 0) {
+            EXPECT_EQ(after, c.errnoAfter);
+        }
+    }
 }
 
 TEST(Report, PrintersFlushStandardErrorBeforeStandardOutput) {
@@ -136,23 +105,21 @@ TEST(Report, PrintersFlushStandardErrorBeforeStandardOutput) {
 }
 
 TEST(Report, MYperrorEndsTheProcessWithTheCountAndASummary) {
-    ScratchDir dir;
-    const std::string path = dir.path() + "/err";
-    auto run = [&](int earlier) {
-        return run_in_child([&] {
-            const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            dup2(fd, 2);
+    auto run = [](int earlier) {
+        return kavro::test::run_captured([earlier] {
             global_error = earlier;
             errno = ENOENT;
             MYperror("src/m.c", 40, "timer_create(...)");
             return 99;  // not reached
         });
     };
-    EXPECT_EQ(run(0), 1);
-    EXPECT_EQ(read_file(path), kRed + "src/m.c,40:timer_create(...): " + msg(ENOENT) + "\n" + kReset +
-                                   kRed + "End of test, 1 error(s) found.\n" + kReset);
-    EXPECT_EQ(run(2), 3);
-    EXPECT_NE(read_file(path).find("End of test, 3 error(s) found.\n"), std::string::npos);
+    auto r = run(0);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, kRed + "src/m.c,40:timer_create(...): " + msg(ENOENT) + "\n" + kReset + kRed +
+                         "End of test, 1 error(s) found.\n" + kReset);
+    r = run(2);
+    EXPECT_EQ(r.status, 3);
+    EXPECT_NE(r.err.find("End of test, 3 error(s) found.\n"), std::string::npos);
 }
 
 TEST(Report, DivisionPrintersSplitWithTheSignOfTheValue) {
