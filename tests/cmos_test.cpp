@@ -33,31 +33,16 @@ using kavro::test::ScratchDir;
 using kavro::test::write_file;
 
 using Env = std::vector<std::pair<std::string, std::string>>;
-constexpr int kNoMounts = 77;
+using Child = kavro::test::ChildOutput;
+using kavro::test::kNoMounts;
 
-struct Child {
-    int status;
-    std::string out, err;
-};
-
-// Runs fn in a forked child with the environment `env`, its standard output
-// and error captured; fn's result is the exit status.
-Child in_child(const Env &env, const std::function<int()> &fn, int timeout_s = 60) {
-    ScratchDir dir;
-    const std::string out = dir.path() + "/out", err = dir.path() + "/err";
-    Child c{};
-    c.status = kavro::test::run_in_child(
-        [&] {
-            dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-            dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-            for (const auto &[k, v] : env) setenv(k.c_str(), v.c_str(), 1);
-            tzset();
-            return fn();
-        },
-        timeout_s);
-    c.out = read_file(out);
-    c.err = read_file(err);
-    return c;
+// run_captured with the environment `env` set first.
+Child in_child(const Env &env, const std::function<int()> &fn) {
+    return kavro::test::run_captured([&] {
+        for (const auto &[k, v] : env) setenv(k.c_str(), v.c_str(), 1);
+        tzset();
+        return fn();
+    });
 }
 
 // In the child: a private /etc/sysconfig holding `text` as the clock file
@@ -70,9 +55,6 @@ bool clock_file(const char *text) {
     }
     return text == nullptr || write_file(kSysconfigClockPath, text);
 }
-
-#define SKIP_WITHOUT_MOUNTS(c) \
-    if ((c).status == kNoMounts) GTEST_SKIP() << "no private mounts: " << (c).err
 
 std::vector<std::string> lines_with(const std::string &text, const std::string &part) {
     std::vector<std::string> found;
@@ -129,7 +111,7 @@ TEST(ClockFile, FixedPathDefaultsToUtcWithAReason) {
         std::printf("%s", got.c_str());
         return 0;
     });
-    SKIP_WITHOUT_MOUNTS(c);
+    KAVRO_SKIP_IF_NO_MOUNTS(c.status) << c.err;
     ASSERT_EQ(c.status, 0) << c.err;
     EXPECT_EQ(c.out, "1 0 1 1 1");
     const std::string fn = "KAVRO:GetSycconfigCMOSClockUTCSetting: ";
@@ -184,7 +166,7 @@ TEST(CmosEnvironment, VariablesSetIntervalOffsetAndReport) {
                         g_UTCDelta);
             return 0;
         });
-        SKIP_WITHOUT_MOUNTS(r);
+        KAVRO_SKIP_IF_NO_MOUNTS(r.status) << r.err;
         ASSERT_EQ(r.status, 0) << r.err;
         const std::string label = c.env.empty() ? "no variable" : c.env.front().second;
         EXPECT_EQ(r.err, c.err) << label;
@@ -328,7 +310,7 @@ void expect_writes_land(const Landing &l) {
         execl("/proc/self/exe", "cmos_test", static_cast<char *>(nullptr));
         return 127;
     });
-    SKIP_WITHOUT_MOUNTS(c);
+    KAVRO_SKIP_IF_NO_MOUNTS(c.status) << c.err;
     ASSERT_EQ(c.status, 0) << c.err;
 
     std::vector<kavro_rtc_set> sets;

@@ -1,9 +1,6 @@
 // The formatter's dialect: numbers, strings, the f conversion, bounds.
 #include <gtest/gtest.h>
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <climits>
 #include <cmath>
 #include <cstdarg>
@@ -11,6 +8,7 @@
 #include <string>
 
 #include "kavro_rt/format.h"
+#include "test_support.hpp"
 
 namespace {
 
@@ -74,14 +72,10 @@ TEST(Format, ZeroFillIsCappedToTheNumberBuffer) {
     EXPECT_EQ(std::strlen(wide.c_str()), 65536u);
 
     // The longest numeric text ends exactly at an unmapped page.
-    const long page = sysconf(_SC_PAGESIZE);
-    auto *map = static_cast<char *>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE,
-                                         MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    ASSERT_NE(map, MAP_FAILED);
-    ASSERT_EQ(mprotect(map + page, page, PROT_NONE), 0);
-    GP_sprintf(map + page - 17, "%0099o", 1);
-    EXPECT_STREQ(map + page - 17, "0000000000000001");
-    munmap(map, 2 * page);
+    kavro::test::GuardPage guard;
+    ASSERT_TRUE(guard.ok());
+    GP_sprintf(guard.end() - 17, "%0099o", 1);
+    EXPECT_STREQ(guard.end() - 17, "0000000000000001");
 }
 
 // Every flag sequence, width and conversion: bounded text, and the arguments

@@ -128,9 +128,7 @@ TEST(CliTool, ExitStatusesAndOutputs) {
 }
 
 TEST(CliTool, RegistryRoundTripInPrivateMounts) {
-    int rc = kavro::test::run_in_child([] {
-        std::string why;
-        if (!kavro::test::private_mounts({"/usr/torvanex"}, &why)) return 2;
+    int rc = kavro::test::run_in_private_mounts("/usr/torvanex", [] {
         system("mkdir -p /usr/torvanex/cfg && printf 'Tmr\\nPeriod\\nREG_DWORD\\n10\\n' > /usr/torvanex/cfg/.registry");
         if (run_tool("reg get Tmr Period --dword").out != "16\n") return 3;  // stored hex
         if (run_tool("reg set Net Host alpha").status != 0) return 4;
@@ -142,7 +140,7 @@ TEST(CliTool, RegistryRoundTripInPrivateMounts) {
         if (missing.status != 1 || missing.out.find("no entry Nope Nothing") == std::string::npos) return 8;
         return 0;
     });
-    if (rc == 2) GTEST_SKIP() << "private mount namespace not available";
+    KAVRO_SKIP_IF_NO_MOUNTS(rc);
     EXPECT_EQ(rc, 0);
 }
 

@@ -22,12 +22,9 @@ using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 
 const char kBoard[] = "/usr/torvanex/cfg/.board.0";
-constexpr int kNoNamespace = 77;
 
 TEST(LdrInit, FirstInitWritesTheBoardFileAndLaterOnesOnlyCount) {
-    const int rc = kavro::test::run_in_child([] {
-        std::string why;
-        if (!kavro::test::private_mounts({"/usr/torvanex"}, &why)) return kNoNamespace;
+    const int rc = kavro::test::run_in_private_mounts("/usr/torvanex", [] {
         mkdir("/usr/torvanex/cfg", 0755);
         kavro::test::write_file(kBoard, "stale board");
         EXPECT_EQ(LDR_Init(), 0);
@@ -47,7 +44,7 @@ TEST(LdrInit, FirstInitWritesTheBoardFileAndLaterOnesOnlyCount) {
         LDR_Exit();
         return testing::Test::HasFailure() ? 1 : 0;
     });
-    if (rc == kNoNamespace) GTEST_SKIP() << "no private mount namespace for /usr/torvanex";
+    KAVRO_SKIP_IF_NO_MOUNTS(rc);
     EXPECT_EQ(rc, 0);
 }
 

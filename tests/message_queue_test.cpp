@@ -128,7 +128,6 @@ TEST_F(MsgQueue, FullQueueWaitsForAReaderOrGivesUp) {
     rec.msgType = 1;
     EXPECT_EQ(kavro::detail::msgq_send_polling(qid(h), &rec, IPC_NOWAIT, 3, 1000), KAVRO_E_AGAIN);
 
-    int rc = -1;
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
@@ -137,8 +136,7 @@ TEST_F(MsgQueue, FullQueueWaitsForAReaderOrGivesUp) {
         _exit(IPC_MSGQ_Rcv(h, data, sizeof data, &len, 1, 0) == 0 ? 0 : 1);
     }
     EXPECT_EQ(IPC_MSGQ_Send(h, data, 100, 1, 0), 0u);
-    waitpid(pid, &rc, 0);
-    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(kavro::test::reap(pid), 0);
     EXPECT_EQ(queued(qid(h)), 2u);
 }
 
@@ -165,9 +163,7 @@ TEST_F(MsgQueue, WaitingReceiverGetsALaterMessageDespiteSignals) {
     ASSERT_EQ(read(ready[0], &c, 1), 1);
     for (int i = 0; i < 5; ++i, usleep(20000)) kill(pid, SIGUSR1);
     ASSERT_EQ(IPC_MSGQ_Send(h, "end", 3, 5, 0), 0u);
-    int rc = -1;
-    waitpid(pid, &rc, 0);
-    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(kavro::test::reap(pid), 0);
     close(ready[0]);
 }
 

@@ -28,7 +28,6 @@ using testing::internal::GetCapturedStderr;
 
 const char kReg[] = "/usr/torvanex/cfg/.registry";
 const char kTmp[] = "/usr/torvanex/cfg/.registry.1";
-constexpr int kNoNamespace = 77;
 
 std::string rec(const std::string &sub, const std::string &entry, const std::string &type, const std::string &value) {
     return sub + "\n" + entry + "\n" + type + "\n" + value + "\n";
@@ -194,10 +193,9 @@ TEST(RegWrite, ReplacesOnlyTheValueLinesOrAppendsTheRecord) {
 
 // Runs body in a child with an empty private /usr/torvanex/cfg.
 int in_private_torvanex(const std::function<void()> &body) {
-    return kavro::test::run_in_child(
+    return kavro::test::run_in_private_mounts(
+        "/usr/torvanex",
         [&] {
-            std::string why;
-            if (!kavro::test::private_mounts({"/usr/torvanex"}, &why)) return kNoNamespace;
             if (mkdir("/usr/torvanex/cfg", 0755) != 0) return 2;
             body();
             return testing::Test::HasFailure() ? 1 : 0;
@@ -205,11 +203,11 @@ int in_private_torvanex(const std::function<void()> &body) {
         240);
 }
 
-#define EXPECT_CHILD_PASSED(rc)                                                                  \
-    do {                                                                                         \
-        const int rc_ = (rc);                                                                    \
-        if (rc_ == kNoNamespace) GTEST_SKIP() << "no private mount namespace for /usr/torvanex"; \
-        EXPECT_EQ(rc_, 0);                                                                       \
+#define EXPECT_CHILD_PASSED(rc)            \
+    do {                                   \
+        const int rc_ = (rc);              \
+        KAVRO_SKIP_IF_NO_MOUNTS(rc_);      \
+        EXPECT_EQ(rc_, 0);                 \
     } while (0)
 
 const std::string kSample = rec("Tmr", "Period", "REG_DWORD", "10") + rec("App", "Name", "REG_SZ", "hello world");

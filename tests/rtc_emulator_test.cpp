@@ -21,8 +21,6 @@
 
 namespace {
 
-using kavro::test::read_file;
-using kavro::test::ScratchDir;
 
 int64_t mono_us() {
     timespec t{};
@@ -145,18 +143,15 @@ using Env = std::vector<std::pair<std::string, std::string>>;
 
 // Output of this program run as `role` with the emulator preloaded.
 std::string run_role(const char *role, const Env &env = {}) {
-    ScratchDir dir;
-    const std::string out = dir.path() + "/out";
-    const int rc = kavro::test::run_in_child([&] {
-        dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+    const auto c = kavro::test::run_captured([&] {
         for (const auto &[k, v] : env) setenv(k.c_str(), v.c_str(), 1);
         setenv("KAVRO_EMU_ROLE", role, 1);
         setenv("LD_PRELOAD", KAVRO_RTC_EMULATOR_PATH, 1);
         execl("/proc/self/exe", "rtc_emulator_test", static_cast<char *>(nullptr));
         return 127;
     }, 20);
-    EXPECT_EQ(rc, 0) << role;
-    return read_file(out);
+    EXPECT_EQ(c.status, 0) << role << ": " << c.err;
+    return c.out;
 }
 
 std::vector<std::pair<unsigned, long long>> irqs(const std::string &out) {

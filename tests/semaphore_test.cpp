@@ -72,12 +72,9 @@ struct Child {
         return poll(&p, 1, timeout_ms) == 1 && read(fds[0], &c, 1) == 1;
     }
     int exit_code() {  // -1 when it did not end within 20 s
-        for (int i = 0, st = 0; i < 10000; ++i, usleep(2000))
-            if (waitpid(pid, &st, WNOHANG) == pid) {
-                pid = -1;
-                return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-            }
-        return -1;
+        const int rc = kavro::test::reap(pid, 20);
+        pid = -1;
+        return rc;
     }
     static void say(int fd) { (void)!write(fd, "x", 1); }
     pid_t pid = -1;

@@ -85,9 +85,7 @@ TEST_F(SharedMem, CreatorStampsAndAnotherProcessSeesTheSameSegment) {
     EXPECT_EQ(first_word(fresh_addr), KAVRO_SHM_MARKER);
     EXPECT_TRUE(zero_after_marker(fresh_addr));
     ASSERT_EQ(write(go[1], "g", 1), 1);
-    int status = -1;
-    waitpid(pid, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(kavro::test::reap(pid), 0);
     EXPECT_EQ(IPC_SHM_Delete(fresh), 0u);
     for (int fd : {ready[0], go[0], go[1]}) close(fd);
 }

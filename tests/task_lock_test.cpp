@@ -21,18 +21,7 @@ namespace {
 using kavro::detail::lck_first_lock;
 using kavro::detail::lck_lock2;
 
-struct Done {
-    sem_t s;
-    Done() { sem_init(&s, 0, 0); }
-    ~Done() { sem_destroy(&s); }
-    void post() { sem_post(&s); }
-    bool wait(uint32_t ms = 10000) {
-        timespec t = kavro::detail::wall_deadline(ms);
-        while (sem_timedwait(&s, &t) != 0)
-            if (errno != EINTR) return false;
-        return true;
-    }
-};
+using kavro::test::Done;
 
 struct Sched {
     int policy = -1;

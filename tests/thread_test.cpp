@@ -24,19 +24,7 @@ namespace {
 using kavro::detail::mem_counters;
 using kavro::detail::thread_live_count;
 
-// A bounded one-shot signal between a created thread and the test.
-struct Done {
-    sem_t s;
-    Done() { sem_init(&s, 0, 0); }
-    ~Done() { sem_destroy(&s); }
-    void post() { sem_post(&s); }
-    bool wait(uint32_t ms = 10000) {
-        timespec t = kavro::detail::wall_deadline(ms);
-        while (sem_timedwait(&s, &t) != 0)
-            if (errno != EINTR) return false;
-        return true;
-    }
-};
+using kavro::test::Done;
 
 // What a thread saw of itself.
 struct Seen {

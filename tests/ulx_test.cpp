@@ -1,7 +1,6 @@
 // The process layer: deadlines, processor count, daemonising.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/stat.h>
@@ -89,12 +88,7 @@ TEST(Daemonize, DetachesToDevNullClosesDescriptorsAndLogsToSyslog) {
             fstat(fd, &fd_st);
             out += (fd_st.st_rdev == null_st.st_rdev && S_ISCHR(fd_st.st_mode)) ? "n" : "x";
         }
-        int open_fds = 0;
-        if (DIR *d = opendir("/proc/self/fd")) {
-            while (dirent *e = readdir(d)) open_fds += e->d_name[0] != '.';
-            closedir(d);
-        }
-        out += " fds=" + std::to_string(open_fds - 1);  // minus the directory's own
+        out += " fds=" + std::to_string(kavro::test::open_fds() - 1);  // minus the directory's own
         out += " daemonized=" + std::to_string(PEL_daemonized);
         out += " umask=" + std::to_string(umask(0));
         int policy = sched_getscheduler(0);

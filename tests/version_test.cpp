@@ -1,13 +1,11 @@
 // Version text from identity strings: forms, release kinds, refusals.
 #include <gtest/gtest.h>
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstring>
 #include <string>
 
 #include "kavro_rt/version.h"
+#include "test_support.hpp"
 
 namespace {
 
@@ -67,16 +65,12 @@ TEST(Version, RefusedStrings) {
 
     // An unterminated string ending at an unmapped page is read no further
     // than the bound.
-    const long page = sysconf(_SC_PAGESIZE);
-    auto *map = static_cast<char *>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE,
-                                         MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    ASSERT_NE(map, MAP_FAILED);
-    ASSERT_EQ(mprotect(map + page, page, PROT_NONE), 0);
-    char *s = map + page - (KAVRO_VERSION_ID_MAX + 1);
+    kavro::test::GuardPage guard;
+    ASSERT_TRUE(guard.ok());
+    char *s = guard.end() - (KAVRO_VERSION_ID_MAX + 1);
     std::memset(s, 'z', KAVRO_VERSION_ID_MAX + 1);
     std::memcpy(s, "TXcid 01001000-", 15);
     EXPECT_EQ(text(s, 1), "<refused>");
-    munmap(map, 2 * page);
 }
 
 }  // namespace
