@@ -10,12 +10,16 @@ inline constexpr int32_t kNetNameSize = 32;  // a name slot, terminator included
 // Collects the interface name at the start of one /proc/net/dev line, fed one
 // character at a time so that lines of any length cost no buffer: blanks are
 // skipped wherever they stand, ':' ends the name, and a name that reaches 32
-// characters first, or a line without ':', yields nothing.
+// characters first, or a line without ':', yields nothing. So does a NUL
+// byte before the ':': the name would be stored cut short at it (an empty
+// one would end the list of names).
 class DevNameScanner {
 public:
     void feed(char c) {
         if (state_ != State::Scanning || c == ' ') return;
-        if (c == ':') {
+        if (c == '\0') {
+            state_ = State::Dropped;
+        } else if (c == ':') {
             name_[len_] = '\0';
             state_ = State::Done;
         } else if (len_ == kNetNameSize - 1) {

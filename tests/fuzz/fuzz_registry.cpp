@@ -1,0 +1,187 @@
+// The registry's record reader, lookup and rewrite on arbitrary text.
+//
+// Input: one control byte, then the subkey, the entry and the string value,
+// each ended by a NUL byte, then the registry text. The text is read twice,
+// in place and streamed in uneven chunks through the smallest buffer the
+// streamed reader allows; both readings must agree line for line, in the
+// lookup's result and in the rewritten registry. A rewrite applied twice
+// changes nothing the second time.
+#include <cstring>
+#include <string>
+
+#include "fuzz_targets.hpp"
+#include "registry.hpp"
+
+namespace kavro::fuzz {
+namespace {
+
+using namespace kavro::detail;
+
+// Streams the text in chunks of sizes drawn from a seed; with `fail_at`
+// set, the read that would pass that offset fails.
+struct Chunks {
+    const char *p;
+    size_t n;
+    size_t pos = 0;
+    uint32_t seed;
+    size_t fail_at = SIZE_MAX;
+};
+
+long chunk_read(void *ctx, char *buf, size_t cap) {
+    auto *c = static_cast<Chunks *>(ctx);
+    if (c->pos >= c->fail_at) return -1;
+    if (c->pos == c->n) return 0;
+    c->seed = c->seed * 1103515245u + 12345u;
+    size_t k = 1 + (c->seed >> 16) % 600;
+    if (k > cap) k = cap;
+    if (k > c->n - c->pos) k = c->n - c->pos;
+    std::memcpy(buf, c->p + c->pos, k);
+    c->pos += k;
+    return static_cast<long>(k);
+}
+
+bool string_write(void *ctx, const char *p, size_t n) {
+    static_cast<std::string *>(ctx)->append(p, n);
+    return true;
+}
+
+// A streamed reader over its own buffer of the smallest allowed size, so
+// that a read past the buffer is caught by the sanitizer.
+struct Streamed {
+    Chunks chunks;
+    char *buf = new char[2 * kRegPieceMax];
+    RegReader in;
+    Streamed(const std::string &text, uint32_t seed, size_t fail_at = SIZE_MAX)
+        : chunks{text.data(), text.size(), 0, seed, fail_at}, in(chunk_read, &chunks, buf, 2 * kRegPieceMax) {}
+    ~Streamed() { delete[] buf; }
+    Streamed(const Streamed &) = delete;
+    Streamed &operator=(const Streamed &) = delete;
+};
+
+const char *take_string(const uint8_t *&p, const uint8_t *end) {
+    const char *s = reinterpret_cast<const char *>(p);
+    const void *nul = std::memchr(p, 0, static_cast<size_t>(end - p));
+    if (nul == nullptr) return nullptr;
+    p = static_cast<const uint8_t *>(nul) + 1;
+    return s;
+}
+
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
+
+// What REG_SetValue lets through to the rewrite.
+bool valid_name(const char *s) {
+    const size_t n = std::strlen(s);
+    if (n == 0 || n > kRegTextMax) return false;
+    for (size_t i = 0; i < n; ++i)
+        if (is_space(s[i])) return false;
+    return true;
+}
+
+bool valid_value(const char *s) { return std::strlen(s) <= kRegTextMax && std::strchr(s, '\n') == nullptr; }
+
+KAVRO_STATUS lookup(RegReader &in, const char *subkey, const char *entry, uint32_t capacity, std::string *value) {
+    // The value buffer is exactly `capacity` bytes (at least one to point at).
+    char *buf = new char[capacity == 0 ? 1 : capacity];
+    std::memset(buf, 0x5A, capacity == 0 ? 1 : capacity);
+    const KAVRO_STATUS st = reg_lookup(in, subkey, entry, buf, capacity);
+    FUZZ_CHECK(st == 0 || st == static_cast<KAVRO_STATUS>(0x80004001) ||
+               st == static_cast<KAVRO_STATUS>(0x80004005) || st == static_cast<KAVRO_STATUS>(0x80070057));
+    if (st == 0) value->assign(buf, capacity);
+    delete[] buf;
+    return st;
+}
+
+std::string rewrite(RegReader &in, const char *subkey, const char *entry, uint32_t type, const void *value,
+                    KAVRO_STATUS *st) {
+    std::string out;
+    RegWriter w(string_write, &out);
+    *st = reg_rewrite(in, w, subkey, entry, type, value);
+    FUZZ_CHECK(*st == 0 || *st == static_cast<KAVRO_STATUS>(0x80004005));
+    return out;
+}
+
+}  // namespace
+
+int fuzz_registry(const uint8_t *data, size_t size) {
+    if (size == 0) return 0;
+    const uint8_t control = data[0];
+    const uint8_t *p = data + 1, *end = data + size;
+    const char *subkey = take_string(p, end);
+    const char *entry = subkey ? take_string(p, end) : nullptr;
+    const char *value = entry ? take_string(p, end) : nullptr;
+    if (value == nullptr) {
+        subkey = "Network";
+        entry = "Address";
+        value = "10.0.0.1";
+    }
+    const std::string text(reinterpret_cast<const char *>(p), static_cast<size_t>(end - p));
+    const uint32_t seed = control * 2654435761u + static_cast<uint32_t>(size);
+
+    // The two readers see the same lines.
+    {
+        RegReader mem(text.data(), text.size());
+        Streamed s(text, seed);
+        RegLine a{}, b{};
+        size_t total = 0;
+        for (;;) {
+            const bool ha = mem.next(&a), hb = s.in.next(&b);
+            FUZZ_CHECK(ha == hb);
+            if (!ha) break;
+            FUZZ_CHECK(a.n >= 1 && a.n <= kRegPieceMax && a.n == b.n && std::memcmp(a.p, b.p, a.n) == 0);
+            FUZZ_CHECK(std::memchr(a.p, '\n', a.n) == nullptr || a.p[a.n - 1] == '\n');
+            total += a.n;
+            (void)reg_parse_hex(a.p, a.n);
+        }
+        FUZZ_CHECK(total == text.size() && !s.in.failed());
+    }
+
+    // Lookup: in place and streamed alike; a read error is reported or the
+    // answer was found before it.
+    static const uint32_t kCapacities[] = {0, 1, 3, 4, 5, 16, 254, 255};
+    const uint32_t capacity = kCapacities[control & 7];
+    {
+        RegReader mem(text.data(), text.size());
+        Streamed s(text, seed);
+        std::string va, vb;
+        const KAVRO_STATUS sa = lookup(mem, subkey, entry, capacity, &va);
+        const KAVRO_STATUS sb = lookup(s.in, subkey, entry, capacity, &vb);
+        FUZZ_CHECK(sa == sb && va == vb);
+
+        Streamed broken(text, seed, text.size() / 2);
+        std::string vc;
+        const KAVRO_STATUS sc = lookup(broken.in, subkey, entry, capacity, &vc);
+        FUZZ_CHECK((sc == sa && vc == va) || sc == static_cast<KAVRO_STATUS>(0x80004005));
+    }
+
+    // Rewrite with names REG_SetValue would accept.
+    if (!valid_name(subkey)) subkey = "Network";
+    if (!valid_name(entry)) entry = "Address";
+    if (!valid_value(value)) value = "";
+    const uint32_t type = (control & 8) ? kRegDword : kRegSz;
+    uint32_t dword;
+    std::memcpy(&dword, data, size < sizeof dword ? size : sizeof dword);
+    const void *v = type == kRegSz ? static_cast<const void *>(value) : &dword;
+    {
+        RegReader mem(text.data(), text.size());
+        Streamed s(text, seed);
+        KAVRO_STATUS sa, sb;
+        const std::string ra = rewrite(mem, subkey, entry, type, v, &sa);
+        const std::string rb = rewrite(s.in, subkey, entry, type, v, &sb);
+        FUZZ_CHECK(sa == sb && ra == rb);
+        if (sa == 0) {
+            RegReader again(ra.data(), ra.size());
+            KAVRO_STATUS s2;
+            const std::string r2 = rewrite(again, subkey, entry, type, v, &s2);
+            FUZZ_CHECK(s2 == 0 && r2 == ra);
+        }
+        Streamed broken(text, seed, text.size() / 2);
+        KAVRO_STATUS sc;
+        (void)rewrite(broken.in, subkey, entry, type, v, &sc);
+        if (!text.empty()) FUZZ_CHECK(sc != 0);  // the copy is never complete
+    }
+    return 0;
+}
+
+}  // namespace kavro::fuzz
+
+KAVRO_FUZZ_ENTRY(kavro::fuzz::fuzz_registry)

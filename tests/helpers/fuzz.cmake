@@ -1,0 +1,9 @@
+# The fuzz targets also build into the replay test of the ordinary builds,
+# which feeds them the checked-in corpus (scripts/fuzz runs them under
+# libFuzzer with clang).
+if(TARGET fuzz_replay_test)
+  file(GLOB KAVRO_FUZZ_TARGETS CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/fuzz/fuzz_*.cpp)
+  target_sources(fuzz_replay_test PRIVATE ${KAVRO_FUZZ_TARGETS})
+  target_include_directories(fuzz_replay_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+  target_compile_definitions(fuzz_replay_test PRIVATE KAVRO_FUZZ_CORPUS="${CMAKE_CURRENT_SOURCE_DIR}/fuzz/corpus")
+endif()
