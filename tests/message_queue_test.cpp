@@ -128,15 +128,13 @@ TEST_F(MsgQueue, FullQueueWaitsForAReaderOrGivesUp) {
     rec.msgType = 1;
     EXPECT_EQ(kavro::detail::msgq_send_polling(qid(h), &rec, IPC_NOWAIT, 3, 1000), KAVRO_E_AGAIN);
 
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
+    kavro::test::ForkedChild reader([&](int) {
         usleep(300000);
         uint32_t len = 0;
-        _exit(IPC_MSGQ_Rcv(h, data, sizeof data, &len, 1, 0) == 0 ? 0 : 1);
-    }
+        return IPC_MSGQ_Rcv(h, data, sizeof data, &len, 1, 0) == 0 ? 0 : 1;
+    });
     EXPECT_EQ(IPC_MSGQ_Send(h, data, 100, 1, 0), 0u);
-    EXPECT_EQ(kavro::test::reap(pid), 0);
+    EXPECT_EQ(reader.exit_code(), 0);
     EXPECT_EQ(queued(qid(h)), 2u);
 }
 
@@ -144,27 +142,19 @@ TEST_F(MsgQueue, FullQueueWaitsForAReaderOrGivesUp) {
 TEST_F(MsgQueue, WaitingReceiverGetsALaterMessageDespiteSignals) {
     void *h = make();
     ASSERT_NE(h, nullptr);
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        alarm(30);
+    kavro::test::ForkedChild receiver([&](int fd) {
         struct sigaction sa {};
         sa.sa_handler = [](int) {};
         sigaction(SIGUSR1, &sa, nullptr);  // without SA_RESTART
-        if (write(ready[1], "r", 1) != 1) _exit(2);
+        kavro::test::ForkedChild::say(fd);
         char buf[8];
         uint32_t len = 0;
-        _exit(IPC_MSGQ_Rcv(h, buf, sizeof buf, &len, 5, MSG_NOERROR) == 0 && len == 3 ? 0 : 1);
-    }
-    close(ready[1]);  // a child that dies early ends the read below
-    char c = 0;
-    ASSERT_EQ(read(ready[0], &c, 1), 1);
-    for (int i = 0; i < 5; ++i, usleep(20000)) kill(pid, SIGUSR1);
+        return IPC_MSGQ_Rcv(h, buf, sizeof buf, &len, 5, MSG_NOERROR) == 0 && len == 3 ? 0 : 1;
+    });
+    ASSERT_TRUE(receiver.said());
+    for (int i = 0; i < 5; ++i, usleep(20000)) kill(receiver.pid, SIGUSR1);
     ASSERT_EQ(IPC_MSGQ_Send(h, "end", 3, 5, 0), 0u);
-    EXPECT_EQ(kavro::test::reap(pid), 0);
-    close(ready[0]);
+    EXPECT_EQ(receiver.exit_code(), 0);
 }
 
 TEST_F(MsgQueue, BadInputAnswersWithAStatus) {

@@ -52,34 +52,7 @@ struct UniqueKey {
     uint32_t key;
 };
 
-// A forked child that reports progress through a pipe; killed if it
-// outlives the test.
-struct Child {
-    template <typename Fn>
-    explicit Child(Fn fn) {
-        EXPECT_EQ(pipe(fds), 0);
-        fflush(nullptr);
-        if ((pid = fork()) == 0) _exit(fn(fds[1]));
-        close(fds[1]);
-    }
-    ~Child() {
-        if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
-        close(fds[0]);
-    }
-    bool said(int timeout_ms) {  // a byte came within timeout_ms
-        pollfd p{fds[0], POLLIN, 0};
-        char c;
-        return poll(&p, 1, timeout_ms) == 1 && read(fds[0], &c, 1) == 1;
-    }
-    int exit_code() {  // -1 when it did not end within 20 s
-        const int rc = kavro::test::reap(pid, 20);
-        pid = -1;
-        return rc;
-    }
-    static void say(int fd) { (void)!write(fd, "x", 1); }
-    pid_t pid = -1;
-    int fds[2] = {-1, -1};
-};
+using Child = kavro::test::ForkedChild;
 
 TEST(SemFront, DefaultIsCounterKindAndCountersCountCalls) {
     const uint32_t created = sem_created, freed = sem_freed, local = pthr_sem_created;

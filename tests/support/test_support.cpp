@@ -127,6 +127,44 @@ bool Done::wait(unsigned ms) {
     return true;
 }
 
+ForkedChild::ForkedChild(const std::function<int(int)> &fn) {
+    int fds[2];
+    if (pipe(fds) != 0) return;
+    std::fflush(nullptr);
+    if ((pid = fork()) == 0) {
+        close(fds[0]);
+        const int rc = fn(fds[1]);
+        std::fflush(nullptr);
+        _exit(rc);
+    }
+    close(fds[1]);
+    fd_ = fds[0];
+}
+
+ForkedChild::~ForkedChild() {
+    if (pid > 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    if (fd_ >= 0) close(fd_);
+}
+
+bool ForkedChild::said(int timeout_ms) {
+    pollfd p{fd_, POLLIN, 0};
+    char c;
+    return fd_ >= 0 && poll(&p, 1, timeout_ms) == 1 && read(fd_, &c, 1) == 1;
+}
+
+int ForkedChild::exit_code(int timeout_s) {
+    const int rc = reap(pid, timeout_s);
+    pid = -1;
+    return rc;
+}
+
+void ForkedChild::say(int fd) {
+    if (write(fd, "x", 1) != 1) std::perror("ForkedChild::say");
+}
+
 GuardPage::GuardPage() {
     const long page = sysconf(_SC_PAGESIZE);
     void *m = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

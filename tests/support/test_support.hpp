@@ -122,6 +122,25 @@ private:
     sem_t s_;
 };
 
+// A forked child running fn(fd), whose exit code is fn's result; it reports
+// progress by say(fd). Killed if it outlives the object.
+class ForkedChild {
+public:
+    explicit ForkedChild(const std::function<int(int)> &fn);
+    ~ForkedChild();
+    ForkedChild(const ForkedChild &) = delete;
+    ForkedChild &operator=(const ForkedChild &) = delete;
+    // True when the child said something within timeout_ms.
+    bool said(int timeout_ms = 10000);
+    // Exit status (128 + signal), or -1 when it did not end within timeout_s.
+    int exit_code(int timeout_s = 20);
+    static void say(int fd);
+    pid_t pid = -1;
+
+private:
+    int fd_ = -1;
+};
+
 // Two pages, the second inaccessible: end() is the first byte that faults.
 class GuardPage {
 public:
