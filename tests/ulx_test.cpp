@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include "internal.hpp"
 #include "kavro_rt/kavro_rt.h"
@@ -15,27 +16,27 @@
 
 namespace {
 
-timespec abs_at(long sec, long usec, uint32_t ms) {
-    timeval now{};
-    now.tv_sec = sec;
-    now.tv_usec = usec;
-    return kavro::detail::make_abs_time(now, ms);
-}
-
-TEST(Deadline, MillisecondsCarryIntoSeconds) {
-    timespec t = abs_at(10, 600000, 1500);
-    EXPECT_EQ(t.tv_sec, 12);
-    EXPECT_EQ(t.tv_nsec, 100000000);
-    t = abs_at(10, 999999, 999);
-    EXPECT_EQ(t.tv_sec, 11);
-    EXPECT_EQ(t.tv_nsec, 998999000);
-    t = abs_at(10, 250, 0);
-    EXPECT_EQ(t.tv_sec, 10);
-    EXPECT_EQ(t.tv_nsec, 250000);
-    // The longest finite wait still normalises.
-    t = abs_at(0, 999999, 0xFFFFFFFEu);
-    EXPECT_EQ(t.tv_sec, 4294967 + 1);
-    EXPECT_EQ(t.tv_nsec, 293999000);
+TEST(Deadline, ArithmeticCarriesAndNormalises) {
+    using namespace kavro::detail;
+    auto abs_at = [](long sec, long usec, uint32_t ms) {
+        timeval now{};
+        now.tv_sec = sec;
+        now.tv_usec = usec;
+        return make_abs_time(now, ms);
+    };
+    const std::pair<timespec, timespec> cases[] = {
+        {abs_at(10, 600000, 1500), {12, 100000000}},
+        {abs_at(10, 999999, 999), {11, 998999000}},
+        {abs_at(10, 250, 0), {10, 250000}},
+        {abs_at(0, 999999, 0xFFFFFFFEu), {4294967 + 1, 293999000}},  // the longest finite wait
+        {add_ms({5, 900000000}, 250), {6, 150000000}},
+        {add_ns({5, 900000000}, -1000000000LL), {4, 900000000}},
+        {add_ns({0, 100}, -200), {-1, 999999900}},
+    };
+    for (const auto &[got, want] : cases) {
+        EXPECT_EQ(got.tv_sec, want.tv_sec) << "want " << want.tv_sec << "." << want.tv_nsec;
+        EXPECT_EQ(got.tv_nsec, want.tv_nsec) << "want " << want.tv_sec << "." << want.tv_nsec;
+    }
 }
 
 TEST(Deadline, MakeAbsTimeReadsTheWallClock) {
@@ -46,19 +47,6 @@ TEST(Deadline, MakeAbsTimeReadsTheWallClock) {
     EXPECT_GE(kavro::detail::to_ns(t), static_cast<int64_t>(before.tv_sec) * 1000000000LL + before.tv_usec * 1000LL);
     EXPECT_LT(t.tv_nsec, 1000000000L);
     EXPECT_EQ(_ULX_MakeAbsTime(nullptr, 5), KAVRO_E_INVALIDARG);
-}
-
-TEST(Deadline, NanosecondArithmeticNormalises) {
-    timespec t{5, 900000000};
-    timespec u = kavro::detail::add_ms(t, 250);
-    EXPECT_EQ(u.tv_sec, 6);
-    EXPECT_EQ(u.tv_nsec, 150000000);
-    u = kavro::detail::add_ns(t, -1000000000LL);
-    EXPECT_EQ(u.tv_sec, 4);
-    EXPECT_EQ(u.tv_nsec, 900000000);
-    u = kavro::detail::add_ns(timespec{0, 100}, -200);
-    EXPECT_EQ(u.tv_sec, -1);
-    EXPECT_EQ(u.tv_nsec, 999999900);
 }
 
 TEST(Smp, ReportsOnlineProcessors) {
