@@ -38,18 +38,6 @@ constexpr const char kRateMinutes[] = "TORVANEX_CMOS_CLOCK_UPDATE_RATE_MINUTES";
 constexpr const char kRatePrivate[] = "TORVANEX_CMOS_CLOCK_UPDATE_RATE_PRIVATE";
 constexpr const char kOffsetUsec[] = "TORVANEX_CMOS_CLOCK_UPDATE_CMOS_OFFSET_USEC";
 
-// A decimal variable read as strtol reads it (leading digits, 0 for text),
-// kept within 32 bits as the 32-bit platform's strtol keeps it.
-bool env_strtol(const char *name, int32_t *out) {
-    const char *s = std::getenv(name);
-    if (s == nullptr) return false;
-    long long v = std::strtoll(s, nullptr, 10);
-    if (v > INT32_MAX) v = INT32_MAX;
-    if (v < INT32_MIN) v = INT32_MIN;
-    *out = static_cast<int32_t>(v);
-    return true;
-}
-
 bool refuse_negative(const char *name, int32_t v) {
     if (v >= 0) return false;
     diag("CMOS_GetEnvironment", "WARNING: Ignoring negative CMOS update rate %d from %s\n", v,

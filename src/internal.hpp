@@ -59,6 +59,12 @@ inline void count_up(uint32_t &counter, uint32_t by = 1) {
 // surrounding blanks allowed) or out of the 32-bit signed range.
 bool env_decimal(const char *name, int32_t *out);
 
+// Reads a variable as strtol reads it (leading blanks and sign, digits up to
+// the first other character, no digits give 0), held to 32 bits as on the
+// product's platform. False only when the variable is absent. The engine's
+// tuning variables are read this way.
+bool env_strtol(const char *name, int32_t *out);
+
 // True when the variable is present, whatever its value.
 bool env_present(const char *name);
 

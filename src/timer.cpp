@@ -90,19 +90,6 @@ void detect_vm() {
 
 // ---- tuning --------------------------------------------------------------------
 
-// The variable read as strtol reads it (leading blanks and sign, digits up to
-// the first other character, no digits gives 0), held to 32 bits as on the
-// product's platform. False when absent.
-bool env_strtol(const char *name, int32_t *out) {
-    const char *s = std::getenv(name);
-    if (s == nullptr) return false;
-    long v = std::strtol(s, nullptr, 10);
-    if (v > INT32_MAX) v = INT32_MAX;
-    if (v < INT32_MIN) v = INT32_MIN;
-    *out = static_cast<int32_t>(v);
-    return true;
-}
-
 // ---- start-up of the sources ---------------------------------------------------------
 
 void make_table() {
