@@ -3,8 +3,8 @@
 
 Google Benchmark programs (*_bench) register a path as "<path>/kavro" and its
 references as "<path>/ref:<what>"; each pair becomes a row with the ratio of
-real time per iteration (below 1.0: the library is faster). Stand-alone
-measuring programs (*_tool) print "RESULT key=value ..." lines.
+real time per iteration (below 1.0: the library is faster). The tick
+latency measurement `kavro latency` prints a "RESULT key=value ..." line.
 """
 import argparse
 import datetime
@@ -174,13 +174,13 @@ def main():
         sections.append((name, table, loose))
 
     tick = None
-    tool = os.path.join(a.bindir, "tick_latency_tool")
+    tool = os.path.join(a.bindir, "..", "tools", "kavro")
     if os.access(tool, os.X_OK):
         print(f"bench: tick latency, {a.seconds} s ...", file=sys.stderr)
-        rc, out, err = sh([tool, str(a.seconds)], timeout=a.seconds + 60)
+        rc, out, err = sh([tool, "latency", "--seconds", str(a.seconds), "--quiet"], timeout=a.seconds + 60)
         tick = parse_result(out)
         if tick is None:
-            log.append(f"tick_latency_tool gave no result ({rc}): {err.strip()[:200]}")
+            log.append(f"kavro latency gave no result ({rc}): {err.strip()[:200]}")
     print(f"bench: cyclictest, {a.seconds} s ...", file=sys.stderr)
     cyc = cyclictest(a.seconds, log)
     svsem = reference_tool(["svsematest", "-l", "20000", "-q"], r"Avg\s+(\d+)", log)

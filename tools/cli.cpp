@@ -28,8 +28,9 @@ std::string usage() {
            "  reg set SUBKEY ENTRY VALUE [--dword]    write a registry value (string unless --dword)\n"
            "  reg list                                every record of the registry\n"
            "  ipc [--root DIR]                        named-pipe channels and System V objects\n"
-           "  latency [--seconds N] [--svg FILE] [--quiet]\n"
+           "  latency [--seconds N] [--svg FILE] [--quiet] [--idle]\n"
            "                                          measure the 2 ms tick's lateness here\n"
+           "                                          (--idle: let the CPU enter deep idle states)\n"
            "  help                                    this text\n";
 }
 
@@ -90,6 +91,8 @@ bool parse(const std::vector<std::string> &argv, Options *out, std::string *erro
             o.svg = *v;
         } else if (a == "--quiet" && o.command == Command::Latency) {
             o.quiet = true;
+        } else if (a == "--idle" && o.command == Command::Latency) {
+            o.idle = true;
         } else if (a == "--root" && o.command == Command::Ipc) {
             const std::string *v = value("a directory");
             if (!v) return false;

@@ -20,6 +20,7 @@ struct Options {
     int seconds = 10;               // latency --seconds
     std::string svg;                // latency --svg FILE
     bool quiet = false;             // latency --quiet: no live progress line
+    bool idle = false;              // latency --idle: leave the CPU idle states alone
     std::string root;               // ipc --root DIR (default: $TRVXROOT)
 };
 
