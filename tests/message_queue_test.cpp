@@ -161,23 +161,16 @@ TEST_F(MsgQueue, BadInputAnswersWithAStatus) {
     void *h = reinterpret_cast<void *>(1);
     EXPECT_EQ(IPC_MSGQ_Create(&h, 0, nullptr), KAVRO_E_INVALIDARG);
     EXPECT_EQ(h, nullptr);
-    EXPECT_EQ(IPC_MSGQ_Create(nullptr, 0, "x"), KAVRO_E_INVALIDARG);
     void *a = make(), *b = make();  // key 0 with a name: a new queue each time
     ASSERT_TRUE(a != nullptr && b != nullptr);
     EXPECT_NE(qid(a), qid(b));
 
     char buf[8];
     uint32_t len = 0;
-    EXPECT_EQ(IPC_MSGQ_Send(a, nullptr, 1, 1, 0), KAVRO_E_INVALIDARG);
-    EXPECT_EQ(IPC_MSGQ_Send(a, buf, 0, 1, 0), KAVRO_E_INVALIDARG);
-    EXPECT_EQ(IPC_MSGQ_Rcv(a, nullptr, 8, &len, 1, 0), KAVRO_E_INVALIDARG);
+    // On a live queue (null handles are the robustness table's).
     EXPECT_EQ(IPC_MSGQ_Rcv(a, buf, -1, &len, 1, 0), KAVRO_E_INVALIDARG);
-    EXPECT_EQ(IPC_MSGQ_Rcv(a, buf, 8, nullptr, 1, 0), KAVRO_E_INVALIDARG);
     EXPECT_EQ(mesg_send(qid(a), nullptr, 0), -1);
     EXPECT_EQ(mesg_recv(qid(a), nullptr, 8, 0), -1);
-    uint32_t foreign[2] = {KAVRO_TAG_MBX, 0};
-    EXPECT_EQ(IPC_MSGQ_Send(foreign, buf, 1, 1, 0), KAVRO_E_FAIL);
-    EXPECT_EQ(IPC_MSGQ_Delete(nullptr), KAVRO_E_INVALIDARG);  // the default queue, 0
 
     // A failing send through the reporting twin leaves a line.
     MessageRecord rec{};

@@ -66,12 +66,9 @@ TEST(Net, ArgumentsAndUnsupportedCalls) {
     InterfaceRecord *rec = reinterpret_cast<InterfaceRecord *>(&rec);
     EXPECT_EQ(NET_GetNextInterface(&rec), KAVRO_E_FAIL);
     EXPECT_EQ(rec, nullptr);
-    EXPECT_EQ(NET_GetInterface(nullptr), KAVRO_E_INVALIDARG);
 
     InterfaceRecord r{KAVRO_TAG_NET, "lo"};
     char text[KAVRO_NET_MAC_TEXT_SIZE];
-    EXPECT_EQ(NET_GetMacAddress(nullptr, text), KAVRO_E_INVALIDARG);
-    EXPECT_EQ(NET_GetMacAddress(&r, nullptr), KAVRO_E_FAIL);
     // Unknown names, names the kernel cannot have, unterminated names.
     for (const char *name : {"no-such-if0", "sixteen-chars-xx", ""}) {
         std::strcpy(r.name, name);

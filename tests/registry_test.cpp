@@ -247,7 +247,6 @@ TEST(RegFile, ReadWriteAndArguments) {
         EXPECT_EQ(GetCapturedStderr(), "KAVRO:REG_GetValue: (!pstrSubkey) || (!pstrEntry) || (!pdwValueSize)\n"
                                        "KAVRO:REG_GetValue: (!pValue)\n"
                                        "KAVRO:REG_GetValue: do not support valid key (phKey)\n");
-        EXPECT_EQ(REG_SetValue(nullptr, "S", "E", KAVRO_REG_SZ, "v", nullptr), KAVRO_E_INVALIDARG);
         CaptureStderr();  // names that could not be found again, values that would not read back
         for (const std::string &bad : {std::string("My Key"), std::string(), std::string(254, 's')})
             EXPECT_EQ(REG_SetValue(nullptr, bad.c_str(), "E", KAVRO_REG_SZ, "v", &size), KAVRO_E_INVALIDARG);
@@ -255,7 +254,6 @@ TEST(RegFile, ReadWriteAndArguments) {
             EXPECT_EQ(REG_SetValue(nullptr, "S", "E", KAVRO_REG_SZ, bad.c_str(), &size), KAVRO_E_INVALIDARG);
         GetCapturedStderr();
         EXPECT_EQ(REG_DeleteEntry(nullptr, "Tmr", "Period"), KAVRO_E_NOTIMPL);
-        EXPECT_EQ(REG_DeleteEntry(nullptr, nullptr, "Period"), KAVRO_E_INVALIDARG);
         EXPECT_EQ(REG_Exit(), 0);
     }));
 }

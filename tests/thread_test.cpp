@@ -304,27 +304,14 @@ TEST_F(Threads, ForeignThreadAndNullArgumentsAnswerWithStatus) {
     EXPECT_EQ(THREAD_End(), 0x80070057u);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "KAVRO:THREAD_End: Error, ppThreadObj pointer is NULL\n");
 
-    uint32_t u = 0;
+    // The statuses of null handles are the robustness table's; these are the outputs.
+    uint32_t u = 7;
     int32_t i = 0;
-    pthread_t t{};
     char name[THREAD_GETNAME_SIZE] = "x";
     EXPECT_EQ(THREAD_GetName(nullptr, name), 0u);
     EXPECT_STREQ(name, "x");
-    EXPECT_EQ(THREAD_GetName(obj, nullptr), 0x80070057u);
-    EXPECT_EQ(THREAD_GetPriority(nullptr, &u), 0x80070057u);
-    EXPECT_EQ(THREAD_GetSystemThreadHandle(nullptr, &t), 0x80070057u);
-    EXPECT_EQ(THREAD_GetEnvironment(nullptr, &u), 0x80070057u);
-    EXPECT_EQ(THREAD_SetEnvironment(nullptr, 1), 0x80070057u);
-    EXPECT_EQ(THREAD_SetPriority(nullptr, 1, &u), 0x80070057u);
-    EXPECT_EQ(THREAD_Set2Priority(nullptr, 98, &u, &u), 0x80070057u);
-    EXPECT_EQ(THREAD_Restore2Priority(nullptr), 0x80070057u);
-    EXPECT_EQ(THREAD_Self(nullptr), 0x80070057u);
-    EXPECT_EQ(THREAD_Join(nullptr), 0x80070057u);
-    u = 7;
     THREAD_LockStatus(nullptr, &u);
     EXPECT_EQ(u, 0u);
-    THREAD_LockStatus(nullptr, nullptr);
-    EXPECT_EQ(THREAD_TranslatePriority(15, nullptr), 0x80070057u);
     EXPECT_EQ(THREAD_TranslatePriority(98, &i), 0x80070057u);
     EXPECT_EQ(i, 98);
     EXPECT_EQ(THREAD_TranslatePriority(15, &i), 0u);
