@@ -1,6 +1,5 @@
-// CMOS clock synchronisation: the clock file, the configuration from the
-// environment, the writes and the edge measurement, and writes landing in an
-// emulated real-time clock.
+// CMOS clock synchronisation: the clock file, the environment, the writes and
+// the edge measurement, end to end through an emulated real-time clock.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -231,10 +230,8 @@ TEST(CmosRead, FailedReadingIsReportedAndCountsNoEdge) {
 
 // ---- end to end through the emulated device --------------------------------------------
 
-// The driver of the preloaded process: configures from the environment and a
-// private clock file, then wakes at each interrupt of the emulated /dev/rtc as
-// the CMOS thread does and writes when due, for `KAVRO_CMOS_RUN_MS`; then polls
-// the CMOS clock for its next second edge and prints the reading.
+// The preloaded driver: wakes at each emulated interrupt and writes when due, as
+// the CMOS thread does, for KAVRO_CMOS_RUN_MS; then measures the next edge.
 int drive_writes() {
     if (!clock_file(std::getenv("KAVRO_CMOS_CLOCK_TEXT"))) return kNoMounts;
     CMOS_GetEnvironment();

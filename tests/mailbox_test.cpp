@@ -85,10 +85,8 @@ TEST(Mailbox, TimedWaitsNeitherReturnEarlyNorHang) {
     EXPECT_EQ(MBX_Delete(m), KAVRO_OK);
 }
 
-// Several producers and consumers through a small mailbox, with short
-// timeouts so that waiters time out, retry and lose races for messages:
-// every message arrives exactly once, and each producer's messages arrive in
-// the order sent.
+// Short timeouts make waiters time out, retry and lose races: still every
+// message arrives once, each producer's in the order sent.
 TEST(Mailbox, ManyThreadsDeliverEveryMessageOnceInProducerOrder) {
     constexpr uint32_t kProducers = 4, kConsumers = 4, kPerProducer = 4000;
     MBX_HANDLE m = nullptr;
@@ -158,9 +156,8 @@ TEST(Mailbox, NullHandlesAndZeroSlotsAreRefused) {
     EXPECT_EQ(MBX_Delete(m), KAVRO_OK);
 }
 
-// Creation that runs out of memory logs why, releases what it took and
-// hands back no mailbox. The address-space limit makes the large block
-// fail on every architecture.
+// Out of memory (an address-space limit, on every architecture): a line, what
+// was taken released, no mailbox.
 TEST(Mailbox, FailedAllocationLeavesNothing) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "sanitizer allocators abort on a failed allocation instead of returning null";

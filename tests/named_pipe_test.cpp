@@ -403,11 +403,8 @@ TEST_F(Fifo, TraceRecordsCarryTheHeadOfEachMessage) {
     EXPECT_EQ(rc, 0);
 }
 
-// Four writer processes, 2000 messages of varied length each, one reader:
-// every message arrives once and whole. A writer's messages keep their
-// order within each rank pipe; across rank pipes another writer's message
-// may sit between one's message and its rank byte, so the reader may take
-// them out of order.
+// Four writers, one reader: every message arrives once and whole, in each
+// writer's order within a rank pipe (across rank pipes the order may differ).
 TEST_F(Fifo, FourWritersOneReaderLoseNothing) {
     constexpr int kWriters = 4, kPerWriter = 2000;
     const auto names = channel_names(root_, 99, false);

@@ -1,5 +1,7 @@
 #include "test_support.hpp"
 
+#include "internal.hpp"
+
 #include <fcntl.h>
 #include <pthread.h>
 #include <sched.h>
@@ -114,14 +116,7 @@ int open_fds() {
 }
 
 bool Done::wait(unsigned ms) {
-    timespec t{};
-    clock_gettime(CLOCK_REALTIME, &t);
-    t.tv_sec += ms / 1000;
-    t.tv_nsec += static_cast<long>(ms % 1000) * 1000000;
-    if (t.tv_nsec >= 1000000000) {
-        ++t.tv_sec;
-        t.tv_nsec -= 1000000000;
-    }
+    const timespec t = kavro::detail::wall_deadline(ms);
     while (sem_timedwait(&s_, &t) != 0)
         if (errno != EINTR) return false;
     return true;
