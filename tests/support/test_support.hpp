@@ -81,9 +81,7 @@ public:
 private:
     int fd_ = -1;
 };
-}  // namespace kavro::test
 
-namespace kavro::test {
 // Exit status of the child pid (128 + signal); a child still running after
 // timeout_s seconds is killed and reported as -1.
 int reap(pid_t pid, int timeout_s = 60);
