@@ -63,7 +63,7 @@ KAVRO_API KAVRO_STATUS LDR_LoadModule(LDR_Module **phModule, const char *pstrPat
 
     auto *mod = static_cast<LDR_Module *>(KAVRO_OBJ_Alloc(sizeof(LDR_Module), KAVRO_TAG_LDR, 0));
     if (mod == nullptr) return kOutOfMemory;
-    ++ldralloc_calls;
+    kavro::detail::count_up(ldralloc_calls);
     mod->hModule = dlopen(pstrPath, RTLD_NOW);
     if (mod->hModule == nullptr) {
         diag(fn, "%s\n", loader_error());
@@ -95,7 +95,7 @@ KAVRO_API KAVRO_STATUS LDR_GetProcAddress(LDR_Module *hModule, const char *pstrS
 }
 
 KAVRO_API KAVRO_STATUS LDR_FreeModule(LDR_Module *hModule) {
-    ++ldrfree_calls;
+    kavro::detail::count_up(ldrfree_calls);
     if (hModule == nullptr) return kInvalidArg;
     if (!has_tag(hModule, KAVRO_TAG_LDR)) return kFail;
     if (hModule->hModule != nullptr) {

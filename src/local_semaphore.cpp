@@ -80,7 +80,7 @@ KAVRO_STATUS posix_reset(LocalSemaphore *s, int32_t count) {
 extern "C" {
 
 KAVRO_API KAVRO_STATUS PTHR_SEM_Create(SEM_HANDLE *handle, int32_t initialCount) {
-    ++pthr_sem_created;
+    kavro::detail::count_up(pthr_sem_created);
     if (handle == nullptr) return kInvalidArg;
     LocalSemaphore *s = alloc_record();
     if (s == nullptr) return kOutOfMemory;
@@ -98,7 +98,7 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_Create(SEM_HANDLE *handle, int32_t initialCount)
 }
 
 KAVRO_API KAVRO_STATUS PTHR_SEM_Create_2(SEM_HANDLE *handle, uint32_t initialValue) {
-    ++pthr_sem_created;
+    kavro::detail::count_up(pthr_sem_created);
     if (handle == nullptr) return kInvalidArg;
     LocalSemaphore *s = alloc_record();
     if (s == nullptr) return kOutOfMemory;
@@ -111,7 +111,7 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_Create_2(SEM_HANDLE *handle, uint32_t initialVal
 }
 
 KAVRO_API KAVRO_STATUS PTHR_SEM_Delete(SEM_HANDLE handle) {
-    ++pthr_sem_freed;
+    kavro::detail::count_up(pthr_sem_freed);
     LocalSemaphore *s = local(handle);
     if (s == nullptr) return kFail;
     if (s->variant == kavro::sem::kCounterKind) {

@@ -101,7 +101,7 @@ KAVRO_API void MBX_Exit(void) {
 }
 
 KAVRO_API KAVRO_STATUS MBX_Create(MBX_HANDLE *handle, uint32_t msgSize, uint32_t slots) {
-    ++mbxcreate_call;
+    kavro::detail::count_up(mbxcreate_call);
     if (handle == nullptr) return kInvalidArg;
     auto *m = static_cast<MailboxRecord *>(KAVRO_OBJ_Alloc(sizeof(MailboxRecord), KAVRO_TAG_MBX, 0));
     if (m == nullptr) {
@@ -139,7 +139,7 @@ KAVRO_API KAVRO_STATUS MBX_Create(MBX_HANDLE *handle, uint32_t msgSize, uint32_t
 }
 
 KAVRO_API KAVRO_STATUS MBX_Delete(MBX_HANDLE handle) {
-    ++mbxdelete_call;
+    kavro::detail::count_up(mbxdelete_call);
     auto *m = static_cast<MailboxRecord *>(handle);
     if (m == nullptr) {
         diag("MBX_Delete", "mbx pointer is NULL\n");

@@ -40,19 +40,19 @@ KAVRO_API int32_t SEM_Exit(void) {
 }
 
 KAVRO_API KAVRO_STATUS SEM_Create(SEM_HANDLE *handle, int32_t initialCount, uint32_t key, uint32_t systemWide) {
-    ++sem_created;
+    kavro::detail::count_up(sem_created);
     if (key != 0 || systemWide != 0) return IPC_SEM_Create(handle, initialCount, key);
     return PTHR_SEM_Create(handle, initialCount);
 }
 
 KAVRO_API KAVRO_STATUS SEM_Create_2(SEM_HANDLE *handle, uint32_t initialValue) {
-    ++sem_created;
+    kavro::detail::count_up(sem_created);
     return PTHR_SEM_Create_2(handle, initialValue);
 }
 
 KAVRO_API KAVRO_STATUS SEM_Delete(SEM_HANDLE handle) {
     if (handle == nullptr) return kOk;
-    ++sem_freed;
+    kavro::detail::count_up(sem_freed);
     return is_sysv(handle) ? IPC_SEM_Delete(handle) : PTHR_SEM_Delete(handle);
 }
 

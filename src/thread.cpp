@@ -276,7 +276,7 @@ KAVRO_API KAVRO_STATUS THREAD_Create(ThreadObj **phThreadObj, THREAD_UserFn fnUs
     ThreadObj *o = &r->obj;
     o->fnUser = fnUser;
     o->context = context;
-    ++threadalloccalls;
+    kavro::detail::count_up(threadalloccalls);
     o->lockCount = 0;
     o->priority = a.priority;
     o->previousPriority = 0;
