@@ -1,10 +1,9 @@
-// System V shared memory: the creator clears and stamps a segment, openers
-// attach it as it is.
+// System V shared memory: the creator stamps a new (zero-filled) segment,
+// openers attach it as it is.
 #include <sys/ipc.h>
 #include <sys/shm.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "internal.hpp"
 #include "ipc.hpp"
@@ -41,7 +40,9 @@ KAVRO_API KAVRO_STATUS IPC_SHM_Create(void **outHandle, uint32_t key, uint32_t s
             address = shmat(id, nullptr, 0);
             *outAddress = address;
             if (address == kAttachError) return kFail;
-            std::memset(address, 0, size);
+            // A new segment is all zero bytes already (the kernel clears
+            // it); clearing it again would touch every page of it, gigabytes
+            // for the largest sizes, for nothing.
             *static_cast<volatile uint32_t *>(address) = KAVRO_SHM_MARKER;
         }
     } else {
