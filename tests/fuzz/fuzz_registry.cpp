@@ -4,8 +4,10 @@
 // each ended by a NUL byte, then the registry text. The text is read twice,
 // in place and streamed in uneven chunks through the smallest buffer the
 // streamed reader allows; both readings must agree line for line, in the
-// lookup's result and in the rewritten registry. A rewrite applied twice
-// changes nothing the second time.
+// lookup's result and in the rewritten registry. The rewritten registry
+// holds the new value in the first record named by the subkey and entry
+// (as first words of whole lines), and a rewrite applied twice changes
+// nothing the second time.
 #include <cstring>
 #include <string>
 
@@ -78,6 +80,35 @@ bool valid_name(const char *s) {
 }
 
 bool valid_value(const char *s) { return std::strlen(s) <= kRegTextMax && std::strchr(s, '\n') == nullptr; }
+
+// The type and value lines of the first record whose subkey and entry lines
+// have the names as first word; a piece cut from an over-long line is no
+// whole line and names nothing.
+bool record_lines(const std::string &reg, const char *subkey, const char *entry, std::string *type,
+                  std::string *value) {
+    auto names = [](const RegLine &l, const char *want) {
+        if (l.p[l.n - 1] != '\n' && l.n >= kRegPieceMax) return false;
+        size_t i = 0;
+        while (i < l.n && is_space(l.p[i])) ++i;
+        const size_t w = i;
+        while (i < l.n && !is_space(l.p[i]) && l.p[i] != '\0') ++i;
+        return i - w == std::strlen(want) && std::memcmp(l.p + w, want, i - w) == 0;
+    };
+    RegReader in(reg.data(), reg.size());
+    RegLine l[4];
+    for (;;) {
+        size_t got = 0;
+        while (got < 4 && in.next(&l[got])) ++got;
+        if (got < 2) return false;
+        if (names(l[0], subkey) && names(l[1], entry)) {
+            if (got < 4) return false;
+            type->assign(l[2].p, l[2].n);
+            value->assign(l[3].p, l[3].n);
+            return true;
+        }
+        if (got < 4) return false;
+    }
+}
 
 KAVRO_STATUS lookup(RegReader &in, const char *subkey, const char *entry, uint32_t capacity, std::string *value) {
     // The value buffer is exactly `capacity` bytes (at least one to point at).
@@ -169,6 +200,12 @@ int fuzz_registry(const uint8_t *data, size_t size) {
         const std::string rb = rewrite(s.in, subkey, entry, type, v, &sb);
         FUZZ_CHECK(sa == sb && ra == rb);
         if (sa == 0) {
+            std::string tl, vl;
+            FUZZ_CHECK(record_lines(ra, subkey, entry, &tl, &vl));
+            if (type == kRegSz)
+                FUZZ_CHECK(tl == "REG_SZ\n" && vl == std::string(value) + "\n");
+            else
+                FUZZ_CHECK(tl == "REG_DWORD\n" && vl == std::to_string(dword) + "\n");
             RegReader again(ra.data(), ra.size());
             KAVRO_STATUS s2;
             const std::string r2 = rewrite(again, subkey, entry, type, v, &s2);
