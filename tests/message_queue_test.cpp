@@ -165,7 +165,7 @@ TEST_F(MsgQueue, BadInputAnswersWithAStatus) {
     ASSERT_TRUE(a != nullptr && b != nullptr);
     EXPECT_NE(qid(a), qid(b));
 
-    char buf[8];
+    char buf[8] = {};  // sent below: no uninitialised bytes to the kernel
     uint32_t len = 0;
     // On a live queue (null handles are the robustness table's).
     EXPECT_EQ(IPC_MSGQ_Rcv(a, buf, -1, &len, 1, 0), KAVRO_E_INVALIDARG);
