@@ -94,7 +94,11 @@ void live_child_after_fork() {
         liveFirst = r;
         liveCount = 1;
     }
-    pthread_mutex_init(&liveLock, nullptr);
+    // The forking thread took liveLock before the fork and is the child's
+    // only thread: it releases it (initialising a locked mutex again would
+    // be undefined). The condition may count waiters the child does not
+    // have, so it starts afresh.
+    pthread_mutex_unlock(&liveLock);
     pthread_cond_init(&liveEnded, nullptr);
 }
 pthread_once_t forkHandlersOnce = PTHREAD_ONCE_INIT;
