@@ -21,6 +21,18 @@ namespace kavro::detail {
 
 RegStepHook reg_step_hook = nullptr;
 
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
+
+bool valid_name(const char *s) {
+    const size_t n = std::strlen(s);
+    if (n == 0 || n > kRegTextMax) return false;
+    for (size_t i = 0; i < n; ++i)
+        if (is_space(s[i])) return false;
+    return true;
+}
+
+bool valid_string(const char *s) { return std::strlen(s) <= kRegTextMax && std::strchr(s, '\n') == nullptr; }
+
 namespace {
 
 int32_t cRefs = 0;
@@ -31,7 +43,6 @@ const char kTempFileName[] = "/usr/torvanex/cfg/.registry.1";
 
 constexpr int kLockWaitMs = 10000;
 
-bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
 
 // The line without its final character is `want` or a beginning of it.
 bool prefix_match(const RegLine &l, const char *want, size_t want_len) {
@@ -92,15 +103,6 @@ bool fd_write(void *ctx, const char *p, size_t n) {
     return true;
 }
 
-bool valid_name(const char *s) {
-    const size_t n = std::strlen(s);
-    if (n == 0 || n > kRegTextMax) return false;
-    for (size_t i = 0; i < n; ++i)
-        if (is_space(s[i])) return false;
-    return true;
-}
-
-bool valid_string(const char *s) { return std::strlen(s) <= kRegTextMax && std::strchr(s, '\n') == nullptr; }
 
 // Opens the registry and takes the writers' lock on it. The file may be
 // replaced between open and lock, so the lock only counts once it is held

@@ -113,4 +113,10 @@ enum class RegStep { TempOpened, ChunkWritten, Synced, Closed, Renamed };
 using RegStepHook = bool (*)(RegStep step);
 extern RegStepHook reg_step_hook;
 
+// What REG_SetValue accepts: a name is 1..253 characters without white
+// space; a string value at most 253 characters without a newline.
+bool is_space(char c);
+bool valid_name(const char *s);
+bool valid_string(const char *s);
+
 }  // namespace kavro::detail

@@ -68,19 +68,6 @@ const char *take_string(const uint8_t *&p, const uint8_t *end) {
     return s;
 }
 
-bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
-
-// What REG_SetValue lets through to the rewrite.
-bool valid_name(const char *s) {
-    const size_t n = std::strlen(s);
-    if (n == 0 || n > kRegTextMax) return false;
-    for (size_t i = 0; i < n; ++i)
-        if (is_space(s[i])) return false;
-    return true;
-}
-
-bool valid_value(const char *s) { return std::strlen(s) <= kRegTextMax && std::strchr(s, '\n') == nullptr; }
-
 // The type and value lines of the first record whose subkey and entry lines
 // have the names as first word; a piece cut from an over-long line is no
 // whole line and names nothing.
@@ -187,7 +174,7 @@ int fuzz_registry(const uint8_t *data, size_t size) {
     // Rewrite with names REG_SetValue would accept.
     if (!valid_name(subkey)) subkey = "Network";
     if (!valid_name(entry)) entry = "Address";
-    if (!valid_value(value)) value = "";
+    if (!valid_string(value)) value = "";
     const uint32_t type = (control & 8) ? kRegDword : kRegSz;
     uint32_t dword;
     std::memcpy(&dword, data, size < sizeof dword ? size : sizeof dword);
