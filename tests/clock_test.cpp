@@ -78,9 +78,12 @@ TEST(ClockCalls, EveryCallReportsKernelErrorsAsMinusOneAndErrno) {
     expect_einval(timer_getoverrun(stale), "timer_getoverrun");
     expect_einval(timer_delete(stale), "timer_delete");
 
-    // A bad pointer is the kernel's EFAULT, not a crash.
-    EXPECT_EQ(clock_getres(CLOCK_MONOTONIC, reinterpret_cast<timespec *>(8)), -1);
-    EXPECT_EQ(errno, EFAULT);
+    // A bad pointer is the kernel's EFAULT, not a crash. (A user-mode
+    // emulator answers this call itself and does not check the pointer.)
+    if (!kavro::test::emulated()) {
+        EXPECT_EQ(clock_getres(CLOCK_MONOTONIC, reinterpret_cast<timespec *>(8)), -1);
+        EXPECT_EQ(errno, EFAULT);
+    }
 }
 
 TEST(ClockCalls, NanosleepWithBadNanosecondsFailsWithoutWritingRemainder) {

@@ -77,6 +77,12 @@ ChildOutput run_captured(const std::function<int()> &fn, int timeout_s) {
         timeout_s);
     c.out = read_file(out);
     c.err = read_file(err);
+    // A user-mode emulator reports a child's fatal signal on the child's own
+    // standard error; that line is the emulator's, not the program's.
+    for (size_t at; (at = c.err.find("qemu: uncaught target signal")) != std::string::npos;) {
+        size_t end = c.err.find('\n', at);
+        c.err.erase(at, end == std::string::npos ? std::string::npos : end - at + 1);
+    }
     return c;
 }
 
