@@ -62,7 +62,8 @@ constexpr int kWriters = 4, kMaxSeq = 60000, kBatch = 3000;
 struct Tally {
     std::atomic<int32_t> acked[kWriters];
     std::atomic<uint8_t> seen[kWriters][kMaxSeq];
-    std::atomic<int32_t> corrupt, received;
+    std::atomic<int32_t> next[kWriters][3];  // lowest sequence still in order, per rank pipe
+    std::atomic<int32_t> corrupt, received;  // corrupt: broken or out of its writer's order
 };
 
 // A message: writer, sequence, length, then a body that depends on all three.
@@ -74,16 +75,18 @@ uint16_t make_message(uint8_t *m, uint16_t w, uint16_t seq) {
 }
 
 // False when no message stands in the rank pipe.
-bool take_message(int fd, Tally *t, int timeout_ms) {
+bool take_message(const int32_t fds[4], int rank, Tally *t, int timeout_ms) {
     uint8_t m[256], want[256];
     uint16_t hdr[3];
+    const int fd = fds[1 + rank];
     if (!kavro::test::read_exact(fd, hdr, 6, timeout_ms)) return false;
     if (hdr[0] >= kWriters || hdr[1] >= kMaxSeq || hdr[2] < 6 || hdr[2] > 206 ||
         !kavro::test::read_exact(fd, m + 6, hdr[2] - 6u) || make_message(want, hdr[0], hdr[1]) != hdr[2] ||
-        std::memcmp(m + 6, want + 6, hdr[2] - 6u) != 0) {
+        std::memcmp(m + 6, want + 6, hdr[2] - 6u) != 0 || hdr[1] < t->next[hdr[0]][rank]) {
         ++t->corrupt;
         return true;
     }
+    t->next[hdr[0]][rank] = hdr[1] + 1;
     ++t->seen[hdr[0]][hdr[1]];
     ++t->received;
     return true;
@@ -103,8 +106,9 @@ int write_messages(Tally *t, uint16_t w, int count, uint32_t key) {
     return 0;
 }
 
-// The reader gets whole messages only: all the victim had acked, all of the
-// other writers', and those of a writer that starts later.
+// The reader gets whole messages only, in each writer's order within a rank
+// pipe: all the victim had acked, all of the other writers', and those of a
+// writer that starts later.
 TEST_F(FifoFault, WriterKilledMidStreamLosesOnlyItsUnfinishedMessage) {
     constexpr uint32_t kKey = 41;
     Shared<Tally> t;
@@ -120,7 +124,7 @@ TEST_F(FifoFault, WriterKilledMidStreamLosesOnlyItsUnfinishedMessage) {
             uint8_t rank = 0;
             int32_t n = 0;
             if ((p[0].revents & POLLIN) && IPC_FIFO_Read(fds[0], &rank, &n, 1) == 0 && n == 1) {
-                CHILD_CHECK(rank <= 2 && take_message(fds[1 + rank], t.p, 10000));
+                CHILD_CHECK(rank <= 2 && take_message(fds, rank, t.p, 10000));
                 continue;
             }
             if (draining) break;
@@ -129,7 +133,7 @@ TEST_F(FifoFault, WriterKilledMidStreamLosesOnlyItsUnfinishedMessage) {
         }
         // A victim killed before its rank byte leaves one message without it.
         for (int r = 1; r <= 3; ++r)
-            while (take_message(fds[r], t.p, 0)) continue;
+            while (take_message(fds, r - 1, t.p, 0)) continue;
         return 0;
     });
     ASSERT_TRUE(reader.said());
@@ -170,7 +174,7 @@ TEST_F(FifoFault, ReaderKilledMidStreamIsReportedAndRemoved) {
         for (;;) {
             uint8_t rank = 0;
             if (kavro::test::read_exact(fds[0], &rank, 1, 100)) {
-                CHILD_CHECK(rank <= 2 && take_message(fds[1 + rank], t.p, 10000));
+                CHILD_CHECK(rank <= 2 && take_message(fds, rank, t.p, 10000));
                 usleep(100);  // slower than the writer: its pipes fill up
             }
         }
