@@ -1,19 +1,8 @@
-// Every exported function given bad input: null pointers, zero and maximal
-// sizes and counts, released or foreign handles where the family checks
-// tags. Each call runs in a child process of its own and must return a
-// status (the documented one, where there is one) without a signal and
-// within the time bound.
-//
-// Released handles are imitated by a block whose tag reads 0xDEADBEEF, as a
-// released object's does, and foreign ones by a block with another family's
-// tag; a real released block would be a use after free under the address
-// sanitizer. Families that trust their handles (mailboxes, threads, task
-// locks) get only null handles.
-//
-// Not called here: err_quit, err_sys, err_dump, MYperror and ULX_Daemonize
-// end or detach the process by design; the tick machinery's failures end
-// the process; a pend or lock on a live object with no time limit blocks
-// for ever. Their tests are in the families' own programs.
+// Every exported function given bad input (nulls, extreme sizes, released or
+// foreign handles), each call in a child: a status, no signal, no hang.
+// Released handles are blocks tagged 0xDEADBEEF (a real freed block would trip
+// the sanitizer). Calls that end the process or block by design are tested in
+// their families' programs.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -45,8 +34,7 @@ struct Row {
 };
 const std::optional<uint32_t> kAny;
 
-// The call's text is the row's name; results are compared as 32-bit words
-// (-1 is 0xFFFFFFFF), pointer results as 0 (null) or 1.
+// Results compare as 32-bit words, pointer results as 0 (null) or 1.
 #define ROW(expr, want) Row{#expr, [&]() -> uint32_t { return static_cast<uint32_t>(expr); }, want}
 #define PTR(expr, want) Row{#expr, [&]() -> uint32_t { return (expr) != nullptr; }, want}
 #define VOID(expr) Row{#expr, [&]() -> uint32_t { expr; return 0; }, 0u}
@@ -87,8 +75,7 @@ void vprintf_of(const char *format, ...) {
 
 int g_calls = 0;
 
-// Runs each row in a child after `setup` (which returns 0, or kNoNamespace
-// when the table cannot run here).
+// setup returns 0, or kNoNamespace when the table cannot run here.
 void run_table(const std::vector<Row> &rows, const std::function<int()> &setup = [] { return 0; }) {
     for (const Row &r : rows) {
         const int rc = kavro::test::run_in_child(
@@ -125,53 +112,29 @@ TEST(Robustness, CoreMemoryListAndProcess) {
     int32_t a = 0;
     run_table(
         {
-            PTR(KAVRO_OBJ_Alloc(0, KAVRO_TAG_SEM, 0), 0u),
-            PTR(KAVRO_OBJ_Alloc(3, KAVRO_TAG_SEM, 0), 0u),
+            PTR(KAVRO_OBJ_Alloc(0, KAVRO_TAG_SEM, 0), 0u), PTR(KAVRO_OBJ_Alloc(3, KAVRO_TAG_SEM, 0), 0u),
             PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 0xFFFFFFFFu), 0u),
             PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 0xFFFFFFFDu), 0u),
-            VOID(KAVRO_OBJ_Free(nullptr, 0)),
-            VOID(KAVRO_OBJ_Free(nullptr, 0xFFFFFFFFu)),
-            ROW(MEM_Init(), kOk),
-            VOID(MEM_Exit()),
-            PTR(MEM_Alloc(0, 999), 0u),
-            PTR(MEM_Calloc(0, 999), 0u),
-            VOID(MEM_Free(nullptr)),
-            VOID(MEM_Free2(nullptr)),
-            ROW(MEM_LockAll(), kAny),
-            ROW(MEM_UnLockAll(), kAny),
+            VOID(KAVRO_OBJ_Free(nullptr, 0)), VOID(KAVRO_OBJ_Free(nullptr, 0xFFFFFFFFu)),
+            ROW(MEM_Init(), kOk), VOID(MEM_Exit()), PTR(MEM_Alloc(0, 999), 0u), PTR(MEM_Calloc(0, 999), 0u),
+            VOID(MEM_Free(nullptr)), VOID(MEM_Free2(nullptr)), ROW(MEM_LockAll(), kAny), ROW(MEM_UnLockAll(), kAny),
             ROW(MEM_Statistics(), kOk),
-            VOID(GP_printf(NULLTEXT)),
-            VOID(GP_printf("%s\n", NULLTEXT)),
-            ROW(DBG_Init(), 1u),
-            ROW(DBG_Exit(), kOk),
-            ROW(DBG_Printf(NULLTEXT), kOk),
-            ROW(DBG_Trace(NULLTEXT), kOk),
-            ROW(ULX_Init(), kOk),
-            ROW(ULX_Exit(), kOk),
-            ROW(_ULX_MakeAbsTime(nullptr, 0), kArg),
-            ROW(_ULX_MakeAbsTime(&ts, kForever), kOk),
-            ROW(SMP_GetNumProcessors(nullptr, nullptr), kArg),
-            ROW(SMP_GetNumProcessors(&a, nullptr), kArg),
+            VOID(GP_printf(NULLTEXT)), VOID(GP_printf("%s\n", NULLTEXT)),
+            ROW(DBG_Init(), 1u), ROW(DBG_Exit(), kOk), ROW(DBG_Printf(NULLTEXT), kOk), ROW(DBG_Trace(NULLTEXT), kOk),
+            ROW(ULX_Init(), kOk), ROW(ULX_Exit(), kOk),
+            ROW(_ULX_MakeAbsTime(nullptr, 0), kArg), ROW(_ULX_MakeAbsTime(&ts, kForever), kOk),
+            ROW(SMP_GetNumProcessors(nullptr, nullptr), kArg), ROW(SMP_GetNumProcessors(&a, nullptr), kArg),
             ROW(SMP_GetNumProcessors(nullptr, &a), kArg),
-            ROW(LST_Init(), kAny),
-            VOID(LST_Exit()),
-            VOID(LST_Delete(nullptr)),
-            PTR(LST_InitElem(nullptr), 0u),
-            PTR(LST_PutTail(nullptr, &elem), 0u),
-            PTR(LST_PutTail(list = LST_Create(), nullptr), 0u),
-            ROW(LST_GetHead(nullptr), 0u),
-            ROW(LST_GetHead(list = LST_Create()), 0u),
-            PTR(LST_First(nullptr), 0u),
-            PTR(LST_Next(nullptr, &elem), 0u),
-            PTR(LST_Next(list = LST_Create(), nullptr), 0u),
+            ROW(LST_Init(), kAny), VOID(LST_Exit()), VOID(LST_Delete(nullptr)), PTR(LST_InitElem(nullptr), 0u),
+            PTR(LST_PutTail(nullptr, &elem), 0u), PTR(LST_PutTail(list = LST_Create(), nullptr), 0u),
+            ROW(LST_GetHead(nullptr), 0u), ROW(LST_GetHead(list = LST_Create()), 0u), PTR(LST_First(nullptr), 0u),
+            PTR(LST_Next(nullptr, &elem), 0u), PTR(LST_Next(list = LST_Create(), nullptr), 0u),
             PTR(LST_Next(list = LST_Create(), &elem), 0u),
-            VOID(LST_RemoveElem(nullptr, &elem)),
-            VOID(LST_RemoveElem(list = LST_Create(), nullptr)),
+            VOID(LST_RemoveElem(nullptr, &elem)), VOID(LST_RemoveElem(list = LST_Create(), nullptr)),
             VOID(LST_RemoveElem(list = LST_Create(), &elem)),
         });
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-    // The largest sizes: null where the address space refuses them, else a
-    // block that must be releasable (sanitizer allocators abort instead).
+    // The largest sizes: null, or a releasable block (sanitizers abort instead).
     void *big = nullptr;
     run_table({
         ROW((big = MEM_Alloc(0xFFFFFFFFu, 999), MEM_Free2(big), 0), kOk),
@@ -188,36 +151,26 @@ TEST(Robustness, UtilitiesFormatVersionReportErrorsClocks) {
     timer_t bogus{};
     std::memset(&bogus, 0x7F, sizeof bogus);
     run_table({
-        VOID(GP_sprintf(nullptr, "x")),
-        VOID(GP_sprintf(buf, NULLTEXT)),
-        VOID(GP_sprintf(buf, "%s%c%d", NULLTEXT, 0, INT_MIN)),
-        VOID(GP_sprintf(buf, "%")),
-        VOID(GP_sprintf(buf, "%-0#+ .l")),
-        VOID(GP_sprintf(buf, "%q%")),
-        VOID(vsprintf_of(nullptr, NULLTEXT)),
-        VOID(vsprintf_of(buf, NULLTEXT)),
+        VOID(GP_sprintf(nullptr, "x")), VOID(GP_sprintf(buf, NULLTEXT)),
+        VOID(GP_sprintf(buf, "%s%c%d", NULLTEXT, 0, INT_MIN)), VOID(GP_sprintf(buf, "%")),
+        VOID(GP_sprintf(buf, "%-0#+ .l")), VOID(GP_sprintf(buf, "%q%")),
+        VOID(vsprintf_of(nullptr, NULLTEXT)), VOID(vsprintf_of(buf, NULLTEXT)),
         VOID(vprintf_of(NULLTEXT)),
-        ROW(_libTorVersion2String(nullptr, 0, buf), kMinus1),
-        ROW(_libTorVersion2String("", 0, buf), kMinus1),
+        ROW(_libTorVersion2String(nullptr, 0, buf), kMinus1), ROW(_libTorVersion2String("", 0, buf), kMinus1),
         ROW(_libTorVersion2String("TXcid", INT_MAX, nullptr), kMinus1),
         ROW(_libTorVersion2String("TXcid", INT_MIN, buf), kAny),
         ROW(qLibVersionString(nullptr), kMinus1),
         VOID(MYerror(nullptr, INT_MIN, nullptr)),
         ROW(MY_c_perror(0, nullptr, 0, nullptr), kMinus1),
         ROW(No_error(0, nullptr, 0, nullptr), kOk),
-        ROW(printfx(NULLTEXT, 1, 1), kMinus1),
-        ROW(printfx("%d %d\n", 1, 0), kMinus1),
+        ROW(printfx(NULLTEXT, 1, 1), kMinus1), ROW(printfx("%d %d\n", 1, 0), kMinus1),
         ROW(printfx("%d %d\n", INT_MIN, -1), kAny),
-        ROW(printf2(NULLTEXT, 1, 1), kMinus1),
-        ROW(printf2("%d %d %d %d\n", INT_MIN, INT_MAX), kAny),
-        VOID(err_ret(NULLTEXT)),
-        VOID(err_msg(NULLTEXT)),
-        // The clock layer passes everything to the kernel: -1 and errno.
-        // (Null clock pointers go through plain function pointers: <time.h>
-        // declares them non-null, which the sanitizer would enforce first.)
+        ROW(printf2(NULLTEXT, 1, 1), kMinus1), ROW(printf2("%d %d %d %d\n", INT_MIN, INT_MAX), kAny),
+        VOID(err_ret(NULLTEXT)), VOID(err_msg(NULLTEXT)),
+        // Passed to the kernel: -1 and errno. Null pointers go through function
+        // pointers since <time.h> declares them non-null.
         ROW(get_time(CLOCK_REALTIME, NULLTIME), kMinus1),
-        ROW(clock_gettime(INT_MAX, &ts), kMinus1),
-        ROW(clock_getres(INT_MIN, nullptr), kMinus1),
+        ROW(clock_gettime(INT_MAX, &ts), kMinus1), ROW(clock_getres(INT_MIN, nullptr), kMinus1),
         ROW(set_time(CLOCK_REALTIME, NULLTIME), kMinus1),
         ROW(clock_settime(INT_MAX, &ts), kMinus1),
         ROW(sleep_until(CLOCK_MONOTONIC, 0, NULLTIME, nullptr), kMinus1),
@@ -225,24 +178,17 @@ TEST(Robustness, UtilitiesFormatVersionReportErrorsClocks) {
         ROW(clock_nanosleep(INT_MAX, TIMER_ABSTIME, &ts, nullptr), kMinus1),
         ROW(timer_create(INT_MAX, nullptr, &bogus), kMinus1),
         ROW(timer_create(CLOCK_MONOTONIC, nullptr, nullptr), kMinus1),
-        ROW(timer_settime(bogus, 0, &its, nullptr), kMinus1),
-        ROW(timer_settime(bogus, 0, nullptr, nullptr), kMinus1),
-        ROW(timer_gettime(bogus, &its), kMinus1),
-        ROW(timer_getoverrun(bogus), kMinus1),
+        ROW(timer_settime(bogus, 0, &its, nullptr), kMinus1), ROW(timer_settime(bogus, 0, nullptr, nullptr), kMinus1),
+        ROW(timer_gettime(bogus, &its), kMinus1), ROW(timer_getoverrun(bogus), kMinus1),
         ROW(timer_delete(bogus), kMinus1),
         // The CMOS calls given no device write nothing.
         ROW(CMOS_GetEnvironment(), kOk),
         ROW(GetSycconfigCMOSClockUTCSetting(), kAny),
         ROW(GetLocalUTCDelta(), kAny),
-        ROW(Set_CMOS_From_OSTime(-1), kOk),
-        ROW(Set_CMOS_From_OSTime(INT_MAX), kOk),
-        ROW(Read_CMOS_UntilChange(-1, 1), 0u),
-        ROW(Read_CMOS_UntilChange(INT_MAX, 0), 0u),
-        ROW(POLL_Init(), kOk),
-        ROW(POLL_Open(0), kOk),
-        ROW(POLL_Ctl(UINTPTR_MAX, nullptr, -1), kOk),
-        ROW(POLL_Wait(0, nullptr, kForever), kOk),
-        ROW(POLL_Exit(), kOk),
+        ROW(Set_CMOS_From_OSTime(-1), kOk), ROW(Set_CMOS_From_OSTime(INT_MAX), kOk),
+        ROW(Read_CMOS_UntilChange(-1, 1), 0u), ROW(Read_CMOS_UntilChange(INT_MAX, 0), 0u),
+        ROW(POLL_Init(), kOk), ROW(POLL_Open(0), kOk), ROW(POLL_Ctl(UINTPTR_MAX, nullptr, -1), kOk),
+        ROW(POLL_Wait(0, nullptr, kForever), kOk), ROW(POLL_Exit(), kOk),
     });
 }
 
@@ -255,37 +201,26 @@ TEST(Robustness, FileNetworkLoader) {
     char buf[64] = {};
     InterfaceRecord *rec = nullptr;
     run_table({
-        ROW(KFILE_Init(), 1u),
-        VOID(KFILE_Exit()),
-        PTR(KFILE_Open(nullptr, "r"), 0u),
-        PTR(KFILE_Open(path.c_str(), nullptr), 0u),
-        PTR(KFILE_Open("/nonexistent/dir/f", "r"), 0u),
-        PTR(KFILE_Open(path.c_str(), "zz"), 0u),
-        ROW(KFILE_Close(nullptr), kMinus1),
-        ROW(KFILE_Close(&closed), kMinus1),
-        ROW(KFILE_Close(&alien), kMinus1),
-        ROW(KFILE_Read(buf, 1, 1, nullptr), kMinus1),
-        ROW(KFILE_Read(buf, 1, 1, &closed), kMinus1),
+        ROW(KFILE_Init(), 1u), VOID(KFILE_Exit()),
+        PTR(KFILE_Open(nullptr, "r"), 0u), PTR(KFILE_Open(path.c_str(), nullptr), 0u),
+        PTR(KFILE_Open("/nonexistent/dir/f", "r"), 0u), PTR(KFILE_Open(path.c_str(), "zz"), 0u),
+        ROW(KFILE_Close(nullptr), kMinus1), ROW(KFILE_Close(&closed), kMinus1), ROW(KFILE_Close(&alien), kMinus1),
+        ROW(KFILE_Read(buf, 1, 1, nullptr), kMinus1), ROW(KFILE_Read(buf, 1, 1, &closed), kMinus1),
         ROW(KFILE_Read(nullptr, 1, 1, f = KFILE_Open(path.c_str(), "w+")), static_cast<uint32_t>(-5)),
         ROW(KFILE_Read(buf, 1, 0xFFFFFFFFu, f = KFILE_Open(path.c_str(), "w+")), static_cast<uint32_t>(-22)),
         ROW(KFILE_Read(buf, 0, 0, f = KFILE_Open(path.c_str(), "w+")), 0u),
-        ROW(KFILE_Write(buf, 1, 1, nullptr), kMinus1),
-        ROW(KFILE_Write(buf, 1, 1, &alien), kMinus1),
+        ROW(KFILE_Write(buf, 1, 1, nullptr), kMinus1), ROW(KFILE_Write(buf, 1, 1, &alien), kMinus1),
         ROW(KFILE_Write(nullptr, 1, 1, f = KFILE_Open(path.c_str(), "w+")), static_cast<uint32_t>(-5)),
         ROW(KFILE_Write(buf, 1, 0xFFFFFFFFu, f = KFILE_Open(path.c_str(), "w+")), static_cast<uint32_t>(-22)),
-        ROW(KFILE_Seek(nullptr, 0, SEEK_SET), kMinus1),
-        ROW(KFILE_Seek(&closed, 0, SEEK_SET), kMinus1),
+        ROW(KFILE_Seek(nullptr, 0, SEEK_SET), kMinus1), ROW(KFILE_Seek(&closed, 0, SEEK_SET), kMinus1),
         ROW(KFILE_Seek(f = KFILE_Open(path.c_str(), "w+"), 0, INT_MAX), kMinus1),
         ROW(KFILE_Seek(f = KFILE_Open(path.c_str(), "w+"), INT_MIN, SEEK_SET), kMinus1),
-        ROW(KFILE_Tell(nullptr), kMinus1),
-        ROW(KFILE_Tell(&alien), kMinus1),
+        ROW(KFILE_Tell(nullptr), kMinus1), ROW(KFILE_Tell(&alien), kMinus1),
         ROW(NET_Init(), kAny),
         ROW(_getDeviceList(), kAny),
         ROW(NET_GetInterface(nullptr), kArg),
-        ROW(NET_GetNextInterface(nullptr), kFail),
-        ROW(NET_GetNextInterface(&rec), kFail),
-        ROW(NET_GetMacAddress(nullptr, buf), kArg),
-        ROW(NET_GetMacAddress(released<InterfaceRecord>(), nullptr), kFail),
+        ROW(NET_GetNextInterface(nullptr), kFail), ROW(NET_GetNextInterface(&rec), kFail),
+        ROW(NET_GetMacAddress(nullptr, buf), kArg), ROW(NET_GetMacAddress(released<InterfaceRecord>(), nullptr), kFail),
         ROW(NET_GetMacAddress(released<InterfaceRecord>(), buf), kFail),
     });
 
@@ -294,10 +229,8 @@ TEST(Robustness, FileNetworkLoader) {
     auto loaded = [&] { return LDR_LoadModule(&m, "libc.so.6") == 0 ? m : nullptr; };
     run_table(
         {
-            ROW(LDR_Init(), kAny),
-            VOID(LDR_Exit()),
-            ROW(LDR_LoadModule(nullptr, "libc.so.6"), kArg),
-            ROW(LDR_LoadModule(&m, nullptr), kArg),
+            ROW(LDR_Init(), kAny), VOID(LDR_Exit()),
+            ROW(LDR_LoadModule(nullptr, "libc.so.6"), kArg), ROW(LDR_LoadModule(&m, nullptr), kArg),
             ROW(LDR_LoadModule(&m, "/nonexistent/module.so"), KAVRO_E_LOADFAILED),
             ROW(LDR_LoadModule(&m, std::string(5000, 'm').c_str()), KAVRO_E_LOADFAILED),
             ROW(LDR_GetProcAddress(nullptr, "printf", &addr), kArg),
@@ -305,8 +238,7 @@ TEST(Robustness, FileNetworkLoader) {
             ROW(LDR_GetProcAddress(foreign<LDR_Module>(), "printf", &addr), kFail),
             ROW(LDR_GetProcAddress(loaded(), nullptr, &addr), kArg),
             ROW(LDR_GetProcAddress(loaded(), "printf", nullptr), kArg),
-            ROW(LDR_FreeModule(nullptr), kArg),
-            ROW(LDR_FreeModule(released<LDR_Module>()), kFail),
+            ROW(LDR_FreeModule(nullptr), kArg), ROW(LDR_FreeModule(released<LDR_Module>()), kFail),
             ROW(LDR_FreeModule(foreign<LDR_Module>()), kFail),
         },
         [] {
@@ -322,8 +254,7 @@ TEST(Robustness, Registry) {
     const std::string longName(300, 'n');
     run_table(
         {
-            ROW(REG_Init(), 1u),
-            ROW(REG_Exit(), kOk),
+            ROW(REG_Init(), 1u), ROW(REG_Exit(), kOk),
             ROW(REG_GetValue(value, "s", "e", value, &size), KAVRO_E_NOTIMPL),
             ROW(REG_GetValue(nullptr, nullptr, "e", value, &size), kArg),
             ROW(REG_GetValue(nullptr, "s", nullptr, value, &size), kArg),
@@ -340,8 +271,7 @@ TEST(Robustness, Registry) {
             ROW(REG_SetValue(nullptr, "s", "e", 1, longName.c_str(), &size), kArg),
             ROW(REG_SetValue(nullptr, "s", "e", 3, &word, &size), KAVRO_E_NOTIMPL),
             ROW(REG_SetValue(nullptr, "s", "e", 0xFFFFFFFFu, &word, &size), kFail),
-            ROW(REG_DeleteEntry(nullptr, nullptr, "e"), kArg),
-            ROW(REG_DeleteEntry(nullptr, "s", nullptr), kArg),
+            ROW(REG_DeleteEntry(nullptr, nullptr, "e"), kArg), ROW(REG_DeleteEntry(nullptr, "s", nullptr), kArg),
             ROW(REG_DeleteEntry(value, "s", "e"), KAVRO_E_NOTIMPL),
         },
         [] {  // an empty registry, so that the arguments are what is refused
@@ -358,72 +288,44 @@ TEST(Robustness, SemaphoresAndMailboxes) {
     auto sysv = [&] { return IPC_SEM_Create(&h, 0, 0) == 0 ? h : nullptr; };
     run_table(
         {
-            ROW(SEM_Init(), kOk),
-            ROW(SEM_Exit(), kOk),
-            ROW(SEM_Create(nullptr, 0, 0, 0), kArg),
-            ROW(SEM_Create(nullptr, 1, 0x5EAFu, 1), kArg),
-            ROW(SEM_Create(&h, INT_MAX, 0, 0), kOk),
-            ROW(SEM_Create(&h, INT_MIN, 0, 0), kAny),
-            ROW(SEM_Create(&h, INT_MAX, 0, 1), kAny),
-            ROW(SEM_Create(&h, -1, 0xFFFFFFFFu, 1), kAny),
-            ROW(SEM_Create_2(nullptr, 0), kArg),
-            ROW(SEM_Create_2(&h, 0xFFFFFFFFu), kAny),
-            ROW(SEM_Delete(nullptr), kOk),
-            ROW(SEM_Delete(released<void>()), kFail),
+            ROW(SEM_Init(), kOk), ROW(SEM_Exit(), kOk),
+            ROW(SEM_Create(nullptr, 0, 0, 0), kArg), ROW(SEM_Create(nullptr, 1, 0x5EAFu, 1), kArg),
+            ROW(SEM_Create(&h, INT_MAX, 0, 0), kOk), ROW(SEM_Create(&h, INT_MIN, 0, 0), kAny),
+            ROW(SEM_Create(&h, INT_MAX, 0, 1), kAny), ROW(SEM_Create(&h, -1, 0xFFFFFFFFu, 1), kAny),
+            ROW(SEM_Create_2(nullptr, 0), kArg), ROW(SEM_Create_2(&h, 0xFFFFFFFFu), kAny),
+            ROW(SEM_Delete(nullptr), kOk), ROW(SEM_Delete(released<void>()), kFail),
             ROW(SEM_Delete(foreign<void>()), kFail),
-            ROW(SEM_Pend(nullptr, kForever), kFail),
-            ROW(SEM_Pend(released<void>(), kForever), kFail),
+            ROW(SEM_Pend(nullptr, kForever), kFail), ROW(SEM_Pend(released<void>(), kForever), kFail),
             ROW(SEM_Pend(foreign<void>(), kForever), kFail),
-            ROW(SEM_Pend(foreign<void>(g_foreign_sem), kForever), kFail),
-            ROW(SEM_Pend(counter(), 0), KAVRO_E_TIMEOUT),
-            ROW(SEM_TryPend(nullptr), kFail),
-            ROW(SEM_TryPend(released<void>()), kFail),
-            ROW(SEM_Post(nullptr), kFail),
-            ROW(SEM_Post(released<void>()), kFail),
+            ROW(SEM_Pend(foreign<void>(g_foreign_sem), kForever), kFail), ROW(SEM_Pend(counter(), 0), KAVRO_E_TIMEOUT),
+            ROW(SEM_TryPend(nullptr), kFail), ROW(SEM_TryPend(released<void>()), kFail),
+            ROW(SEM_Post(nullptr), kFail), ROW(SEM_Post(released<void>()), kFail),
             ROW(SEM_Post(foreign<void>()), kFail),
-            ROW(SEM_Reset(nullptr, INT_MIN), kFail),
-            ROW(SEM_Reset(released<void>(), INT_MAX), kFail),
+            ROW(SEM_Reset(nullptr, INT_MIN), kFail), ROW(SEM_Reset(released<void>(), INT_MAX), kFail),
             ROW(SEM_Reset(counter(), INT_MIN), kOk),
-            ROW(SEM_GetCount(nullptr, &count), kFail),
-            ROW(SEM_GetCount(released<void>(), &count), kFail),
+            ROW(SEM_GetCount(nullptr, &count), kFail), ROW(SEM_GetCount(released<void>(), &count), kFail),
             ROW(SEM_GetCount(counter(), nullptr), kArg),
-            ROW(SEM_GetSystemHandle(nullptr), kFail),
-            ROW(SEM_GetSystemHandle(released<void>()), kFail),
+            ROW(SEM_GetSystemHandle(nullptr), kFail), ROW(SEM_GetSystemHandle(released<void>()), kFail),
             ROW(PTHR_SEM_Create(nullptr, 0), kArg),
-            ROW(PTHR_SEM_Create_2(nullptr, 0), kArg),
-            ROW(PTHR_SEM_Create_2(&h, 0xFFFFFFFFu), kAny),
-            ROW(PTHR_SEM_Delete(nullptr), kFail),
-            ROW(PTHR_SEM_Delete(released<void>()), kFail),
+            ROW(PTHR_SEM_Create_2(nullptr, 0), kArg), ROW(PTHR_SEM_Create_2(&h, 0xFFFFFFFFu), kAny),
+            ROW(PTHR_SEM_Delete(nullptr), kFail), ROW(PTHR_SEM_Delete(released<void>()), kFail),
             ROW(PTHR_SEM_Delete(foreign<void>()), kFail),
-            ROW(PTHR_SEM_Pend(nullptr, kForever), kFail),
-            ROW(PTHR_SEM_Pend(released<void>(), kForever), kFail),
-            ROW(PTHR_SEM_TryPend(nullptr), kFail),
-            ROW(PTHR_SEM_TryPend(foreign<void>()), kFail),
-            ROW(PTHR_SEM_Post(nullptr), kFail),
-            ROW(PTHR_SEM_Post(released<void>()), kFail),
-            ROW(PTHR_SEM_Reset(nullptr, 0), kFail),
-            ROW(PTHR_SEM_Reset(foreign<void>(), 0), kFail),
-            ROW(PTHR_SEM_GetCount(nullptr, &count), kFail),
-            ROW(PTHR_SEM_GetCount(released<void>(), &count), kFail),
-            ROW(PTHR_SEM_GetCount(counter(), nullptr), kArg),
-            ROW(PTHR_SEM_GetSystemHandle(nullptr), kFail),
-            ROW(IPC_SEM_Create(nullptr, 0, 0), kArg),
-            ROW(IPC_SEM_Create(&h, INT_MIN, 0), kAny),
+            ROW(PTHR_SEM_Pend(nullptr, kForever), kFail), ROW(PTHR_SEM_Pend(released<void>(), kForever), kFail),
+            ROW(PTHR_SEM_TryPend(nullptr), kFail), ROW(PTHR_SEM_TryPend(foreign<void>()), kFail),
+            ROW(PTHR_SEM_Post(nullptr), kFail), ROW(PTHR_SEM_Post(released<void>()), kFail),
+            ROW(PTHR_SEM_Reset(nullptr, 0), kFail), ROW(PTHR_SEM_Reset(foreign<void>(), 0), kFail),
+            ROW(PTHR_SEM_GetCount(nullptr, &count), kFail), ROW(PTHR_SEM_GetCount(released<void>(), &count), kFail),
+            ROW(PTHR_SEM_GetCount(counter(), nullptr), kArg), ROW(PTHR_SEM_GetSystemHandle(nullptr), kFail),
+            ROW(IPC_SEM_Create(nullptr, 0, 0), kArg), ROW(IPC_SEM_Create(&h, INT_MIN, 0), kAny),
             ROW(IPC_SEM_Create(&h, INT_MAX, 0xFFFFFFFFu), kAny),
-            ROW(IPC_SEM_Delete(nullptr), kFail),
-            ROW(IPC_SEM_Delete(released<void>()), kFail),
+            ROW(IPC_SEM_Delete(nullptr), kFail), ROW(IPC_SEM_Delete(released<void>()), kFail),
             ROW(IPC_SEM_Delete(foreign<void>()), kFail),
-            ROW(IPC_SEM_Pend(nullptr), kFail),
-            ROW(IPC_SEM_Pend(released<void>()), kFail),
+            ROW(IPC_SEM_Pend(nullptr), kFail), ROW(IPC_SEM_Pend(released<void>()), kFail),
             ROW(IPC_SEM_Pend(foreign<void>(g_foreign_sem)), kFail),
-            ROW(IPC_SEM_Post(nullptr), kFail),
-            ROW(IPC_SEM_Post(released<void>()), kFail),
-            ROW(IPC_SEM_Reset(nullptr, 0), kFail),
-            ROW(IPC_SEM_Reset(foreign<void>(), INT_MIN), kFail),
-            ROW(IPC_SEM_GetCount(nullptr, &count), kFail),
-            ROW(IPC_SEM_GetCount(released<void>(), &count), kFail),
-            ROW(IPC_SEM_GetCount(sysv(), nullptr), kArg),
-            ROW(IPC_SEM_TryPend(nullptr), kFail),
+            ROW(IPC_SEM_Post(nullptr), kFail), ROW(IPC_SEM_Post(released<void>()), kFail),
+            ROW(IPC_SEM_Reset(nullptr, 0), kFail), ROW(IPC_SEM_Reset(foreign<void>(), INT_MIN), kFail),
+            ROW(IPC_SEM_GetCount(nullptr, &count), kFail), ROW(IPC_SEM_GetCount(released<void>(), &count), kFail),
+            ROW(IPC_SEM_GetCount(sysv(), nullptr), kArg), ROW(IPC_SEM_TryPend(nullptr), kFail),
             ROW(IPC_SEM_GetSystemHandle(nullptr), kFail),
         },
         private_ipc);
@@ -433,26 +335,18 @@ TEST(Robustness, SemaphoresAndMailboxes) {
     auto empty = [&] { return MBX_Create(&mbx, 4, 2) == 0 ? mbx : nullptr; };
     auto slotless = [&] { return MBX_Create(&mbx, 4, 0) == 0 ? mbx : nullptr; };
     run_table({
-        ROW(MBX_Init(), kAny),
-        VOID(MBX_Exit()),
-        ROW(MBX_Create(nullptr, 4, 4), kArg),
-        ROW(MBX_Create(&mbx, 0, 4), KAVRO_E_OUTOFMEMORY),
+        ROW(MBX_Init(), kAny), VOID(MBX_Exit()),
+        ROW(MBX_Create(nullptr, 4, 4), kArg), ROW(MBX_Create(&mbx, 0, 4), KAVRO_E_OUTOFMEMORY),
         ROW(MBX_Create(&mbx, 0xFFFFFFFFu, 0xFFFFFFFFu), KAVRO_E_OUTOFMEMORY),
         ROW(MBX_Create(&mbx, 0x10000, 0x10000), KAVRO_E_OUTOFMEMORY),
-        ROW(MBX_Create(&mbx, 1, 0xFFFFFFFFu), KAVRO_E_OUTOFMEMORY),
-        ROW(MBX_Create(&mbx, 0, 0), kAny),
+        ROW(MBX_Create(&mbx, 1, 0xFFFFFFFFu), KAVRO_E_OUTOFMEMORY), ROW(MBX_Create(&mbx, 0, 0), kAny),
         ROW(MBX_Delete(nullptr), kOk),
-        ROW(MBX_Post(nullptr, msg, kForever), kArg),
-        ROW(MBX_Post(empty(), nullptr, kForever), kArg),
+        ROW(MBX_Post(nullptr, msg, kForever), kArg), ROW(MBX_Post(empty(), nullptr, kForever), kArg),
         ROW(MBX_Post(slotless(), msg, kForever), kFail),
-        ROW(MBX_Pend(nullptr, msg, kForever), kArg),
-        ROW(MBX_Pend(empty(), nullptr, kForever), kArg),
-        ROW(MBX_Pend(slotless(), msg, kForever), kFail),
-        ROW(MBX_Pend(empty(), msg, 0), KAVRO_E_TIMEOUT),
-        ROW(MBX_GetCount(nullptr, &count), kArg),
-        ROW(MBX_GetCount(empty(), nullptr), kArg),
-        ROW(MBX_GetMaxCount(nullptr, &count), kArg),
-        ROW(MBX_GetMaxCount(empty(), nullptr), kArg),
+        ROW(MBX_Pend(nullptr, msg, kForever), kArg), ROW(MBX_Pend(empty(), nullptr, kForever), kArg),
+        ROW(MBX_Pend(slotless(), msg, kForever), kFail), ROW(MBX_Pend(empty(), msg, 0), KAVRO_E_TIMEOUT),
+        ROW(MBX_GetCount(nullptr, &count), kArg), ROW(MBX_GetCount(empty(), nullptr), kArg),
+        ROW(MBX_GetMaxCount(nullptr, &count), kArg), ROW(MBX_GetMaxCount(empty(), nullptr), kArg),
     });
 }
 
@@ -467,35 +361,25 @@ TEST(Robustness, KeysQueuesSharedMemory) {
     auto segment = [&] { return IPC_SHM_Create(&h, 0x5EA0u, 64, nullptr, nullptr) == 0 ? h : nullptr; };
     run_table(
         {
-            ROW(IPC_Init(nullptr), kOk),
-            ROW(IPC_GetKey(nullptr, 0, &key), kArg),
-            ROW(IPC_GetKey("k", 0, nullptr), kOk),
+            ROW(IPC_Init(nullptr), kOk), ROW(IPC_GetKey(nullptr, 0, &key), kArg), ROW(IPC_GetKey("k", 0, nullptr), kOk),
             ROW(IPC_GetKey("k", INT_MIN, &key), kOk),
             ROW(IPC_GetKey(std::string(2000, 'k').c_str(), INT_MAX, &key), kFail),
-            ROW(IPC_GetKey("no/such/dir", 1, &key), kFail),
-            ROW(IPC_GetUniqueKey(nullptr), kArg),
-            ROW(IPC_ReturnUniqueKey(-1), kFail),
-            ROW(IPC_ReturnUniqueKey(5000), kFail),
-            ROW(IPC_ReturnUniqueKey(INT_MIN), kFail),
-            ROW(IPC_Exit(), kOk),
-            ROW(IPC_Clean(), kOk),
-            ROW(mesg_send(-1, nullptr, 0), kMinus1),
-            ROW(mesg_send(-1, &(rec.dataLength = -1, rec), 0), kMinus1),
+            ROW(IPC_GetKey("no/such/dir", 1, &key), kFail), ROW(IPC_GetUniqueKey(nullptr), kArg),
+            ROW(IPC_ReturnUniqueKey(-1), kFail), ROW(IPC_ReturnUniqueKey(5000), kFail),
+            ROW(IPC_ReturnUniqueKey(INT_MIN), kFail), ROW(IPC_Exit(), kOk), ROW(IPC_Clean(), kOk),
+            ROW(mesg_send(-1, nullptr, 0), kMinus1), ROW(mesg_send(-1, &(rec.dataLength = -1, rec), 0), kMinus1),
             ROW(mesg_send(-1, &(rec.dataLength = INT_MAX, rec), 0), kMinus1),
             ROW(Mesg_send(INT_MAX, nullptr, INT_MIN), kMinus1),
-            ROW(mesg_recv(-1, nullptr, 1, 0), kMinus1),
-            ROW(mesg_recv(-1, &rec, -1, 0), kMinus1),
+            ROW(mesg_recv(-1, nullptr, 1, 0), kMinus1), ROW(mesg_recv(-1, &rec, -1, 0), kMinus1),
             ROW(mesg_recv(-1, &rec, INT_MAX, 0), kMinus1),
             ROW(Mesg_recv(INT_MIN, nullptr, INT_MIN, INT_MIN), kMinus1),
-            ROW(IPC_MSGQ_Create(nullptr, 0, "q"), kArg),
-            ROW(IPC_MSGQ_Create(&h, 0, nullptr), kArg),
+            ROW(IPC_MSGQ_Create(nullptr, 0, "q"), kArg), ROW(IPC_MSGQ_Create(&h, 0, nullptr), kArg),
             ROW(IPC_MSGQ_Create(&h, 0xFFFFFFFFu, nullptr), kAny),
             // A null handle stands for queue 0, which a fresh namespace lacks.
             ROW(IPC_MSGQ_Send(nullptr, data, 1, 1, 0), kFail),
             ROW(IPC_MSGQ_Send(released<void>(), data, 1, 1, 0), kFail),
             ROW(IPC_MSGQ_Send(foreign<void>(g_foreign_shm), data, 1, 1, 0), kFail),
-            ROW(IPC_MSGQ_Send(queue(), nullptr, 1, 1, 0), kArg),
-            ROW(IPC_MSGQ_Send(queue(), data, 0, 1, 0), kArg),
+            ROW(IPC_MSGQ_Send(queue(), nullptr, 1, 1, 0), kArg), ROW(IPC_MSGQ_Send(queue(), data, 0, 1, 0), kArg),
             ROW(IPC_MSGQ_Send(queue(), data, -1, INT_MIN, 0), kArg),
             ROW(IPC_MSGQ_Send(queue(), data, INT_MAX, 1, 0), kArg),
             ROW(IPC_MSGQ_Send(foreign<void>(g_foreign_sem), data, 1, 1, 0), kFail),
@@ -506,32 +390,21 @@ TEST(Robustness, KeysQueuesSharedMemory) {
             ROW(IPC_MSGQ_Rcv(queue(), data, INT_MIN, &len, 1, 0), kArg),
             ROW(IPC_MSGQ_Rcv(queue(), data, sizeof data, nullptr, 1, 0), kArg),
             ROW(IPC_MSGQ_Rcv(queue(), data, sizeof data, &len, INT_MIN, 0), KAVRO_E_AGAIN),
-            ROW(IPC_MSGQ_Delete(nullptr), kArg),
-            ROW(IPC_MSGQ_Delete(released<void>()), kFail),
-            ROW(IPC_MSGQ_Delete(foreign<void>(g_foreign_shm)), kFail),
-            ROW(IPC_MSGQ_Init(), kOk),
-            ROW(IPC_MSGQ_Exit(), kOk),
-            ROW(IPC_MSGQ_GetCount(), kOk),
-            ROW(IPC_MSGQ_SetAttr(), kOk),
-            ROW(IPC_MSGQ_GetAttr(), kOk),
-            ROW(IPC_SHM_Create(nullptr, 0x5EA0u, 64, &addr, nullptr), kArg),
+            ROW(IPC_MSGQ_Delete(nullptr), kArg), ROW(IPC_MSGQ_Delete(released<void>()), kFail),
+            ROW(IPC_MSGQ_Delete(foreign<void>(g_foreign_shm)), kFail), ROW(IPC_MSGQ_Init(), kOk),
+            ROW(IPC_MSGQ_Exit(), kOk), ROW(IPC_MSGQ_GetCount(), kOk), ROW(IPC_MSGQ_SetAttr(), kOk),
+            ROW(IPC_MSGQ_GetAttr(), kOk), ROW(IPC_SHM_Create(nullptr, 0x5EA0u, 64, &addr, nullptr), kArg),
             ROW(IPC_SHM_Create(&h, 0x5EA0u, 0, &addr, nullptr), kFail),
             ROW(IPC_SHM_Create(&h, 0x5EA0u, 0xFFFFFFFFu, &addr, nullptr), kAny),  // 4 GiB: x86_64 allows it
             ROW(IPC_SHM_Create(&h, 0, 64, nullptr, nullptr), kAny),
-            ROW(IPC_SHM_Map(nullptr, nullptr), kFail),
-            ROW(IPC_SHM_Map(released<void>(), nullptr), kFail),
+            ROW(IPC_SHM_Map(nullptr, nullptr), kFail), ROW(IPC_SHM_Map(released<void>(), nullptr), kFail),
             ROW(IPC_SHM_Map(foreign<void>(g_foreign_sem), nullptr), kFail),
             ROW(IPC_SHM_Map(segment(), reinterpret_cast<void *>(1)), kFail),
-            ROW(IPC_SHM_Delete(nullptr), kOk),
-            ROW(IPC_SHM_Delete(released<void>()), kFail),
+            ROW(IPC_SHM_Delete(nullptr), kOk), ROW(IPC_SHM_Delete(released<void>()), kFail),
             ROW(IPC_SHM_Delete(foreign<void>(g_foreign_sem)), kFail),
-            ROW(IPC_SHM_GetCount(nullptr, &len), kFail),
-            ROW(IPC_SHM_GetCount(released<void>(), &len), kFail),
-            ROW(IPC_SHM_GetCount(segment(), nullptr), kArg),
-            ROW(IPC_SHM_Init(), kOk),
-            ROW(IPC_SHM_Exit(), kOk),
-            ROW(detachandremove(-1, nullptr), kMinus1),
-            ROW(detachandremove(INT_MAX, data), kMinus1),
+            ROW(IPC_SHM_GetCount(nullptr, &len), kFail), ROW(IPC_SHM_GetCount(released<void>(), &len), kFail),
+            ROW(IPC_SHM_GetCount(segment(), nullptr), kArg), ROW(IPC_SHM_Init(), kOk), ROW(IPC_SHM_Exit(), kOk),
+            ROW(detachandremove(-1, nullptr), kMinus1), ROW(detachandremove(INT_MAX, data), kMinus1),
         },
         [&] { return private_ipc() != 0 ? kNoNamespace : static_cast<int>(IPC_Init(prefix.c_str())); });
 }
@@ -547,42 +420,30 @@ TEST(Robustness, NamedPipes) {
         return IPC_FIFO_Create(0, &fd, 0, p.c_str()) == 0 ? fd : -1;
     };
     const std::vector<Row> before_init = {
-        ROW(IPC_FIFO_Write(0, 7, 0, buf, &n, 1, 0), kFail),
-        ROW(IPC_FIFO_KeyStatus(ks, &n, 0), kOk),
-        ROW(IPC_FIFO_RemoveKeys(ks, INT_MAX, 1), kOk),
-        ROW(IPC_FIFO_Exit(), kOk),
+        ROW(IPC_FIFO_Write(0, 7, 0, buf, &n, 1, 0), kFail), ROW(IPC_FIFO_KeyStatus(ks, &n, 0), kOk),
+        ROW(IPC_FIFO_RemoveKeys(ks, INT_MAX, 1), kOk), ROW(IPC_FIFO_Exit(), kOk),
     };
     run_table(before_init, [&] { return setenv("TRVXROOT", root.c_str(), 1); });
     run_table(
         {
-            ROW(IPC_FIFO_Init(), kOk),
-            ROW(IPC_FIFO_Create(0, nullptr, 0, "p"), kArg),
+            ROW(IPC_FIFO_Init(), kOk), ROW(IPC_FIFO_Create(0, nullptr, 0, "p"), kArg),
             ROW(IPC_FIFO_Create(UINTPTR_MAX, &fd, UINTPTR_MAX, nullptr), kArg),
             ROW(IPC_FIFO_Create(0, &fd, 0, "/nonexistent/dir/p"), kOk),
             ROW(IPC_FIFO_Create(0, &fd, 0, longPath.c_str()), kOk),
-            ROW(IPC_FIFO_Read(-1, buf, &n, sizeof buf), kAny),
-            ROW(IPC_FIFO_Read(INT_MAX, buf, &n, sizeof buf), kAny),
+            ROW(IPC_FIFO_Read(-1, buf, &n, sizeof buf), kAny), ROW(IPC_FIFO_Read(INT_MAX, buf, &n, sizeof buf), kAny),
             ROW(IPC_FIFO_Read(reader(), nullptr, &n, sizeof buf), kFail),
             ROW(IPC_FIFO_Read(reader(), buf, nullptr, sizeof buf), kArg),
-            ROW(IPC_FIFO_Read(reader(), buf, &n, 0), kFail),
-            ROW(IPC_FIFO_Read(reader(), buf, &n, sizeof buf), kAny),
-            ROW(IPC_FIFO_Write(0, 0, 0, buf, &n, 1, 0), kArg),
-            ROW(IPC_FIFO_Write(0, 7, 0, nullptr, &n, 1, 0), kArg),
-            ROW(IPC_FIFO_Write(0, 7, 0, buf, nullptr, 1, 0), kArg),
-            ROW(IPC_FIFO_Write(0, 7, 0, buf, &n, 0, 0), kArg),
+            ROW(IPC_FIFO_Read(reader(), buf, &n, 0), kFail), ROW(IPC_FIFO_Read(reader(), buf, &n, sizeof buf), kAny),
+            ROW(IPC_FIFO_Write(0, 0, 0, buf, &n, 1, 0), kArg), ROW(IPC_FIFO_Write(0, 7, 0, nullptr, &n, 1, 0), kArg),
+            ROW(IPC_FIFO_Write(0, 7, 0, buf, nullptr, 1, 0), kArg), ROW(IPC_FIFO_Write(0, 7, 0, buf, &n, 0, 0), kArg),
             ROW(IPC_FIFO_Write(UINTPTR_MAX, 0xFFFFFFFFu, INT_MIN, buf, &n, 1, INT_MIN), kFail),
-            ROW(IPC_FIFO_CheckKey_2(0, 0), kFail),
-            ROW(IPC_FIFO_CheckKey_2(0xFFFFFFFFu, INT_MIN), kFail),
+            ROW(IPC_FIFO_CheckKey_2(0, 0), kFail), ROW(IPC_FIFO_CheckKey_2(0xFFFFFFFFu, INT_MIN), kFail),
             ROW(IPC_FIFO_CheckKey(0), kAny),
-            ROW(IPC_FIFO_KeyStatus(nullptr, &n, 0), kArg),
-            ROW(IPC_FIFO_KeyStatus(ks, nullptr, 1), kArg),
-            ROW(IPC_FIFO_RemoveKeys(nullptr, 1, 0), kFail),
-            ROW(IPC_FIFO_RemoveKeys(ks, -1, 0), kOk),
-            ROW(IPC_FIFO_RemoveKeys(ks, INT_MAX, 0), kOk),
-            ROW(IPC_FIFO_Delete(0), kOk),
+            ROW(IPC_FIFO_KeyStatus(nullptr, &n, 0), kArg), ROW(IPC_FIFO_KeyStatus(ks, nullptr, 1), kArg),
+            ROW(IPC_FIFO_RemoveKeys(nullptr, 1, 0), kFail), ROW(IPC_FIFO_RemoveKeys(ks, -1, 0), kOk),
+            ROW(IPC_FIFO_RemoveKeys(ks, INT_MAX, 0), kOk), ROW(IPC_FIFO_Delete(0), kOk),
             ROW(IPC_FIFO_Detach(UINTPTR_MAX, nullptr), kOk),
-            ROW(set_nonblock(-1), kMinus1),
-            ROW(set_nonblock(INT_MAX), kMinus1),
+            ROW(set_nonblock(-1), kMinus1), ROW(set_nonblock(INT_MAX), kMinus1),
         },
         [&] {
             setenv("TRVXROOT", root.c_str(), 1);
@@ -607,40 +468,24 @@ TEST(Robustness, ThreadsTaskLocksTimer) {
         attr = ThreadAttr{length, priority, 0, 0, numArgs, nullptr};
         return &attr;
     };
-    // A running thread, or null where real-time scheduling is refused (the
-    // rows that use it expect the same status either way).
+    // Null where real-time scheduling is refused: same status either way.
     auto live = [&] { return THREAD_Create(&t, idle, nullptr, nullptr) == 0 ? t : nullptr; };
     run_table({
         // Families down.
         ROW(THREAD_Create(&t, idle, nullptr, nullptr), kFail),
-        ROW(LCK_Lock(nullptr), kFail),
-        ROW(LCK_Unlock(nullptr), kFail),
-        ROW(LCK_Lock_2(), kFail),
-        ROW(LCK_Unlock_2(), kFail),
-        ROW(LCK_Create(nullptr), kArg),
-        ROW(LCK_Delete(nullptr), kArg),
-        VOID(LCK_Exit()),
-        ROW(TMR_Create(&tmr, 2.0, nop, 0), KAVRO_E_NOTMRINIT),
-        ROW(TMR_Create(nullptr, std::nan(""), nullptr, 0), kAny),
+        ROW(LCK_Lock(nullptr), kFail), ROW(LCK_Unlock(nullptr), kFail), ROW(LCK_Lock_2(), kFail),
+        ROW(LCK_Unlock_2(), kFail), ROW(LCK_Create(nullptr), kArg), ROW(LCK_Delete(nullptr), kArg), VOID(LCK_Exit()),
+        ROW(TMR_Create(&tmr, 2.0, nop, 0), KAVRO_E_NOTMRINIT), ROW(TMR_Create(nullptr, std::nan(""), nullptr, 0), kAny),
         ROW(TMR_Delete(nullptr), kOk),
-        ROW(TMR_SetTime(nullptr, 2.0), kArg),
-        ROW(TMR_SetTime(released<TmrTimer>(), 2.0), kArg),
-        ROW(TMR_SetTime(foreign<TmrTimer>(), -1.0), kArg),
-        ROW(TMR_GetTimerInfo(nullptr, nullptr), KAVRO_E_NOTIMPL),
-        ROW(TMR_Wait(0), kOk),
-        ROW(TMR_Wait(-1.0), kAny),
-        ROW(TMR_Wait(1e12), kAny),
-        ROW(TMR_Wait(std::nan("")), kAny),
-        ROW(TMR_Wait(INFINITY), kAny),
-        ROW(TMR_gmtime(nullptr, nullptr), kOk),
-        ROW(TMR_GetTimeOfDay(nullptr), kOk),
-        ROW(TMR_Time(nullptr), kOk),
-        ROW(TMR_Exit(), kAny),
+        ROW(TMR_SetTime(nullptr, 2.0), kArg), ROW(TMR_SetTime(released<TmrTimer>(), 2.0), kArg),
+        ROW(TMR_SetTime(foreign<TmrTimer>(), -1.0), kArg), ROW(TMR_GetTimerInfo(nullptr, nullptr), KAVRO_E_NOTIMPL),
+        ROW(TMR_Wait(0), kOk), ROW(TMR_Wait(-1.0), kAny), ROW(TMR_Wait(1e12), kAny), ROW(TMR_Wait(std::nan("")), kAny),
+        ROW(TMR_Wait(INFINITY), kAny), ROW(TMR_gmtime(nullptr, nullptr), kOk), ROW(TMR_GetTimeOfDay(nullptr), kOk),
+        ROW(TMR_Time(nullptr), kOk), ROW(TMR_Exit(), kAny),
     });
     run_table(
         {
-            ROW(THREAD_Init(), kAny),
-            ROW(THREAD_Exit(), kOk),
+            ROW(THREAD_Init(), kAny), ROW(THREAD_Exit(), kOk),
             ROW(THREAD_Create(nullptr, idle, nullptr, nullptr), KAVRO_E_POINTER),
             ROW(THREAD_Create(&t, nullptr, nullptr, nullptr), KAVRO_E_POINTER),
             ROW(THREAD_Create(&t, idle, nullptr, with(0, 1, -1)), kArg),
@@ -652,38 +497,25 @@ TEST(Robustness, ThreadsTaskLocksTimer) {
             ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_LENGTH, 1, 1)), KAVRO_E_POINTER),
             ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_SHORT_LENGTH, 1, THREAD_MAX_ARGS)),
                 KAVRO_E_POINTER),
-            ROW(THREAD_TranslatePriority(16, &prio), kArg),
-            ROW(THREAD_TranslatePriority(0xFFFFFFFFu, &prio), kArg),
-            ROW(THREAD_TranslatePriority(0, nullptr), kArg),
-            ROW(THREAD_KernelTimeSlice(INT_MIN), kOk),
+            ROW(THREAD_TranslatePriority(16, &prio), kArg), ROW(THREAD_TranslatePriority(0xFFFFFFFFu, &prio), kArg),
+            ROW(THREAD_TranslatePriority(0, nullptr), kArg), ROW(THREAD_KernelTimeSlice(INT_MIN), kOk),
             ROW(THREAD_SetPriority(nullptr, 1, &word), kArg),
             ROW(THREAD_SetPriority(nullptr, 0xFFFFFFFFu, nullptr), kArg),
             ROW(THREAD_Set2Priority(nullptr, 98, &word, &word), kArg),
-            ROW(THREAD_Set2Priority(live(), 98, nullptr, nullptr), kArg),
-            ROW(THREAD_Restore2Priority(nullptr), kArg),
-            VOID(THREAD_LockStatus(nullptr, nullptr)),
-            VOID(THREAD_LockStatus(nullptr, &word)),
-            ROW(THREAD_GetName(nullptr, name), kOk),
-            ROW(THREAD_GetName(live(), nullptr), kArg),
+            ROW(THREAD_Set2Priority(live(), 98, nullptr, nullptr), kArg), ROW(THREAD_Restore2Priority(nullptr), kArg),
+            VOID(THREAD_LockStatus(nullptr, nullptr)), VOID(THREAD_LockStatus(nullptr, &word)),
+            ROW(THREAD_GetName(nullptr, name), kOk), ROW(THREAD_GetName(live(), nullptr), kArg),
             ROW(THREAD_GetName(nullptr, nullptr), kAny),
-            ROW(THREAD_GetPriority(nullptr, &word), kArg),
-            ROW(THREAD_GetPriority(live(), nullptr), kArg),
+            ROW(THREAD_GetPriority(nullptr, &word), kArg), ROW(THREAD_GetPriority(live(), nullptr), kArg),
             ROW(THREAD_GetSystemThreadHandle(nullptr, &sys), kArg),
             ROW(THREAD_GetSystemThreadHandle(live(), nullptr), kArg),
-            ROW(THREAD_GetEnvironment(nullptr, &word), kArg),
-            ROW(THREAD_GetEnvironment(live(), nullptr), kArg),
-            ROW(THREAD_SetEnvironment(nullptr, 0xFFFFFFFFu), kArg),
-            ROW(THREAD_Self(nullptr), kArg),
+            ROW(THREAD_GetEnvironment(nullptr, &word), kArg), ROW(THREAD_GetEnvironment(live(), nullptr), kArg),
+            ROW(THREAD_SetEnvironment(nullptr, 0xFFFFFFFFu), kArg), ROW(THREAD_Self(nullptr), kArg),
             ROW(THREAD_End(), kArg),  // the main thread has no record
-            ROW(THREAD_Delete(nullptr), kFail),
-            ROW(THREAD_Sleep(0), kOk),
-            ROW(THREAD_Join(nullptr), kArg),
+            ROW(THREAD_Delete(nullptr), kFail), ROW(THREAD_Sleep(0), kOk), ROW(THREAD_Join(nullptr), kArg),
             ROW(THREAD_Yield(), kOk),
-            ROW(LCK_Init(), kOk),
-            ROW(LCK_Create(nullptr), kArg),
-            ROW(LCK_Delete(nullptr), kArg),
-            ROW(LCK_Unlock(nullptr), kOk),
-            ROW(LCK_Unlock(lock = (LCK_Create(&lock), lock)), kOk),
+            ROW(LCK_Init(), kOk), ROW(LCK_Create(nullptr), kArg), ROW(LCK_Delete(nullptr), kArg),
+            ROW(LCK_Unlock(nullptr), kOk), ROW(LCK_Unlock(lock = (LCK_Create(&lock), lock)), kOk),
             ROW(LCK_Unlock_2(), kFail),
         },
         [] { return THREAD_Init() == 0 && LCK_Init() == 0 ? 0 : 1; });
@@ -691,14 +523,10 @@ TEST(Robustness, ThreadsTaskLocksTimer) {
     if (!kavro::test::rt_permitted()) GTEST_SKIP() << "the timer engine needs real-time scheduling";
     run_table(
         {
-            ROW(TMR_Create(nullptr, 2.0, nop, 0), kArg),
-            ROW(TMR_Create(&tmr, 1.99, nop, 0), kArg),
-            ROW(TMR_Create(&tmr, -INFINITY, nop, 0), kArg),
-            ROW(TMR_Create(&tmr, 2.0, nullptr, 0), kArg),
-            ROW(TMR_Create(&tmr, INFINITY, nop, 0xFFFFFFFFu), kAny),
-            ROW(TMR_SetTime(released<TmrTimer>(), 2.0), kArg),
-            ROW(TMR_Exit(), kOk),
-            ROW((TMR_Exit(), TMR_Exit()), kAny),
+            ROW(TMR_Create(nullptr, 2.0, nop, 0), kArg), ROW(TMR_Create(&tmr, 1.99, nop, 0), kArg),
+            ROW(TMR_Create(&tmr, -INFINITY, nop, 0), kArg), ROW(TMR_Create(&tmr, 2.0, nullptr, 0), kArg),
+            ROW(TMR_Create(&tmr, INFINITY, nop, 0xFFFFFFFFu), kAny), ROW(TMR_SetTime(released<TmrTimer>(), 2.0), kArg),
+            ROW(TMR_Exit(), kOk), ROW((TMR_Exit(), TMR_Exit()), kAny),
         },
         [] {
             setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
