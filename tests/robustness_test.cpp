@@ -27,11 +27,7 @@
 
 namespace {
 
-struct Row {
-    const char *call;
-    std::function<uint32_t()> fn;
-    std::optional<uint32_t> want;  // nullopt: any status
-};
+struct Row { const char *call; std::function<uint32_t()> fn; std::optional<uint32_t> want; };
 const std::optional<uint32_t> kAny;
 
 // Results compare as 32-bit words, pointer results as 0 (null) or 1.
@@ -40,7 +36,7 @@ const std::optional<uint32_t> kAny;
 #define VOID(expr) Row{#expr, [&]() -> uint32_t { expr; return 0; }, 0u}
 
 constexpr uint32_t kOk = KAVRO_OK, kFail = KAVRO_E_FAIL, kArg = KAVRO_E_INVALIDARG;
-constexpr uint32_t kMinus1 = 0xFFFFFFFFu, kForever = KAVRO_WAIT_FOREVER;
+constexpr uint32_t kMinus1 = 0xFFFFFFFFu, kMinus5 = -5u, kMinus22 = -22u, kForever = KAVRO_WAIT_FOREVER;
 constexpr int kNoNamespace = 77;
 
 // Large, zeroed blocks so that a family reading past the tag stays inside.
@@ -60,16 +56,10 @@ int (*volatile get_time)(clockid_t, timespec *) = clock_gettime;
 int (*volatile set_time)(clockid_t, const timespec *) = clock_settime;
 int (*volatile sleep_until)(clockid_t, int, const timespec *, timespec *) = clock_nanosleep;
 
-void vsprintf_of(char *dst, const char *format, ...) {
+void vformat(bool to_out, char *dst, const char *format, ...) {
     va_list ap;
     va_start(ap, format);
-    GP_vsprintf(dst, format, ap);
-    va_end(ap);
-}
-void vprintf_of(const char *format, ...) {
-    va_list ap;
-    va_start(ap, format);
-    GP_vprintf(format, ap);
+    to_out ? GP_vprintf(format, ap) : GP_vsprintf(dst, format, ap);
     va_end(ap);
 }
 
@@ -88,11 +78,8 @@ void run_table(const std::vector<Row> &rows, const std::function<int()> &setup =
             },
             30);
         if (rc == kNoNamespace) GTEST_SKIP() << "no private namespace for this family's fixed paths";
-        EXPECT_EQ(rc, 0) << r.call
-                         << (rc == 128 + SIGKILL ? ": hung"
-                             : rc > 128          ? ": ended by a signal"
-                             : rc == 1           ? ": wrong status"
-                                                 : ": set-up failed");
+        EXPECT_EQ(rc, 0) << r.call << (rc == 128 + SIGKILL ? ": hung" : rc > 128 ? ": ended by a signal"
+                                       : rc == 1 ? ": wrong status" : ": set-up failed");
     }
     g_calls += static_cast<int>(rows.size());
     std::printf("[ robustness ] %zu calls (%d in this process)\n", rows.size(), g_calls);
@@ -110,28 +97,27 @@ TEST(Robustness, CoreMemoryListAndProcess) {
     LST_Elem elem{};
     timespec ts{};
     int32_t a = 0;
-    run_table(
-        {
-            PTR(KAVRO_OBJ_Alloc(0, KAVRO_TAG_SEM, 0), 0u), PTR(KAVRO_OBJ_Alloc(3, KAVRO_TAG_SEM, 0), 0u),
-            PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 0xFFFFFFFFu), 0u),
-            PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 0xFFFFFFFDu), 0u),
-            VOID(KAVRO_OBJ_Free(nullptr, 0)), VOID(KAVRO_OBJ_Free(nullptr, 0xFFFFFFFFu)),
-            ROW(MEM_Init(), kOk), VOID(MEM_Exit()), PTR(MEM_Alloc(0, 999), 0u), PTR(MEM_Calloc(0, 999), 0u),
-            VOID(MEM_Free(nullptr)), VOID(MEM_Free2(nullptr)), ROW(MEM_LockAll(), kAny), ROW(MEM_UnLockAll(), kAny),
-            ROW(MEM_Statistics(), kOk),
-            VOID(GP_printf(NULLTEXT)), VOID(GP_printf("%s\n", NULLTEXT)),
-            ROW(DBG_Init(), 1u), ROW(DBG_Exit(), kOk), ROW(DBG_Printf(NULLTEXT), kOk), ROW(DBG_Trace(NULLTEXT), kOk),
-            ROW(ULX_Init(), kOk), ROW(ULX_Exit(), kOk),
-            ROW(_ULX_MakeAbsTime(nullptr, 0), kArg), ROW(_ULX_MakeAbsTime(&ts, kForever), kOk),
-            ROW(SMP_GetNumProcessors(nullptr, nullptr), kArg), ROW(SMP_GetNumProcessors(&a, nullptr), kArg),
-            ROW(SMP_GetNumProcessors(nullptr, &a), kArg),
-            ROW(LST_Init(), kAny), VOID(LST_Exit()), VOID(LST_Delete(nullptr)), PTR(LST_InitElem(nullptr), 0u),
-            PTR(LST_PutTail(nullptr, &elem), 0u), PTR(LST_PutTail(list = LST_Create(), nullptr), 0u),
-            ROW(LST_GetHead(nullptr), 0u), ROW(LST_GetHead(list = LST_Create()), 0u), PTR(LST_First(nullptr), 0u),
-            PTR(LST_Next(nullptr, &elem), 0u), PTR(LST_Next(list = LST_Create(), nullptr), 0u),
-            PTR(LST_Next(list = LST_Create(), &elem), 0u),
-            VOID(LST_RemoveElem(nullptr, &elem)), VOID(LST_RemoveElem(list = LST_Create(), nullptr)),
-            VOID(LST_RemoveElem(list = LST_Create(), &elem)),
+    run_table({
+        PTR(KAVRO_OBJ_Alloc(0, KAVRO_TAG_SEM, 0), 0u), PTR(KAVRO_OBJ_Alloc(3, KAVRO_TAG_SEM, 0), 0u),
+        PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 0xFFFFFFFFu), 0u),
+        PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 0xFFFFFFFDu), 0u),
+        VOID(KAVRO_OBJ_Free(nullptr, 0)), VOID(KAVRO_OBJ_Free(nullptr, 0xFFFFFFFFu)),
+        ROW(MEM_Init(), kOk), VOID(MEM_Exit()), PTR(MEM_Alloc(0, 999), 0u), PTR(MEM_Calloc(0, 999), 0u),
+        VOID(MEM_Free(nullptr)), VOID(MEM_Free2(nullptr)), ROW(MEM_LockAll(), kAny), ROW(MEM_UnLockAll(), kAny),
+        ROW(MEM_Statistics(), kOk),
+        VOID(GP_printf(NULLTEXT)), VOID(GP_printf("%s\n", NULLTEXT)),
+        ROW(DBG_Init(), 1u), ROW(DBG_Exit(), kOk), ROW(DBG_Printf(NULLTEXT), kOk), ROW(DBG_Trace(NULLTEXT), kOk),
+        ROW(ULX_Init(), kOk), ROW(ULX_Exit(), kOk),
+        ROW(_ULX_MakeAbsTime(nullptr, 0), kArg), ROW(_ULX_MakeAbsTime(&ts, kForever), kOk),
+        ROW(SMP_GetNumProcessors(nullptr, nullptr), kArg), ROW(SMP_GetNumProcessors(&a, nullptr), kArg),
+        ROW(SMP_GetNumProcessors(nullptr, &a), kArg),
+        ROW(LST_Init(), kAny), VOID(LST_Exit()), VOID(LST_Delete(nullptr)), PTR(LST_InitElem(nullptr), 0u),
+        PTR(LST_PutTail(nullptr, &elem), 0u), PTR(LST_PutTail(list = LST_Create(), nullptr), 0u),
+        ROW(LST_GetHead(nullptr), 0u), ROW(LST_GetHead(list = LST_Create()), 0u), PTR(LST_First(nullptr), 0u),
+        PTR(LST_Next(nullptr, &elem), 0u), PTR(LST_Next(list = LST_Create(), nullptr), 0u),
+        PTR(LST_Next(list = LST_Create(), &elem), 0u),
+        VOID(LST_RemoveElem(nullptr, &elem)), VOID(LST_RemoveElem(list = LST_Create(), nullptr)),
+        VOID(LST_RemoveElem(list = LST_Create(), &elem)),
         });
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     // The largest sizes: null, or a releasable block (sanitizers abort instead).
@@ -154,8 +140,8 @@ TEST(Robustness, UtilitiesFormatVersionReportErrorsClocks) {
         VOID(GP_sprintf(nullptr, "x")), VOID(GP_sprintf(buf, NULLTEXT)),
         VOID(GP_sprintf(buf, "%s%c%d", NULLTEXT, 0, INT_MIN)), VOID(GP_sprintf(buf, "%")),
         VOID(GP_sprintf(buf, "%-0#+ .l")), VOID(GP_sprintf(buf, "%q%")),
-        VOID(vsprintf_of(nullptr, NULLTEXT)), VOID(vsprintf_of(buf, NULLTEXT)),
-        VOID(vprintf_of(NULLTEXT)),
+        VOID(vformat(false, nullptr, NULLTEXT)), VOID(vformat(false, buf, NULLTEXT)),
+        VOID(vformat(true, nullptr, NULLTEXT)),
         ROW(_libTorVersion2String(nullptr, 0, buf), kMinus1), ROW(_libTorVersion2String("", 0, buf), kMinus1),
         ROW(_libTorVersion2String("TXcid", INT_MAX, nullptr), kMinus1),
         ROW(_libTorVersion2String("TXcid", INT_MIN, buf), kAny),
@@ -195,7 +181,7 @@ TEST(Robustness, UtilitiesFormatVersionReportErrorsClocks) {
 TEST(Robustness, FileNetworkLoader) {
     kavro::test::ScratchDir dir;
     const std::string path = dir.path() + "/f";
-    KFILE *f = nullptr;
+    auto fresh = [&] { return KFILE_Open(path.c_str(), "w+"); };
     KFILE closed{reinterpret_cast<FILE *>(g_released), 0};
     KFILE alien{reinterpret_cast<FILE *>(g_released), KAVRO_TAG_SEM};
     char buf[64] = {};
@@ -206,15 +192,12 @@ TEST(Robustness, FileNetworkLoader) {
         PTR(KFILE_Open("/nonexistent/dir/f", "r"), 0u), PTR(KFILE_Open(path.c_str(), "zz"), 0u),
         ROW(KFILE_Close(nullptr), kMinus1), ROW(KFILE_Close(&closed), kMinus1), ROW(KFILE_Close(&alien), kMinus1),
         ROW(KFILE_Read(buf, 1, 1, nullptr), kMinus1), ROW(KFILE_Read(buf, 1, 1, &closed), kMinus1),
-        ROW(KFILE_Read(nullptr, 1, 1, f = KFILE_Open(path.c_str(), "w+")), static_cast<uint32_t>(-5)),
-        ROW(KFILE_Read(buf, 1, 0xFFFFFFFFu, f = KFILE_Open(path.c_str(), "w+")), static_cast<uint32_t>(-22)),
-        ROW(KFILE_Read(buf, 0, 0, f = KFILE_Open(path.c_str(), "w+")), 0u),
+        ROW(KFILE_Read(nullptr, 1, 1, fresh()), kMinus5), ROW(KFILE_Read(buf, 1, 0xFFFFFFFFu, fresh()), kMinus22),
+        ROW(KFILE_Read(buf, 0, 0, fresh()), 0u),
         ROW(KFILE_Write(buf, 1, 1, nullptr), kMinus1), ROW(KFILE_Write(buf, 1, 1, &alien), kMinus1),
-        ROW(KFILE_Write(nullptr, 1, 1, f = KFILE_Open(path.c_str(), "w+")), static_cast<uint32_t>(-5)),
-        ROW(KFILE_Write(buf, 1, 0xFFFFFFFFu, f = KFILE_Open(path.c_str(), "w+")), static_cast<uint32_t>(-22)),
+        ROW(KFILE_Write(nullptr, 1, 1, fresh()), kMinus5), ROW(KFILE_Write(buf, 1, 0xFFFFFFFFu, fresh()), kMinus22),
         ROW(KFILE_Seek(nullptr, 0, SEEK_SET), kMinus1), ROW(KFILE_Seek(&closed, 0, SEEK_SET), kMinus1),
-        ROW(KFILE_Seek(f = KFILE_Open(path.c_str(), "w+"), 0, INT_MAX), kMinus1),
-        ROW(KFILE_Seek(f = KFILE_Open(path.c_str(), "w+"), INT_MIN, SEEK_SET), kMinus1),
+        ROW(KFILE_Seek(fresh(), 0, INT_MAX), kMinus1), ROW(KFILE_Seek(fresh(), INT_MIN, SEEK_SET), kMinus1),
         ROW(KFILE_Tell(nullptr), kMinus1), ROW(KFILE_Tell(&alien), kMinus1),
         ROW(NET_Init(), kAny),
         ROW(_getDeviceList(), kAny),
@@ -227,19 +210,18 @@ TEST(Robustness, FileNetworkLoader) {
     LDR_Module *m = nullptr;
     void *addr = nullptr;
     auto loaded = [&] { return LDR_LoadModule(&m, "libc.so.6") == 0 ? m : nullptr; };
-    run_table(
-        {
-            ROW(LDR_Init(), kAny), VOID(LDR_Exit()),
-            ROW(LDR_LoadModule(nullptr, "libc.so.6"), kArg), ROW(LDR_LoadModule(&m, nullptr), kArg),
-            ROW(LDR_LoadModule(&m, "/nonexistent/module.so"), KAVRO_E_LOADFAILED),
-            ROW(LDR_LoadModule(&m, std::string(5000, 'm').c_str()), KAVRO_E_LOADFAILED),
-            ROW(LDR_GetProcAddress(nullptr, "printf", &addr), kArg),
-            ROW(LDR_GetProcAddress(released<LDR_Module>(), "printf", &addr), kFail),
-            ROW(LDR_GetProcAddress(foreign<LDR_Module>(), "printf", &addr), kFail),
-            ROW(LDR_GetProcAddress(loaded(), nullptr, &addr), kArg),
-            ROW(LDR_GetProcAddress(loaded(), "printf", nullptr), kArg),
-            ROW(LDR_FreeModule(nullptr), kArg), ROW(LDR_FreeModule(released<LDR_Module>()), kFail),
-            ROW(LDR_FreeModule(foreign<LDR_Module>()), kFail),
+    run_table({
+        ROW(LDR_Init(), kAny), VOID(LDR_Exit()),
+        ROW(LDR_LoadModule(nullptr, "libc.so.6"), kArg), ROW(LDR_LoadModule(&m, nullptr), kArg),
+        ROW(LDR_LoadModule(&m, "/nonexistent/module.so"), KAVRO_E_LOADFAILED),
+        ROW(LDR_LoadModule(&m, std::string(5000, 'm').c_str()), KAVRO_E_LOADFAILED),
+        ROW(LDR_GetProcAddress(nullptr, "printf", &addr), kArg),
+        ROW(LDR_GetProcAddress(released<LDR_Module>(), "printf", &addr), kFail),
+        ROW(LDR_GetProcAddress(foreign<LDR_Module>(), "printf", &addr), kFail),
+        ROW(LDR_GetProcAddress(loaded(), nullptr, &addr), kArg),
+        ROW(LDR_GetProcAddress(loaded(), "printf", nullptr), kArg),
+        ROW(LDR_FreeModule(nullptr), kArg), ROW(LDR_FreeModule(released<LDR_Module>()), kFail),
+        ROW(LDR_FreeModule(foreign<LDR_Module>()), kFail),
         },
         [] {
             if (int rc = private_install_dir(); rc != 0) return rc;
@@ -252,27 +234,25 @@ TEST(Robustness, Registry) {
     char value[16] = {};
     uint32_t size = sizeof value, word = 1;
     const std::string longName(300, 'n');
-    run_table(
-        {
-            ROW(REG_Init(), 1u), ROW(REG_Exit(), kOk),
-            ROW(REG_GetValue(value, "s", "e", value, &size), KAVRO_E_NOTIMPL),
-            ROW(REG_GetValue(nullptr, nullptr, "e", value, &size), kArg),
-            ROW(REG_GetValue(nullptr, "s", nullptr, value, &size), kArg),
-            ROW(REG_GetValue(nullptr, "s", "e", nullptr, &size), kArg),
-            ROW(REG_GetValue(nullptr, "s", "e", value, nullptr), kArg),
-            ROW(REG_GetValue(nullptr, "s", "e", value, &(size = 0)), kAny),
-            ROW(REG_GetValue(nullptr, longName.c_str(), longName.c_str(), value, &size), kAny),
-            ROW(REG_SetValue(nullptr, nullptr, "e", 1, "v", &size), kArg),
-            ROW(REG_SetValue(nullptr, "s", nullptr, 1, "v", &size), kArg),
-            ROW(REG_SetValue(nullptr, "s", "e", 1, nullptr, &size), kArg),
-            ROW(REG_SetValue(nullptr, "s", "e", 1, "v", nullptr), kArg),
-            ROW(REG_SetValue(nullptr, "", "e", 1, "v", &size), kArg),
-            ROW(REG_SetValue(nullptr, longName.c_str(), "e", 1, "v", &size), kArg),
-            ROW(REG_SetValue(nullptr, "s", "e", 1, longName.c_str(), &size), kArg),
-            ROW(REG_SetValue(nullptr, "s", "e", 3, &word, &size), KAVRO_E_NOTIMPL),
-            ROW(REG_SetValue(nullptr, "s", "e", 0xFFFFFFFFu, &word, &size), kFail),
-            ROW(REG_DeleteEntry(nullptr, nullptr, "e"), kArg), ROW(REG_DeleteEntry(nullptr, "s", nullptr), kArg),
-            ROW(REG_DeleteEntry(value, "s", "e"), KAVRO_E_NOTIMPL),
+    run_table({
+        ROW(REG_Init(), 1u), ROW(REG_Exit(), kOk), ROW(REG_GetValue(value, "s", "e", value, &size), KAVRO_E_NOTIMPL),
+        ROW(REG_GetValue(nullptr, nullptr, "e", value, &size), kArg),
+        ROW(REG_GetValue(nullptr, "s", nullptr, value, &size), kArg),
+        ROW(REG_GetValue(nullptr, "s", "e", nullptr, &size), kArg),
+        ROW(REG_GetValue(nullptr, "s", "e", value, nullptr), kArg),
+        ROW(REG_GetValue(nullptr, "s", "e", value, &(size = 0)), kAny),
+        ROW(REG_GetValue(nullptr, longName.c_str(), longName.c_str(), value, &size), kAny),
+        ROW(REG_SetValue(nullptr, nullptr, "e", 1, "v", &size), kArg),
+        ROW(REG_SetValue(nullptr, "s", nullptr, 1, "v", &size), kArg),
+        ROW(REG_SetValue(nullptr, "s", "e", 1, nullptr, &size), kArg),
+        ROW(REG_SetValue(nullptr, "s", "e", 1, "v", nullptr), kArg),
+        ROW(REG_SetValue(nullptr, "", "e", 1, "v", &size), kArg),
+        ROW(REG_SetValue(nullptr, longName.c_str(), "e", 1, "v", &size), kArg),
+        ROW(REG_SetValue(nullptr, "s", "e", 1, longName.c_str(), &size), kArg),
+        ROW(REG_SetValue(nullptr, "s", "e", 3, &word, &size), KAVRO_E_NOTIMPL),
+        ROW(REG_SetValue(nullptr, "s", "e", 0xFFFFFFFFu, &word, &size), kFail),
+        ROW(REG_DeleteEntry(nullptr, nullptr, "e"), kArg), ROW(REG_DeleteEntry(nullptr, "s", nullptr), kArg),
+        ROW(REG_DeleteEntry(value, "s", "e"), KAVRO_E_NOTIMPL),
         },
         [] {  // an empty registry, so that the arguments are what is refused
             if (int rc = private_install_dir(); rc != 0) return rc;
@@ -286,47 +266,45 @@ TEST(Robustness, SemaphoresAndMailboxes) {
     int32_t count = 0;
     auto counter = [&] { return SEM_Create(&h, 0, 0, 0) == 0 ? h : nullptr; };
     auto sysv = [&] { return IPC_SEM_Create(&h, 0, 0) == 0 ? h : nullptr; };
-    run_table(
-        {
-            ROW(SEM_Init(), kOk), ROW(SEM_Exit(), kOk),
-            ROW(SEM_Create(nullptr, 0, 0, 0), kArg), ROW(SEM_Create(nullptr, 1, 0x5EAFu, 1), kArg),
-            ROW(SEM_Create(&h, INT_MAX, 0, 0), kOk), ROW(SEM_Create(&h, INT_MIN, 0, 0), kAny),
-            ROW(SEM_Create(&h, INT_MAX, 0, 1), kAny), ROW(SEM_Create(&h, -1, 0xFFFFFFFFu, 1), kAny),
-            ROW(SEM_Create_2(nullptr, 0), kArg), ROW(SEM_Create_2(&h, 0xFFFFFFFFu), kAny),
-            ROW(SEM_Delete(nullptr), kOk), ROW(SEM_Delete(released<void>()), kFail),
-            ROW(SEM_Delete(foreign<void>()), kFail),
-            ROW(SEM_Pend(nullptr, kForever), kFail), ROW(SEM_Pend(released<void>(), kForever), kFail),
-            ROW(SEM_Pend(foreign<void>(), kForever), kFail),
-            ROW(SEM_Pend(foreign<void>(g_foreign_sem), kForever), kFail), ROW(SEM_Pend(counter(), 0), KAVRO_E_TIMEOUT),
-            ROW(SEM_TryPend(nullptr), kFail), ROW(SEM_TryPend(released<void>()), kFail),
-            ROW(SEM_Post(nullptr), kFail), ROW(SEM_Post(released<void>()), kFail),
-            ROW(SEM_Post(foreign<void>()), kFail),
-            ROW(SEM_Reset(nullptr, INT_MIN), kFail), ROW(SEM_Reset(released<void>(), INT_MAX), kFail),
-            ROW(SEM_Reset(counter(), INT_MIN), kOk),
-            ROW(SEM_GetCount(nullptr, &count), kFail), ROW(SEM_GetCount(released<void>(), &count), kFail),
-            ROW(SEM_GetCount(counter(), nullptr), kArg),
-            ROW(SEM_GetSystemHandle(nullptr), kFail), ROW(SEM_GetSystemHandle(released<void>()), kFail),
-            ROW(PTHR_SEM_Create(nullptr, 0), kArg),
-            ROW(PTHR_SEM_Create_2(nullptr, 0), kArg), ROW(PTHR_SEM_Create_2(&h, 0xFFFFFFFFu), kAny),
-            ROW(PTHR_SEM_Delete(nullptr), kFail), ROW(PTHR_SEM_Delete(released<void>()), kFail),
-            ROW(PTHR_SEM_Delete(foreign<void>()), kFail),
-            ROW(PTHR_SEM_Pend(nullptr, kForever), kFail), ROW(PTHR_SEM_Pend(released<void>(), kForever), kFail),
-            ROW(PTHR_SEM_TryPend(nullptr), kFail), ROW(PTHR_SEM_TryPend(foreign<void>()), kFail),
-            ROW(PTHR_SEM_Post(nullptr), kFail), ROW(PTHR_SEM_Post(released<void>()), kFail),
-            ROW(PTHR_SEM_Reset(nullptr, 0), kFail), ROW(PTHR_SEM_Reset(foreign<void>(), 0), kFail),
-            ROW(PTHR_SEM_GetCount(nullptr, &count), kFail), ROW(PTHR_SEM_GetCount(released<void>(), &count), kFail),
-            ROW(PTHR_SEM_GetCount(counter(), nullptr), kArg), ROW(PTHR_SEM_GetSystemHandle(nullptr), kFail),
-            ROW(IPC_SEM_Create(nullptr, 0, 0), kArg), ROW(IPC_SEM_Create(&h, INT_MIN, 0), kAny),
-            ROW(IPC_SEM_Create(&h, INT_MAX, 0xFFFFFFFFu), kAny),
-            ROW(IPC_SEM_Delete(nullptr), kFail), ROW(IPC_SEM_Delete(released<void>()), kFail),
-            ROW(IPC_SEM_Delete(foreign<void>()), kFail),
-            ROW(IPC_SEM_Pend(nullptr), kFail), ROW(IPC_SEM_Pend(released<void>()), kFail),
-            ROW(IPC_SEM_Pend(foreign<void>(g_foreign_sem)), kFail),
-            ROW(IPC_SEM_Post(nullptr), kFail), ROW(IPC_SEM_Post(released<void>()), kFail),
-            ROW(IPC_SEM_Reset(nullptr, 0), kFail), ROW(IPC_SEM_Reset(foreign<void>(), INT_MIN), kFail),
-            ROW(IPC_SEM_GetCount(nullptr, &count), kFail), ROW(IPC_SEM_GetCount(released<void>(), &count), kFail),
-            ROW(IPC_SEM_GetCount(sysv(), nullptr), kArg), ROW(IPC_SEM_TryPend(nullptr), kFail),
-            ROW(IPC_SEM_GetSystemHandle(nullptr), kFail),
+    run_table({
+        ROW(SEM_Init(), kOk), ROW(SEM_Exit(), kOk),
+        ROW(SEM_Create(nullptr, 0, 0, 0), kArg), ROW(SEM_Create(nullptr, 1, 0x5EAFu, 1), kArg),
+        ROW(SEM_Create(&h, INT_MAX, 0, 0), kOk), ROW(SEM_Create(&h, INT_MIN, 0, 0), kAny),
+        ROW(SEM_Create(&h, INT_MAX, 0, 1), kAny), ROW(SEM_Create(&h, -1, 0xFFFFFFFFu, 1), kAny),
+        ROW(SEM_Create_2(nullptr, 0), kArg), ROW(SEM_Create_2(&h, 0xFFFFFFFFu), kAny),
+        ROW(SEM_Delete(nullptr), kOk), ROW(SEM_Delete(released<void>()), kFail),
+        ROW(SEM_Delete(foreign<void>()), kFail),
+        ROW(SEM_Pend(nullptr, kForever), kFail), ROW(SEM_Pend(released<void>(), kForever), kFail),
+        ROW(SEM_Pend(foreign<void>(), kForever), kFail),
+        ROW(SEM_Pend(foreign<void>(g_foreign_sem), kForever), kFail), ROW(SEM_Pend(counter(), 0), KAVRO_E_TIMEOUT),
+        ROW(SEM_TryPend(nullptr), kFail), ROW(SEM_TryPend(released<void>()), kFail),
+        ROW(SEM_Post(nullptr), kFail), ROW(SEM_Post(released<void>()), kFail), ROW(SEM_Post(foreign<void>()), kFail),
+        ROW(SEM_Reset(nullptr, INT_MIN), kFail), ROW(SEM_Reset(released<void>(), INT_MAX), kFail),
+        ROW(SEM_Reset(counter(), INT_MIN), kOk),
+        ROW(SEM_GetCount(nullptr, &count), kFail), ROW(SEM_GetCount(released<void>(), &count), kFail),
+        ROW(SEM_GetCount(counter(), nullptr), kArg),
+        ROW(SEM_GetSystemHandle(nullptr), kFail), ROW(SEM_GetSystemHandle(released<void>()), kFail),
+        ROW(PTHR_SEM_Create(nullptr, 0), kArg),
+        ROW(PTHR_SEM_Create_2(nullptr, 0), kArg), ROW(PTHR_SEM_Create_2(&h, 0xFFFFFFFFu), kAny),
+        ROW(PTHR_SEM_Delete(nullptr), kFail), ROW(PTHR_SEM_Delete(released<void>()), kFail),
+        ROW(PTHR_SEM_Delete(foreign<void>()), kFail),
+        ROW(PTHR_SEM_Pend(nullptr, kForever), kFail), ROW(PTHR_SEM_Pend(released<void>(), kForever), kFail),
+        ROW(PTHR_SEM_TryPend(nullptr), kFail), ROW(PTHR_SEM_TryPend(foreign<void>()), kFail),
+        ROW(PTHR_SEM_Post(nullptr), kFail), ROW(PTHR_SEM_Post(released<void>()), kFail),
+        ROW(PTHR_SEM_Reset(nullptr, 0), kFail), ROW(PTHR_SEM_Reset(foreign<void>(), 0), kFail),
+        ROW(PTHR_SEM_GetCount(nullptr, &count), kFail), ROW(PTHR_SEM_GetCount(released<void>(), &count), kFail),
+        ROW(PTHR_SEM_GetCount(counter(), nullptr), kArg), ROW(PTHR_SEM_GetSystemHandle(nullptr), kFail),
+        ROW(IPC_SEM_Create(nullptr, 0, 0), kArg), ROW(IPC_SEM_Create(&h, INT_MIN, 0), kAny),
+        ROW(IPC_SEM_Create(&h, INT_MAX, 0xFFFFFFFFu), kAny),
+        ROW(IPC_SEM_Delete(nullptr), kFail), ROW(IPC_SEM_Delete(released<void>()), kFail),
+        ROW(IPC_SEM_Delete(foreign<void>()), kFail),
+        ROW(IPC_SEM_Pend(nullptr), kFail), ROW(IPC_SEM_Pend(released<void>()), kFail),
+        ROW(IPC_SEM_Pend(foreign<void>(g_foreign_sem)), kFail),
+        ROW(IPC_SEM_Post(nullptr), kFail), ROW(IPC_SEM_Post(released<void>()), kFail),
+        ROW(IPC_SEM_Reset(nullptr, 0), kFail), ROW(IPC_SEM_Reset(foreign<void>(), INT_MIN), kFail),
+        ROW(IPC_SEM_GetCount(nullptr, &count), kFail), ROW(IPC_SEM_GetCount(released<void>(), &count), kFail),
+        ROW(IPC_SEM_GetCount(sysv(), nullptr), kArg), ROW(IPC_SEM_TryPend(nullptr), kFail),
+        ROW(IPC_SEM_GetSystemHandle(nullptr), kFail),
         },
         private_ipc);
 
@@ -359,52 +337,47 @@ TEST(Robustness, KeysQueuesSharedMemory) {
     MessageRecord rec{};
     auto queue = [&] { return IPC_MSGQ_Create(&h, 0, "q") == 0 ? h : nullptr; };
     auto segment = [&] { return IPC_SHM_Create(&h, 0x5EA0u, 64, nullptr, nullptr) == 0 ? h : nullptr; };
-    run_table(
-        {
-            ROW(IPC_Init(nullptr), kOk), ROW(IPC_GetKey(nullptr, 0, &key), kArg), ROW(IPC_GetKey("k", 0, nullptr), kOk),
-            ROW(IPC_GetKey("k", INT_MIN, &key), kOk),
-            ROW(IPC_GetKey(std::string(2000, 'k').c_str(), INT_MAX, &key), kFail),
-            ROW(IPC_GetKey("no/such/dir", 1, &key), kFail), ROW(IPC_GetUniqueKey(nullptr), kArg),
-            ROW(IPC_ReturnUniqueKey(-1), kFail), ROW(IPC_ReturnUniqueKey(5000), kFail),
-            ROW(IPC_ReturnUniqueKey(INT_MIN), kFail), ROW(IPC_Exit(), kOk), ROW(IPC_Clean(), kOk),
-            ROW(mesg_send(-1, nullptr, 0), kMinus1), ROW(mesg_send(-1, &(rec.dataLength = -1, rec), 0), kMinus1),
-            ROW(mesg_send(-1, &(rec.dataLength = INT_MAX, rec), 0), kMinus1),
-            ROW(Mesg_send(INT_MAX, nullptr, INT_MIN), kMinus1),
-            ROW(mesg_recv(-1, nullptr, 1, 0), kMinus1), ROW(mesg_recv(-1, &rec, -1, 0), kMinus1),
-            ROW(mesg_recv(-1, &rec, INT_MAX, 0), kMinus1),
-            ROW(Mesg_recv(INT_MIN, nullptr, INT_MIN, INT_MIN), kMinus1),
-            ROW(IPC_MSGQ_Create(nullptr, 0, "q"), kArg), ROW(IPC_MSGQ_Create(&h, 0, nullptr), kArg),
-            ROW(IPC_MSGQ_Create(&h, 0xFFFFFFFFu, nullptr), kAny),
+    run_table({
+        ROW(IPC_Init(nullptr), kOk), ROW(IPC_GetKey(nullptr, 0, &key), kArg), ROW(IPC_GetKey("k", 0, nullptr), kOk),
+        ROW(IPC_GetKey("k", INT_MIN, &key), kOk), ROW(IPC_GetKey(std::string(2000, 'k').c_str(), INT_MAX, &key), kFail),
+        ROW(IPC_GetKey("no/such/dir", 1, &key), kFail), ROW(IPC_GetUniqueKey(nullptr), kArg),
+        ROW(IPC_ReturnUniqueKey(-1), kFail), ROW(IPC_ReturnUniqueKey(5000), kFail),
+        ROW(IPC_ReturnUniqueKey(INT_MIN), kFail), ROW(IPC_Exit(), kOk), ROW(IPC_Clean(), kOk),
+        ROW(mesg_send(-1, nullptr, 0), kMinus1), ROW(mesg_send(-1, &(rec.dataLength = -1, rec), 0), kMinus1),
+        ROW(mesg_send(-1, &(rec.dataLength = INT_MAX, rec), 0), kMinus1),
+        ROW(Mesg_send(INT_MAX, nullptr, INT_MIN), kMinus1),
+        ROW(mesg_recv(-1, nullptr, 1, 0), kMinus1), ROW(mesg_recv(-1, &rec, -1, 0), kMinus1),
+        ROW(mesg_recv(-1, &rec, INT_MAX, 0), kMinus1),
+        ROW(Mesg_recv(INT_MIN, nullptr, INT_MIN, INT_MIN), kMinus1),
+        ROW(IPC_MSGQ_Create(nullptr, 0, "q"), kArg), ROW(IPC_MSGQ_Create(&h, 0, nullptr), kArg),
+        ROW(IPC_MSGQ_Create(&h, 0xFFFFFFFFu, nullptr), kAny),
             // A null handle stands for queue 0, which a fresh namespace lacks.
-            ROW(IPC_MSGQ_Send(nullptr, data, 1, 1, 0), kFail),
-            ROW(IPC_MSGQ_Send(released<void>(), data, 1, 1, 0), kFail),
-            ROW(IPC_MSGQ_Send(foreign<void>(g_foreign_shm), data, 1, 1, 0), kFail),
-            ROW(IPC_MSGQ_Send(queue(), nullptr, 1, 1, 0), kArg), ROW(IPC_MSGQ_Send(queue(), data, 0, 1, 0), kArg),
-            ROW(IPC_MSGQ_Send(queue(), data, -1, INT_MIN, 0), kArg),
-            ROW(IPC_MSGQ_Send(queue(), data, INT_MAX, 1, 0), kArg),
-            ROW(IPC_MSGQ_Send(foreign<void>(g_foreign_sem), data, 1, 1, 0), kFail),
-            ROW(IPC_MSGQ_Rcv(nullptr, data, sizeof data, &len, 1, 0), kFail),
-            ROW(IPC_MSGQ_Rcv(released<void>(), data, sizeof data, &len, 1, 0), kFail),
-            ROW(IPC_MSGQ_Rcv(queue(), nullptr, 1, &len, 1, 0), kArg),
-            ROW(IPC_MSGQ_Rcv(queue(), data, 0, &len, 1, 0), kArg),
-            ROW(IPC_MSGQ_Rcv(queue(), data, INT_MIN, &len, 1, 0), kArg),
-            ROW(IPC_MSGQ_Rcv(queue(), data, sizeof data, nullptr, 1, 0), kArg),
-            ROW(IPC_MSGQ_Rcv(queue(), data, sizeof data, &len, INT_MIN, 0), KAVRO_E_AGAIN),
-            ROW(IPC_MSGQ_Delete(nullptr), kArg), ROW(IPC_MSGQ_Delete(released<void>()), kFail),
-            ROW(IPC_MSGQ_Delete(foreign<void>(g_foreign_shm)), kFail), ROW(IPC_MSGQ_Init(), kOk),
-            ROW(IPC_MSGQ_Exit(), kOk), ROW(IPC_MSGQ_GetCount(), kOk), ROW(IPC_MSGQ_SetAttr(), kOk),
-            ROW(IPC_MSGQ_GetAttr(), kOk), ROW(IPC_SHM_Create(nullptr, 0x5EA0u, 64, &addr, nullptr), kArg),
-            ROW(IPC_SHM_Create(&h, 0x5EA0u, 0, &addr, nullptr), kFail),
-            ROW(IPC_SHM_Create(&h, 0x5EA0u, 0xFFFFFFFFu, &addr, nullptr), kAny),  // 4 GiB: x86_64 allows it
-            ROW(IPC_SHM_Create(&h, 0, 64, nullptr, nullptr), kAny),
-            ROW(IPC_SHM_Map(nullptr, nullptr), kFail), ROW(IPC_SHM_Map(released<void>(), nullptr), kFail),
-            ROW(IPC_SHM_Map(foreign<void>(g_foreign_sem), nullptr), kFail),
-            ROW(IPC_SHM_Map(segment(), reinterpret_cast<void *>(1)), kFail),
-            ROW(IPC_SHM_Delete(nullptr), kOk), ROW(IPC_SHM_Delete(released<void>()), kFail),
-            ROW(IPC_SHM_Delete(foreign<void>(g_foreign_sem)), kFail),
-            ROW(IPC_SHM_GetCount(nullptr, &len), kFail), ROW(IPC_SHM_GetCount(released<void>(), &len), kFail),
-            ROW(IPC_SHM_GetCount(segment(), nullptr), kArg), ROW(IPC_SHM_Init(), kOk), ROW(IPC_SHM_Exit(), kOk),
-            ROW(detachandremove(-1, nullptr), kMinus1), ROW(detachandremove(INT_MAX, data), kMinus1),
+        ROW(IPC_MSGQ_Send(nullptr, data, 1, 1, 0), kFail), ROW(IPC_MSGQ_Send(released<void>(), data, 1, 1, 0), kFail),
+        ROW(IPC_MSGQ_Send(foreign<void>(g_foreign_shm), data, 1, 1, 0), kFail),
+        ROW(IPC_MSGQ_Send(queue(), nullptr, 1, 1, 0), kArg), ROW(IPC_MSGQ_Send(queue(), data, 0, 1, 0), kArg),
+        ROW(IPC_MSGQ_Send(queue(), data, -1, INT_MIN, 0), kArg), ROW(IPC_MSGQ_Send(queue(), data, INT_MAX, 1, 0), kArg),
+        ROW(IPC_MSGQ_Send(foreign<void>(g_foreign_sem), data, 1, 1, 0), kFail),
+        ROW(IPC_MSGQ_Rcv(nullptr, data, sizeof data, &len, 1, 0), kFail),
+        ROW(IPC_MSGQ_Rcv(released<void>(), data, sizeof data, &len, 1, 0), kFail),
+        ROW(IPC_MSGQ_Rcv(queue(), nullptr, 1, &len, 1, 0), kArg), ROW(IPC_MSGQ_Rcv(queue(), data, 0, &len, 1, 0), kArg),
+        ROW(IPC_MSGQ_Rcv(queue(), data, INT_MIN, &len, 1, 0), kArg),
+        ROW(IPC_MSGQ_Rcv(queue(), data, sizeof data, nullptr, 1, 0), kArg),
+        ROW(IPC_MSGQ_Rcv(queue(), data, sizeof data, &len, INT_MIN, 0), KAVRO_E_AGAIN),
+        ROW(IPC_MSGQ_Delete(nullptr), kArg), ROW(IPC_MSGQ_Delete(released<void>()), kFail),
+        ROW(IPC_MSGQ_Delete(foreign<void>(g_foreign_shm)), kFail), ROW(IPC_MSGQ_Init(), kOk),
+        ROW(IPC_MSGQ_Exit(), kOk), ROW(IPC_MSGQ_GetCount(), kOk), ROW(IPC_MSGQ_SetAttr(), kOk),
+        ROW(IPC_MSGQ_GetAttr(), kOk), ROW(IPC_SHM_Create(nullptr, 0x5EA0u, 64, &addr, nullptr), kArg),
+        ROW(IPC_SHM_Create(&h, 0x5EA0u, 0, &addr, nullptr), kFail),
+        ROW(IPC_SHM_Create(&h, 0x5EA0u, 0xFFFFFFFFu, &addr, nullptr), kAny),  // 4 GiB: x86_64 allows it
+        ROW(IPC_SHM_Create(&h, 0, 64, nullptr, nullptr), kAny),
+        ROW(IPC_SHM_Map(nullptr, nullptr), kFail), ROW(IPC_SHM_Map(released<void>(), nullptr), kFail),
+        ROW(IPC_SHM_Map(foreign<void>(g_foreign_sem), nullptr), kFail),
+        ROW(IPC_SHM_Map(segment(), reinterpret_cast<void *>(1)), kFail),
+        ROW(IPC_SHM_Delete(nullptr), kOk), ROW(IPC_SHM_Delete(released<void>()), kFail),
+        ROW(IPC_SHM_Delete(foreign<void>(g_foreign_sem)), kFail),
+        ROW(IPC_SHM_GetCount(nullptr, &len), kFail), ROW(IPC_SHM_GetCount(released<void>(), &len), kFail),
+        ROW(IPC_SHM_GetCount(segment(), nullptr), kArg), ROW(IPC_SHM_Init(), kOk), ROW(IPC_SHM_Exit(), kOk),
+        ROW(detachandremove(-1, nullptr), kMinus1), ROW(detachandremove(INT_MAX, data), kMinus1),
         },
         [&] { return private_ipc() != 0 ? kNoNamespace : static_cast<int>(IPC_Init(prefix.c_str())); });
 }
@@ -424,26 +397,25 @@ TEST(Robustness, NamedPipes) {
         ROW(IPC_FIFO_RemoveKeys(ks, INT_MAX, 1), kOk), ROW(IPC_FIFO_Exit(), kOk),
     };
     run_table(before_init, [&] { return setenv("TRVXROOT", root.c_str(), 1); });
-    run_table(
-        {
-            ROW(IPC_FIFO_Init(), kOk), ROW(IPC_FIFO_Create(0, nullptr, 0, "p"), kArg),
-            ROW(IPC_FIFO_Create(UINTPTR_MAX, &fd, UINTPTR_MAX, nullptr), kArg),
-            ROW(IPC_FIFO_Create(0, &fd, 0, "/nonexistent/dir/p"), kOk),
-            ROW(IPC_FIFO_Create(0, &fd, 0, longPath.c_str()), kOk),
-            ROW(IPC_FIFO_Read(-1, buf, &n, sizeof buf), kAny), ROW(IPC_FIFO_Read(INT_MAX, buf, &n, sizeof buf), kAny),
-            ROW(IPC_FIFO_Read(reader(), nullptr, &n, sizeof buf), kFail),
-            ROW(IPC_FIFO_Read(reader(), buf, nullptr, sizeof buf), kArg),
-            ROW(IPC_FIFO_Read(reader(), buf, &n, 0), kFail), ROW(IPC_FIFO_Read(reader(), buf, &n, sizeof buf), kAny),
-            ROW(IPC_FIFO_Write(0, 0, 0, buf, &n, 1, 0), kArg), ROW(IPC_FIFO_Write(0, 7, 0, nullptr, &n, 1, 0), kArg),
-            ROW(IPC_FIFO_Write(0, 7, 0, buf, nullptr, 1, 0), kArg), ROW(IPC_FIFO_Write(0, 7, 0, buf, &n, 0, 0), kArg),
-            ROW(IPC_FIFO_Write(UINTPTR_MAX, 0xFFFFFFFFu, INT_MIN, buf, &n, 1, INT_MIN), kFail),
-            ROW(IPC_FIFO_CheckKey_2(0, 0), kFail), ROW(IPC_FIFO_CheckKey_2(0xFFFFFFFFu, INT_MIN), kFail),
-            ROW(IPC_FIFO_CheckKey(0), kAny),
-            ROW(IPC_FIFO_KeyStatus(nullptr, &n, 0), kArg), ROW(IPC_FIFO_KeyStatus(ks, nullptr, 1), kArg),
-            ROW(IPC_FIFO_RemoveKeys(nullptr, 1, 0), kFail), ROW(IPC_FIFO_RemoveKeys(ks, -1, 0), kOk),
-            ROW(IPC_FIFO_RemoveKeys(ks, INT_MAX, 0), kOk), ROW(IPC_FIFO_Delete(0), kOk),
-            ROW(IPC_FIFO_Detach(UINTPTR_MAX, nullptr), kOk),
-            ROW(set_nonblock(-1), kMinus1), ROW(set_nonblock(INT_MAX), kMinus1),
+    run_table({
+        ROW(IPC_FIFO_Init(), kOk), ROW(IPC_FIFO_Create(0, nullptr, 0, "p"), kArg),
+        ROW(IPC_FIFO_Create(UINTPTR_MAX, &fd, UINTPTR_MAX, nullptr), kArg),
+        ROW(IPC_FIFO_Create(0, &fd, 0, "/nonexistent/dir/p"), kOk),
+        ROW(IPC_FIFO_Create(0, &fd, 0, longPath.c_str()), kOk),
+        ROW(IPC_FIFO_Read(-1, buf, &n, sizeof buf), kAny), ROW(IPC_FIFO_Read(INT_MAX, buf, &n, sizeof buf), kAny),
+        ROW(IPC_FIFO_Read(reader(), nullptr, &n, sizeof buf), kFail),
+        ROW(IPC_FIFO_Read(reader(), buf, nullptr, sizeof buf), kArg),
+        ROW(IPC_FIFO_Read(reader(), buf, &n, 0), kFail), ROW(IPC_FIFO_Read(reader(), buf, &n, sizeof buf), kAny),
+        ROW(IPC_FIFO_Write(0, 0, 0, buf, &n, 1, 0), kArg), ROW(IPC_FIFO_Write(0, 7, 0, nullptr, &n, 1, 0), kArg),
+        ROW(IPC_FIFO_Write(0, 7, 0, buf, nullptr, 1, 0), kArg), ROW(IPC_FIFO_Write(0, 7, 0, buf, &n, 0, 0), kArg),
+        ROW(IPC_FIFO_Write(UINTPTR_MAX, 0xFFFFFFFFu, INT_MIN, buf, &n, 1, INT_MIN), kFail),
+        ROW(IPC_FIFO_CheckKey_2(0, 0), kFail), ROW(IPC_FIFO_CheckKey_2(0xFFFFFFFFu, INT_MIN), kFail),
+        ROW(IPC_FIFO_CheckKey(0), kAny),
+        ROW(IPC_FIFO_KeyStatus(nullptr, &n, 0), kArg), ROW(IPC_FIFO_KeyStatus(ks, nullptr, 1), kArg),
+        ROW(IPC_FIFO_RemoveKeys(nullptr, 1, 0), kFail), ROW(IPC_FIFO_RemoveKeys(ks, -1, 0), kOk),
+        ROW(IPC_FIFO_RemoveKeys(ks, INT_MAX, 0), kOk), ROW(IPC_FIFO_Delete(0), kOk),
+        ROW(IPC_FIFO_Detach(UINTPTR_MAX, nullptr), kOk),
+        ROW(set_nonblock(-1), kMinus1), ROW(set_nonblock(INT_MAX), kMinus1),
         },
         [&] {
             setenv("TRVXROOT", root.c_str(), 1);
@@ -483,50 +455,47 @@ TEST(Robustness, ThreadsTaskLocksTimer) {
         ROW(TMR_Wait(INFINITY), kAny), ROW(TMR_gmtime(nullptr, nullptr), kOk), ROW(TMR_GetTimeOfDay(nullptr), kOk),
         ROW(TMR_Time(nullptr), kOk), ROW(TMR_Exit(), kAny),
     });
-    run_table(
-        {
-            ROW(THREAD_Init(), kAny), ROW(THREAD_Exit(), kOk),
-            ROW(THREAD_Create(nullptr, idle, nullptr, nullptr), KAVRO_E_POINTER),
-            ROW(THREAD_Create(&t, nullptr, nullptr, nullptr), KAVRO_E_POINTER),
-            ROW(THREAD_Create(&t, idle, nullptr, with(0, 1, -1)), kArg),
-            ROW(THREAD_Create(&t, idle, nullptr, with(0xFFFFFFFFu, 1, -1)), kArg),
-            ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_LENGTH, 16, -1)), kArg),
-            ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_LENGTH, 0xFFFFFFFFu, -1)), kArg),
-            ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_LENGTH, 1, 9)), kArg),
-            ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_SHORT_LENGTH, 1, INT_MIN)), kArg),
-            ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_LENGTH, 1, 1)), KAVRO_E_POINTER),
-            ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_SHORT_LENGTH, 1, THREAD_MAX_ARGS)),
+    run_table({
+        ROW(THREAD_Init(), kAny), ROW(THREAD_Exit(), kOk),
+        ROW(THREAD_Create(nullptr, idle, nullptr, nullptr), KAVRO_E_POINTER),
+        ROW(THREAD_Create(&t, nullptr, nullptr, nullptr), KAVRO_E_POINTER),
+        ROW(THREAD_Create(&t, idle, nullptr, with(0, 1, -1)), kArg),
+        ROW(THREAD_Create(&t, idle, nullptr, with(0xFFFFFFFFu, 1, -1)), kArg),
+        ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_LENGTH, 16, -1)), kArg),
+        ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_LENGTH, 0xFFFFFFFFu, -1)), kArg),
+        ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_LENGTH, 1, 9)), kArg),
+        ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_SHORT_LENGTH, 1, INT_MIN)), kArg),
+        ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_LENGTH, 1, 1)), KAVRO_E_POINTER),
+        ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_SHORT_LENGTH, 1, THREAD_MAX_ARGS)),
                 KAVRO_E_POINTER),
-            ROW(THREAD_TranslatePriority(16, &prio), kArg), ROW(THREAD_TranslatePriority(0xFFFFFFFFu, &prio), kArg),
-            ROW(THREAD_TranslatePriority(0, nullptr), kArg), ROW(THREAD_KernelTimeSlice(INT_MIN), kOk),
-            ROW(THREAD_SetPriority(nullptr, 1, &word), kArg),
-            ROW(THREAD_SetPriority(nullptr, 0xFFFFFFFFu, nullptr), kArg),
-            ROW(THREAD_Set2Priority(nullptr, 98, &word, &word), kArg),
-            ROW(THREAD_Set2Priority(live(), 98, nullptr, nullptr), kArg), ROW(THREAD_Restore2Priority(nullptr), kArg),
-            VOID(THREAD_LockStatus(nullptr, nullptr)), VOID(THREAD_LockStatus(nullptr, &word)),
-            ROW(THREAD_GetName(nullptr, name), kOk), ROW(THREAD_GetName(live(), nullptr), kArg),
-            ROW(THREAD_GetName(nullptr, nullptr), kAny),
-            ROW(THREAD_GetPriority(nullptr, &word), kArg), ROW(THREAD_GetPriority(live(), nullptr), kArg),
-            ROW(THREAD_GetSystemThreadHandle(nullptr, &sys), kArg),
-            ROW(THREAD_GetSystemThreadHandle(live(), nullptr), kArg),
-            ROW(THREAD_GetEnvironment(nullptr, &word), kArg), ROW(THREAD_GetEnvironment(live(), nullptr), kArg),
-            ROW(THREAD_SetEnvironment(nullptr, 0xFFFFFFFFu), kArg), ROW(THREAD_Self(nullptr), kArg),
-            ROW(THREAD_End(), kArg),  // the main thread has no record
-            ROW(THREAD_Delete(nullptr), kFail), ROW(THREAD_Sleep(0), kOk), ROW(THREAD_Join(nullptr), kArg),
-            ROW(THREAD_Yield(), kOk),
-            ROW(LCK_Init(), kOk), ROW(LCK_Create(nullptr), kArg), ROW(LCK_Delete(nullptr), kArg),
-            ROW(LCK_Unlock(nullptr), kOk), ROW(LCK_Unlock(lock = (LCK_Create(&lock), lock)), kOk),
-            ROW(LCK_Unlock_2(), kFail),
+        ROW(THREAD_TranslatePriority(16, &prio), kArg), ROW(THREAD_TranslatePriority(0xFFFFFFFFu, &prio), kArg),
+        ROW(THREAD_TranslatePriority(0, nullptr), kArg), ROW(THREAD_KernelTimeSlice(INT_MIN), kOk),
+        ROW(THREAD_SetPriority(nullptr, 1, &word), kArg), ROW(THREAD_SetPriority(nullptr, 0xFFFFFFFFu, nullptr), kArg),
+        ROW(THREAD_Set2Priority(nullptr, 98, &word, &word), kArg),
+        ROW(THREAD_Set2Priority(live(), 98, nullptr, nullptr), kArg), ROW(THREAD_Restore2Priority(nullptr), kArg),
+        VOID(THREAD_LockStatus(nullptr, nullptr)), VOID(THREAD_LockStatus(nullptr, &word)),
+        ROW(THREAD_GetName(nullptr, name), kOk), ROW(THREAD_GetName(live(), nullptr), kArg),
+        ROW(THREAD_GetName(nullptr, nullptr), kAny),
+        ROW(THREAD_GetPriority(nullptr, &word), kArg), ROW(THREAD_GetPriority(live(), nullptr), kArg),
+        ROW(THREAD_GetSystemThreadHandle(nullptr, &sys), kArg),
+        ROW(THREAD_GetSystemThreadHandle(live(), nullptr), kArg),
+        ROW(THREAD_GetEnvironment(nullptr, &word), kArg), ROW(THREAD_GetEnvironment(live(), nullptr), kArg),
+        ROW(THREAD_SetEnvironment(nullptr, 0xFFFFFFFFu), kArg), ROW(THREAD_Self(nullptr), kArg),
+        ROW(THREAD_End(), kArg),  // the main thread has no record
+        ROW(THREAD_Delete(nullptr), kFail), ROW(THREAD_Sleep(0), kOk), ROW(THREAD_Join(nullptr), kArg),
+        ROW(THREAD_Yield(), kOk),
+        ROW(LCK_Init(), kOk), ROW(LCK_Create(nullptr), kArg), ROW(LCK_Delete(nullptr), kArg),
+        ROW(LCK_Unlock(nullptr), kOk), ROW(LCK_Unlock(lock = (LCK_Create(&lock), lock)), kOk),
+        ROW(LCK_Unlock_2(), kFail),
         },
         [] { return THREAD_Init() == 0 && LCK_Init() == 0 ? 0 : 1; });
 
     if (!kavro::test::rt_permitted()) GTEST_SKIP() << "the timer engine needs real-time scheduling";
-    run_table(
-        {
-            ROW(TMR_Create(nullptr, 2.0, nop, 0), kArg), ROW(TMR_Create(&tmr, 1.99, nop, 0), kArg),
-            ROW(TMR_Create(&tmr, -INFINITY, nop, 0), kArg), ROW(TMR_Create(&tmr, 2.0, nullptr, 0), kArg),
-            ROW(TMR_Create(&tmr, INFINITY, nop, 0xFFFFFFFFu), kAny), ROW(TMR_SetTime(released<TmrTimer>(), 2.0), kArg),
-            ROW(TMR_Exit(), kOk), ROW((TMR_Exit(), TMR_Exit()), kAny),
+    run_table({
+        ROW(TMR_Create(nullptr, 2.0, nop, 0), kArg), ROW(TMR_Create(&tmr, 1.99, nop, 0), kArg),
+        ROW(TMR_Create(&tmr, -INFINITY, nop, 0), kArg), ROW(TMR_Create(&tmr, 2.0, nullptr, 0), kArg),
+        ROW(TMR_Create(&tmr, INFINITY, nop, 0xFFFFFFFFu), kAny), ROW(TMR_SetTime(released<TmrTimer>(), 2.0), kArg),
+        ROW(TMR_Exit(), kOk), ROW((TMR_Exit(), TMR_Exit()), kAny),
         },
         [] {
             setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
