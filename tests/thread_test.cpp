@@ -3,11 +3,10 @@
 
 #include <pthread.h>
 #include <sched.h>
-#include <semaphore.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -62,13 +61,9 @@ void got(int n, const uint32_t *w) {
     g_seen->done.post();
 }
 void words0() { got(0, nullptr); }
-void words3(uint32_t a, uint32_t b, uint32_t c) {
-    const uint32_t w[] = {a, b, c};
-    got(3, w);
-}
+void words3(uint32_t a, uint32_t b, uint32_t c) { got(3, std::array<uint32_t, 3>{a, b, c}.data()); }
 void words8(uint32_t a, uint32_t b, uint32_t c, uint32_t d, uint32_t e, uint32_t f, uint32_t g, uint32_t h) {
-    const uint32_t w[] = {a, b, c, d, e, f, g, h};
-    got(8, w);
+    got(8, std::array<uint32_t, 8>{a, b, c, d, e, f, g, h}.data());
 }
 
 class Threads : public testing::Test {
@@ -158,11 +153,9 @@ TEST_F(Threads, SuspendedStartWaitsForSetPriority) {
     ASSERT_EQ(THREAD_Create(&hLate, context_fn, &late, &suspended), 0u);
     EXPECT_FALSE(seen.done.wait(200));
     char name[THREAD_GETNAME_SIZE];
-    ASSERT_EQ(THREAD_GetName(h, name), 0u);
-    EXPECT_STREQ(name, "unknown");
+    EXPECT_TRUE(THREAD_GetName(h, name) == 0 && std::strcmp(name, "unknown") == 0) << name;
     uint32_t old = 0;
-    ASSERT_EQ(THREAD_SetPriority(h, 4, &old), 0u);
-    EXPECT_EQ(old, 2u);
+    EXPECT_TRUE(THREAD_SetPriority(h, 4, &old) == 0 && old == 2);
     ASSERT_TRUE(seen.done.wait());
     THREAD_Join(h);
     EXPECT_EQ(seen.sched, Sched(SCHED_FIFO, 4));
@@ -243,9 +236,8 @@ TEST_F(Threads, NameIsCutAt255AndReadAsAFixed80ByteField) {
         std::memset(field, '#', sizeof field);
         EXPECT_EQ(THREAD_GetName(h, field), 0u);
         const size_t n = std::min<size_t>(name.size(), THREAD_GETNAME_SIZE);
-        EXPECT_EQ(std::string(field, n), name.substr(0, n));
-        for (size_t i = n; i < THREAD_GETNAME_SIZE; ++i) EXPECT_EQ(field[i], '\0');
-        EXPECT_EQ(field[THREAD_GETNAME_SIZE], '#');
+        EXPECT_EQ(std::string(field, THREAD_GETNAME_SIZE + 1),  // zero-filled, nothing written past the field
+                  name.substr(0, n) + std::string(THREAD_GETNAME_SIZE - n, '\0') + "#");
         THREAD_SetPriority(h, 0, nullptr);
         ASSERT_TRUE(seen.done.wait());
         THREAD_Join(h);
@@ -262,10 +254,8 @@ TEST_F(Threads, ForeignThreadNullOutputsSleepAndObsoleteDelete) {
     uint32_t u = 7;
     int32_t i = 0;
     char name[THREAD_GETNAME_SIZE] = "x";
-    EXPECT_EQ(THREAD_GetName(nullptr, name), 0u);
-    EXPECT_STREQ(name, "x");
     THREAD_LockStatus(nullptr, &u);
-    EXPECT_EQ(u, 0u);
+    EXPECT_TRUE(THREAD_GetName(nullptr, name) == 0 && std::strcmp(name, "x") == 0 && u == 0);
     EXPECT_TRUE(THREAD_TranslatePriority(98, &i) == 0x80070057u && i == 98);
     EXPECT_TRUE(THREAD_TranslatePriority(15, &i) == 0 && i == 15);
     testing::internal::CaptureStderr();
