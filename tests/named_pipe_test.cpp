@@ -36,8 +36,7 @@ std::vector<std::string> channel_names(const std::string &root, uint32_t key, bo
 
 // A reader process opening the first `open_count` FIFOs; collect() returns
 // what stands in each of the four (index, rank 0, 1, 2) and ends it.
-class Reader {
-public:
+struct Reader {
     explicit Reader(const std::vector<std::string> &names, int open_count = 4, int pipe_size = 0) {
         int ctl[2], res[2];
         if (pipe(ctl) != 0 || pipe(res) != 0) return;
@@ -50,15 +49,14 @@ public:
                 if (i >= open_count) close(fds[i]);
                 if (pipe_size > 0) fcntl(fds[i], F_SETPIPE_SZ, pipe_size);
             }
-            char c = 'r';
-            if (write(res[1], &c, 1) != 1 || read(ctl[0], &c, 1) != 1) _exit(0);
+            if (char c = 'r'; write(res[1], &c, 1) != 1 || read(ctl[0], &c, 1) != 1) _exit(0);
             for (int i = 0; i < open_count; ++i) {
                 std::string got;
                 char buf[4096];
                 int32_t n = 0;
                 while (IPC_FIFO_Read(fds[i], buf, &n, sizeof buf) == 0 && n > 0) got.append(buf, n);
-                uint32_t len = static_cast<uint32_t>(got.size());
-                if (write(res[1], &len, 4) != 4 || write(res[1], got.data(), len) != static_cast<ssize_t>(len)) _exit(1);
+                got.insert(0, std::string(reinterpret_cast<const char *>(&(n = int32_t(got.size()))), 4));
+                if (write(res[1], got.data(), got.size()) != ssize_t(got.size())) _exit(1);
             }
             _exit(0);
         }
@@ -71,11 +69,7 @@ public:
     ~Reader() { quit(); }
     bool ready() const { return ready_; }
     void quit() {
-        if (pid_ <= 0) return;
-        close(ctl_);
-        close(res_);
-        reap(pid_, 20);
-        pid_ = -1;
+        if (pid_ > 0) close(ctl_), close(res_), reap(pid_, 20), pid_ = -1;
     }
     std::vector<std::string> collect() {
         std::vector<std::string> out(4);
@@ -89,8 +83,6 @@ public:
         quit();
         return out;
     }
-
-private:
     pid_t pid_ = -1;
     int ctl_ = -1, res_ = -1;
     bool ready_ = false;
