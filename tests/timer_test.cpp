@@ -60,7 +60,9 @@ TEST(VmDetection, ProcessorSignatureOrProbeFilesFirstMatchInTableOrder) {
 
 TEST(TickSourceChoice, OverrideHypervisorResolutionAndEnvironment) {
     using T = TickSource;
-    const auto src = [](int32_t ovr, bool hv, bool posix) { return choose_tick_source(ovr, hv, true, 1, posix).source; };
+    const auto src = [](int32_t ovr, bool hv, bool posix) {
+        return choose_tick_source(ovr, hv, true, 1, posix).source;
+    };
     EXPECT_EQ(src(0, true, true), T::Native);  // PELOSHRT does not matter
     EXPECT_TRUE(src(-1, false, false) == T::Native && src(0, false, false) == T::Rtc);
     EXPECT_EQ(src(1, true, false), T::Rtc);  // the override beats detection
@@ -125,7 +127,8 @@ TEST(TmrInit, RecognisedHypervisorTakesTheNativeLoopOnce) {
         return HVR_Hypervisor != nullptr ? 0 : 5;
     });
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(has(r.err, "KAVRO: VM detected\nKAVRO: Running in a ") && has(r.err, " VMKAVRO: Using native clock\n") &&
+    EXPECT_TRUE(has(r.err, "KAVRO: VM detected\nKAVRO: Running in a ") &&
+                has(r.err, " VMKAVRO: Using native clock\n") &&
                 r.err.find("Using native clock") == r.err.rfind("Using native clock")) << r.err;
 }
 
@@ -156,14 +159,15 @@ TEST(TmrSlot, ArmDisarmReuseAndFree) {
         setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
         if (TMR_Init() != 0) return 1;
         TmrTimer *a = nullptr, *b = reinterpret_cast<TmrTimer *>(1);
-        for (auto bad : {TMR_Create(&a, 1.5, nop, 0), TMR_Create(&a, 2.0, nullptr, 0), TMR_Create(nullptr, 2.0, nop, 0)})
+        for (auto bad :
+             {TMR_Create(&a, 1.5, nop, 0), TMR_Create(&a, 2.0, nullptr, 0), TMR_Create(nullptr, 2.0, nop, 0)})
             if (bad != KAVRO_E_INVALIDARG || timers.load() != nullptr) return 2;
-        if (TMR_Create(&a, std::nan(""), nop, 7) != 0 || a == nullptr || a->tag != KAVRO_TAG_TMR || a->interval != 2 ||
-            a->remainingMs != 2000 || a->active != 1 || a->callbackArg != 7)
+        if (TMR_Create(&a, std::nan(""), nop, 7) != 0 || a == nullptr || a->tag != KAVRO_TAG_TMR ||
+            a->interval != 2 || a->remainingMs != 2000 || a->active != 1 || a->callbackArg != 7)
             return 4;
         if (TMR_Create(&b, 2.0, nop, 0) != 0 || b != nullptr) return 5;  // slot busy
         if (TMR_SetTime(a, 10.0) != 0 || TMR_Delete(a) != 0 || a->active != 0) return 6;
-        if (TMR_SetTime(a, 2.0) != KAVRO_E_INVALIDARG) return 7;
+        if (TMR_SetTime(a, 2.0) != KAVRO_E_INVALIDARG) return 7;  // disarmed
         if (TMR_Create(&b, 3.0, nop, 9) != 0 || b != a || a->callbackArg != 9) return 8;
         if (TMR_GetTimerInfo(a, nullptr) != KAVRO_E_NOTIMPL) return 10;  // null and foreign: robustness test
         const uint32_t frees = mem_counters().memgenfreecalls;
