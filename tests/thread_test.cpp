@@ -85,10 +85,12 @@ TEST_F(Threads, RefusalsLogOneLineAndAllocateNothing) {
         {{28, 1, 0, 0, -1, nullptr}, true, true, nullptr, kArg, "Error, invalid attribute length\n"},
         {{24, 16, 0, 0, -1, nullptr}, true, true, nullptr, kArg, "Error, invalid priority = 16, min = 0, max = 15\n"},
         {{20, 16, 0, 0, -1, nullptr}, true, true, nullptr, kArg, "Error, invalid priority = 16, min = 0, max = 15\n"},
-        {{24, 1, 0, 0, 9, nullptr}, true, true, lots, kArg, "Error, invalid num of args = 9, useContext = -1, max = 8\n"},
+        {{24, 1, 0, 0, 9, nullptr}, true, true, lots, kArg,
+         "Error, invalid num of args = 9, useContext = -1, max = 8\n"},
         {{24, 1, 0, 0, -2, nullptr}, true, true, nullptr, kArg,
          "Error, invalid num of args = -2, useContext = -1, max = 8\n"},
-        {{24, 1, 0, 0, -1, nullptr}, false, true, nullptr, kPtr, "Error, pointer is NULL, phThreadObj = 0x0, fnUser = 0x"},
+        {{24, 1, 0, 0, -1, nullptr}, false, true, nullptr, kPtr,
+         "Error, pointer is NULL, phThreadObj = 0x0, fnUser = 0x"},
         {{24, 1, 0, 0, -1, nullptr}, true, false, nullptr, kPtr, ", fnUser = 0x0\n"},
         {{24, 1, 0, 0, 3, nullptr}, true, true, nullptr, kPtr, "Error, argument array is NULL, numArgs = 3\n"},
     };
@@ -165,8 +167,9 @@ TEST_F(Threads, SuspendedStartWaitsForSetPriority) {
     THREAD_SetPriority(hLate, 16, nullptr);
     ASSERT_TRUE(late.done.wait());
     THREAD_Join(hLate);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "KAVRO:helperEntry: ERROR - started Thread pid=" +
-                                                          std::to_string(getpid()) + " tname=unknown BAD PRIORITY=16\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "KAVRO:helperEntry: ERROR - started Thread pid=" + std::to_string(getpid()) +
+                  " tname=unknown BAD PRIORITY=16\n");
     EXPECT_EQ(late.sched.second, 16);
 }
 
@@ -281,7 +284,8 @@ TEST(ThreadFamily, CountedLifeCycleKeyAndStackSize) {
         auto stack_size = [](void *ctx) {
             pthread_attr_t a;
             size_t size = 0;
-            if (pthread_getattr_np(pthread_self(), &a) == 0) pthread_attr_getstacksize(&a, &size), pthread_attr_destroy(&a);
+            if (pthread_getattr_np(pthread_self(), &a) == 0)
+                pthread_attr_getstacksize(&a, &size), pthread_attr_destroy(&a);
             static_cast<Seen *>(ctx)->nwords = static_cast<int>(size);
             static_cast<Seen *>(ctx)->done.post();
         };
