@@ -207,7 +207,8 @@ TEST(RtcLoop, StalledClockIsReportedAndReprogrammedOnce) {
 TEST(RtcLoop, DeviceFailuresEndTheProcessWithTheErrorNumber) {
     KAVRO_REQUIRE_RT();
     const struct { const char *fail, *line; int status; } cases[] = {
-        {"open", "Failed to open /dev/rtc, errno 2\n", ENOENT}, {"irqp", "Failed to set RTC IRQ freq, errno 22\n", EINVAL},
+        {"open", "Failed to open /dev/rtc, errno 2\n", ENOENT},
+        {"irqp", "Failed to set RTC IRQ freq, errno 22\n", EINVAL},
         {"pie", "Failed to enable RTC interrupts, errno 5\n", EIO}, {"read@3", "RTC read failed, errno 5\n", EIO}};
     for (const auto &c : cases) {
         RoleRun r = run_rtc("5000", {{"KAVRO_RTC_FAIL", c.fail}});
