@@ -137,14 +137,7 @@ TEST_F(TaskLock, WaiterIsRaisedBeforeItBlocksAndGetsTheLockAtTheOutermostExit) {
     Contender a, b;
     ThreadAttr pa = {24, 5, 0, 0, -1, "A"}, pb = {24, 3, 0, 0, -1, "B"};
     ThreadObj *ha = nullptr, *hb = nullptr;
-    auto holder = [](void *ctx) {
-        auto *c = static_cast<Contender *>(ctx);
-        LCK_Lock(nullptr);
-        c->locked.post();
-        c->mayUnlock.wait(30000);
-        LCK_Unlock(nullptr);
-    };
-    auto waiter = [](void *ctx) {
+    auto contend = [](void *ctx) {  // A holds the lock first, B waits for it
         auto *c = static_cast<Contender *>(ctx);
         THREAD_Self(&c->self);
         c->tid = static_cast<pid_t>(syscall(SYS_gettid));
@@ -157,9 +150,9 @@ TEST_F(TaskLock, WaiterIsRaisedBeforeItBlocksAndGetsTheLockAtTheOutermostExit) {
         c->afterUnlock = my_sched();
         c->started.post();
     };
-    ASSERT_EQ(THREAD_Create(&ha, holder, &a, &pa), 0u);
+    ASSERT_EQ(THREAD_Create(&ha, contend, &a, &pa), 0u);
     ASSERT_TRUE(a.locked.wait());
-    ASSERT_EQ(THREAD_Create(&hb, waiter, &b, &pb), 0u);
+    ASSERT_EQ(THREAD_Create(&hb, contend, &b, &pb), 0u);
     ASSERT_TRUE(b.started.wait());
     Sched seen;  // B blocks on the held lock at 98
     for (int i = 0; i < 1000 && (seen = sched_of(b.tid)) != kFifo98; ++i) usleep(5000);
