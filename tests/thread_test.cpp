@@ -56,7 +56,7 @@ Sched sched_seen(ThreadAttr attr) {
 
 Seen *g_seen = nullptr;
 void got(int n, const uint32_t *w) {
-    std::memcpy(g_seen->words, w, n * sizeof *w);
+    if (n > 0) std::memcpy(g_seen->words, w, n * sizeof *w);
     g_seen->nwords = n;
     g_seen->done.post();
 }
