@@ -38,6 +38,23 @@ constexpr const char kRateMinutes[] = "TORVANEX_CMOS_CLOCK_UPDATE_RATE_MINUTES";
 constexpr const char kRatePrivate[] = "TORVANEX_CMOS_CLOCK_UPDATE_RATE_PRIVATE";
 constexpr const char kOffsetUsec[] = "TORVANEX_CMOS_CLOCK_UPDATE_CMOS_OFFSET_USEC";
 
+// The CMOS clock's record and the C library's broken-down time name their
+// nine fields alike.
+template <class To, class From>
+To same_fields(const From &f) {
+    To t{};
+    t.tm_sec = f.tm_sec;
+    t.tm_min = f.tm_min;
+    t.tm_hour = f.tm_hour;
+    t.tm_mday = f.tm_mday;
+    t.tm_mon = f.tm_mon;
+    t.tm_year = f.tm_year;
+    t.tm_wday = f.tm_wday;
+    t.tm_yday = f.tm_yday;
+    t.tm_isdst = f.tm_isdst;
+    return t;
+}
+
 bool refuse_negative(const char *name, int32_t v) {
     if (v >= 0) return false;
     diag("CMOS_GetEnvironment", "WARNING: Ignoring negative CMOS update rate %d from %s\n", v,
@@ -189,16 +206,7 @@ KAVRO_API int32_t Set_CMOS_From_OSTime(int32_t fd) {
     }
     MONOTONICLast = mono;
 
-    rtc_time rt{};
-    rt.tm_sec = b.tm_sec;
-    rt.tm_min = b.tm_min;
-    rt.tm_hour = b.tm_hour;
-    rt.tm_mday = b.tm_mday;
-    rt.tm_mon = b.tm_mon;
-    rt.tm_year = b.tm_year;
-    rt.tm_wday = b.tm_wday;
-    rt.tm_yday = b.tm_yday;
-    rt.tm_isdst = b.tm_isdst;
+    const rtc_time rt = same_fields<rtc_time>(b);
     const int rc = ioctl(fd, RTC_SET_TIME, &rt);
     if (rc == -1) diag(fn, "Error reading the CMOS clock error =%u\n", static_cast<unsigned>(rc));
     return 0;
@@ -217,16 +225,7 @@ KAVRO_API int32_t Read_CMOS_UntilChange(int32_t fd, int32_t reset) {
                   "Read_CMOS_UntilChange", static_cast<unsigned>(rc));
         return 0;
     }
-    tm reading{};
-    reading.tm_sec = rt.tm_sec;
-    reading.tm_min = rt.tm_min;
-    reading.tm_hour = rt.tm_hour;
-    reading.tm_mday = rt.tm_mday;
-    reading.tm_mon = rt.tm_mon;
-    reading.tm_year = rt.tm_year;
-    reading.tm_wday = rt.tm_wday;
-    reading.tm_yday = rt.tm_yday;
-    reading.tm_isdst = rt.tm_isdst;
+    const tm reading = same_fields<tm>(rt);
 
     if (CMOSTimePrev.tm_sec == 0) {
         CMOSTimePrev = reading;
