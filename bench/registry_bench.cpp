@@ -19,7 +19,7 @@
 #include <string>
 
 #include "kavro_rt/reg.h"
-#include "registry.hpp"
+#include "util/reg.hpp"
 
 namespace {
 

@@ -18,11 +18,11 @@
 #include <utility>
 #include <vector>
 
-#include "cmos.hpp"
-#include "internal.hpp"
+#include "timer/cmos.hpp"
+#include "frame/internal.hpp"
 #include "rtc_emulator.h"
 #include "test_support.hpp"
-#include "timer.hpp"
+#include "timer/tmr.hpp"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "internal.hpp"
+#include "frame/internal.hpp"
 #include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 

@@ -22,7 +22,7 @@
 #include <utility>
 
 #include "kavro_rt/kavro_rt.h"
-#include "ipc.hpp"
+#include "ipc/ipc.hpp"
 #include "test_support.hpp"
 
 namespace {

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "kavro_rt/net.h"
-#include "net.hpp"
+#include "util/net.hpp"
 #include "test_support.hpp"
 
 namespace {

@@ -13,10 +13,10 @@
 #include <string>
 #include <utility>
 
-#include "internal.hpp"
+#include "frame/internal.hpp"
 #include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
-#include "thread.hpp"
+#include "sync/thread.hpp"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <utility>
 
-#include "internal.hpp"
+#include "frame/internal.hpp"
 #include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 

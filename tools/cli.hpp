@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "timer.hpp"
+#include "timer/tmr.hpp"
 
 namespace kavro::cli {
 

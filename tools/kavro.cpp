@@ -18,10 +18,10 @@
 #include <vector>
 
 #include "cli.hpp"
-#include "internal.hpp"
+#include "frame/internal.hpp"
 #include "kavro_rt/kavro_rt.h"
-#include "registry.hpp"
-#include "timer.hpp"
+#include "util/reg.hpp"
+#include "timer/tmr.hpp"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "fuzz_targets.hpp"
-#include "net.hpp"
+#include "util/net.hpp"
 
 namespace kavro::fuzz {
 namespace {

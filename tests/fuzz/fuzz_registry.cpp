@@ -12,7 +12,7 @@
 #include <string>
 
 #include "fuzz_targets.hpp"
-#include "registry.hpp"
+#include "util/reg.hpp"
 
 namespace kavro::fuzz {
 namespace {

@@ -9,7 +9,7 @@
 
 #include <cstring>
 
-#include "cmos.hpp"
+#include "timer/cmos.hpp"
 #include "fuzz_targets.hpp"
 
 namespace kavro::fuzz {

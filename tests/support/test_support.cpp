@@ -1,6 +1,6 @@
 #include "test_support.hpp"
 
-#include "internal.hpp"
+#include "frame/internal.hpp"
 
 #include <fcntl.h>
 #include <pthread.h>

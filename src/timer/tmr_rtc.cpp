@@ -1,0 +1,267 @@
+// The RTC tick loop (4096 Hz periodic interrupt of /dev/rtc, 2 ms ticks
+// derived from the time of day), its watchdog, the CMOS update thread that
+// it paces, and the POSIX-timer signal role of the same handler.
+#include <fcntl.h>
+#include <linux/rtc.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "timer/cmos.hpp"
+#include "frame/internal.hpp"
+#include "kavro_rt/clock.h"
+#include "kavro_rt/cmos.h"
+#include "kavro_rt/log.h"
+#include "timer/tmr.hpp"
+
+namespace kavro::detail {
+
+std::atomic<int32_t> g_fd{-1};
+std::atomic<uint32_t> rtcTickCount{0};
+int32_t tmrThreshold = 244;
+
+namespace {
+
+constexpr unsigned long kRtcRate = 4096;
+constexpr unsigned kWatchdogPeriodSec = 5;
+
+std::atomic<uint32_t> running{0};  // the signal role is serving the timer
+// Published by the loop once the CMOS settings are read: the condition is
+// signalled without a mutex, so the signal itself orders nothing.
+std::atomic<bool> cmosConfigured{false};
+uint32_t done = 0;                 // the watchdog has reported a stall
+
+[[noreturn]] void rtc_fail(const char *fmt) {
+    const int e = errno;
+    diag("TMR_Handler", fmt, e);
+    std::exit(e);
+}
+
+void sleep_seconds(unsigned s) {
+    timespec t{static_cast<time_t>(s), 0};
+    while (nanosleep(&t, &t) != 0 && errno == EINTR) {
+    }
+}
+
+// The signal role: serves the slot directly at each THM_SIGNAL. Everything
+// here is async-signal-safe: atomics, a stack buffer and write(2).
+void serve_signal() {
+    if (running.exchange(1, std::memory_order_acquire) != 0) return;
+    slotInUse.store(1);
+    TMR_CALLBACK cb = nullptr;
+    uint32_t arg = 0;
+    if (TmrTimer *t = timers.load()) {
+        if (__atomic_load_n(&t->active, __ATOMIC_ACQUIRE) != 0) {
+            int32_t r = 0;
+            if (count_down(t, TMR_Data.periodMs, &r)) {
+                cb = __atomic_load_n(&t->callback, __ATOMIC_RELAXED);
+                arg = __atomic_load_n(&t->callbackArg, __ATOMIC_RELAXED);
+            }
+            char line[32];
+            const int n = format_period_line(line, sizeof line, r);
+            if (write(STDOUT_FILENO, line, static_cast<size_t>(n)) < 0) {
+            }
+        }
+    }
+    slotInUse.store(0, std::memory_order_release);
+    if (cb != nullptr) cb(arg);
+    running.store(0, std::memory_order_release);
+}
+
+}  // namespace
+
+// ---- decisions -------------------------------------------------------------------
+
+void rtc_start(RtcGrid &g, const timeval &now) {
+    g.origin = now;
+    g.served = 0;
+    g.dispatchState = 1;
+}
+
+RtcStep rtc_decide(RtcGrid &g, const timeval &now, bool catchUp, int32_t threshold) {
+    RtcStep step{false, false, 0};
+    const int64_t elapsed = (static_cast<int64_t>(now.tv_sec) - g.origin.tv_sec) * 1000000 +
+                            (static_cast<int64_t>(now.tv_usec) - g.origin.tv_usec);
+    // A clock set backwards gives a huge `due`, which restarts the grid below.
+    uint64_t due = static_cast<uint64_t>(elapsed) / kRtcTickUs;
+    uint64_t remainder = static_cast<uint64_t>(elapsed) % kRtcTickUs;
+
+    if (g.served != due + 1 && due - g.served > 5) {
+        g.origin = now;
+        due = remainder = 0;
+        g.served = 0;
+        step.rephased = true;
+    }
+    step.due = due;
+
+    if (catchUp) {
+        if (g.served + 1 < due) {
+            ++g.served;  // one missed tick made up per interrupt
+            step.dispatch = true;
+            return step;
+        }
+        if (g.served + 1 == due) {
+            g.served = due;
+            g.dispatchState = -1;
+            step.dispatch = true;
+            return step;
+        }
+    } else if (due > g.served) {
+        g.served = due;  // missed ticks are dropped
+        g.dispatchState = -1;
+        step.dispatch = true;
+        return step;
+    }
+    // The early rule: serve the coming boundary now when it is at most one
+    // interrupt away, at most every other tick.
+    if (static_cast<int64_t>(kRtcTickUs - remainder) <= threshold && g.dispatchState == -1) {
+        g.served = due + 1;
+        g.dispatchState = 1;
+        step.dispatch = true;
+    }
+    return step;
+}
+
+bool count_down(TmrTimer *t, double periodMs, int32_t *r) {
+    const int32_t remaining = __atomic_load_n(&t->remainingMs, __ATOMIC_RELAXED);
+    const int32_t next = static_cast<int32_t>(remaining - periodMs);
+    *r = next;
+    if (next > 0) {
+        __atomic_store_n(&t->remainingMs, next, __ATOMIC_RELAXED);
+        return false;
+    }
+    __atomic_store_n(&t->remainingMs, static_cast<int32_t>(periodMs), __ATOMIC_RELAXED);
+    return true;
+}
+
+void rtc_dispatch() {
+    slotInUse.store(1);
+    TMR_CALLBACK cb = nullptr;
+    uint32_t arg = 0;
+    if (TmrTimer *t = timers.load()) {
+        int32_t r = 0;
+        if (__atomic_load_n(&t->active, __ATOMIC_ACQUIRE) != 0 && count_down(t, TMR_Data.periodMs, &r)) {
+            cb = __atomic_load_n(&t->callback, __ATOMIC_RELAXED);
+            arg = __atomic_load_n(&t->callbackArg, __ATOMIC_RELAXED);
+        }
+    }
+    slotInUse.store(0, std::memory_order_release);
+    if (cb != nullptr) cb(arg);
+}
+
+bool cmos_write_due(uint32_t *periodStartSec, uint32_t monoSec, uint32_t wallUsec, int32_t intervalSec,
+                    uint32_t offsetUsec) {
+    if (*periodStartSec == 0) {
+        *periodStartSec = monoSec;  // the first interval starts at the first look
+        return false;
+    }
+    if (monoSec < *periodStartSec + static_cast<uint32_t>(intervalSec)) return false;
+    if (offsetUsec == 0 || wallUsec < offsetUsec) return false;
+    *periodStartSec = monoSec;
+    return true;
+}
+
+int format_period_line(char *buf, int size, int32_t r) {
+    static const char head[] = "period is ";
+    char digits[12];
+    int nd = 0;
+    uint32_t u = r < 0 ? 0u - static_cast<uint32_t>(r) : static_cast<uint32_t>(r);
+    do {
+        digits[nd++] = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    int n = 0;
+    for (const char *p = head; *p != '\0' && n < size; ++p) buf[n++] = *p;
+    if (r < 0 && n < size) buf[n++] = '-';
+    while (nd > 0 && n < size) buf[n++] = digits[--nd];
+    if (n < size) buf[n++] = ' ';
+    if (n < size) buf[n++] = '\n';
+    return n;
+}
+
+// ---- threads --------------------------------------------------------------------------
+
+void tmr_signal_handler(int, siginfo_t *, void *) {
+    const int saved = errno;
+    TMR_Handler(nullptr);
+    errno = saved;
+}
+
+void *TMR_Handler(void *) {
+    if (rtcEnabled == 0) {
+        serve_signal();
+        return nullptr;
+    }
+
+    pthread_setname_np(pthread_self(), "TMR_Handler");
+    CMOS_GetEnvironment();
+    cmosConfigured.store(true, std::memory_order_release);
+    sched_param sp{};
+    sp.sched_priority = 99;
+    if (pthread_setschedparam(pthread_self(), SCHED_FIFO, &sp) != 0) return nullptr;
+
+    const int fd = open("/dev/rtc", O_RDONLY);
+    if (fd < 0) rtc_fail("ERROR: Failed to open /dev/rtc, errno %d\n");
+    g_fd.store(fd);
+    if (ioctl(fd, RTC_IRQP_SET, kRtcRate) < 0) rtc_fail("ERROR: Failed to set RTC IRQ freq, errno %d\n");
+    if (ioctl(fd, RTC_PIE_ON, 0) < 0) rtc_fail("ERROR: Failed to enable RTC interrupts, errno %d\n");
+
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    RtcGrid grid;
+    rtc_start(grid, now);
+    const bool catchUp = Kavro_ClockCatchUp != 0;
+    for (;;) {
+        uint32_t status;
+        if (read(fd, &status, sizeof status) < 0) rtc_fail("ERROR: RTC read failed, errno %d\n");
+        rtcTickCount.fetch_add(1, std::memory_order_relaxed);
+        gettimeofday(&now, nullptr);
+        pthread_cond_signal(&g_Condition);
+        if (rtc_decide(grid, now, catchUp, tmrThreshold).dispatch) rtc_dispatch();
+    }
+}
+
+void *TMR_Watchdog(void *) {
+    pthread_setname_np(pthread_self(), "TMR_Watchdog");
+    for (;;) {
+        rtcTickCount.store(0, std::memory_order_relaxed);
+        sleep_seconds(kWatchdogPeriodSec);
+        if (rtcTickCount.load(std::memory_order_relaxed) >= 1 || done != 0) continue;
+
+        diag("TMR_Watchdog",
+             "ERROR, The RTC clock is not ticking.  To correct this specify, \"hpet=disable\" (32-bit "
+             "system) or \"nohpet\" (64-bit system) on the kernel boot line.\n");
+        const int fd = g_fd.load();
+        if (fd != -1) {
+            if (ioctl(fd, RTC_IRQP_SET, kRtcRate) < 0)
+                diag("TMR_Watchdog", "ERROR, Failed to set RTC IRQ freq, errno %d\n", errno);
+            if (ioctl(fd, RTC_PIE_ON, 0) < 0)
+                diag("TMR_Watchdog", "ERROR, Failed to enable RTC interrupts, errno %d\n", errno);
+        }
+        done = 1;
+    }
+}
+
+void *TMR_CMOS(void *) {
+    pthread_setname_np(pthread_self(), "TMR_CMOS");
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_lock(&mutex);  // released only inside each wait
+    uint32_t s_Previous_CMOS_Set_Time_sec = 0;
+    for (;;) {
+        pthread_cond_wait(&g_Condition, &mutex);
+        if (!cmosConfigured.load(std::memory_order_acquire)) continue;
+        const int32_t interval = g_WriteIntervalTime_sec;
+        if (interval == 0) continue;
+        timespec mono{};
+        clock_gettime(CLOCK_MONOTONIC, &mono);
+        timeval wall{};
+        gettimeofday(&wall, nullptr);
+        if (cmos_write_due(&s_Previous_CMOS_Set_Time_sec, static_cast<uint32_t>(mono.tv_sec),
+                           static_cast<uint32_t>(wall.tv_usec), interval, g_TimeOffset_usec))
+            Set_CMOS_From_OSTime(g_fd.load());
+    }
+}
+
+}  // namespace kavro::detail

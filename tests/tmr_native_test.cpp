@@ -1,0 +1,126 @@
+// The native tick loop: one pass's arithmetic on synthetic clock readings, then the running loop.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "frame/internal.hpp"
+#include "kavro_rt/kavro_rt.h"
+#include "test_support.hpp"
+#include "timer/tmr.hpp"
+
+namespace {
+
+using namespace kavro::detail;
+using kavro::test::run_in_child;
+
+constexpr int64_t kMs = 1000000;
+constexpr int64_t kStart = 100000 * kMs;  // the first clock reading: 100 s
+
+// A loop after its first pass; returns the deadline it sleeps to.
+int64_t after_first_pass(NativeLoopState &s, int32_t minUs = 150) {
+    native_start(s, from_ns(kStart), 60, minUs);
+    native_pass(s, from_ns(kStart));
+    return to_ns(s.target);
+}
+
+TEST(NativePass, LateWakeUpsSkipMissedDeadlinesAndKeepTheGrid) {
+    NativeLoopState s;
+    int64_t deadline = after_first_pass(s);
+    EXPECT_EQ(deadline, kStart + 2 * kMs);
+    PassOutcome o = native_pass(s, from_ns(deadline + 5300000));  // 5.3 ms late
+    EXPECT_TRUE(o.missed == 2 && s.PM == 2 && s.TM == 2 && s.MSM == 2 && o.sleep);
+    EXPECT_EQ(to_ns(s.target), deadline + 6 * kMs);  // 0.7 ms after the wake-up
+
+    deadline = after_first_pass(s);
+    EXPECT_FALSE(native_pass(s, from_ns(deadline + 1900000)).sleep);  // 1.9 ms late: 100 us left
+    EXPECT_EQ(s.TBT, 1u);
+    o = native_pass(s, from_ns(deadline + 1920000));  // the next pass, 80 us early
+    EXPECT_TRUE(!o.negativeDiff && o.sleep && s.ED == 1 && s.PM == 0);
+    EXPECT_EQ(to_ns(s.target), deadline + 4 * kMs);  // a full period, phase kept
+    EXPECT_EQ(s.intervalSumNs, static_cast<uint64_t>(1920000 + 2 * kMs));
+
+    deadline = after_first_pass(s, 300);  // a larger minimum serves 1.75 ms late early too
+    EXPECT_FALSE(native_pass(s, from_ns(deadline + 1750000)).sleep);
+
+    const int64_t now = after_first_pass(s) - 300000;  // early without a skipped sleep
+    o = native_pass(s, from_ns(now));
+    EXPECT_TRUE(o.negativeDiff && o.lateness == -300000 && s.ED == 0);
+    EXPECT_EQ(to_ns(s.target), now + 2 * kMs);  // the grid moves
+}
+
+TEST(NativeProfile, PeriodEndsWhenTheServedDeadlinePassesTheBoundary) {
+    NativeLoopState s;
+    native_start(s, from_ns(kStart), 1, 150);
+    ProfileLine l{};
+    int lines = 0;
+    for (int pass = 0; pass < 1100; ++pass) {
+        if (native_profile(s, 1, &l)) {
+            ++lines;
+            EXPECT_EQ(to_ns(s.target), kStart + 2000 * kMs);  // the first deadline past 101 s
+            EXPECT_TRUE(l.TC == 1000 && l.AT == 1998 && l.PM == 1 && l.TM == 1 && l.MSM == 1);
+        }
+        native_pass(s, from_ns(to_ns(s.target) + (pass == 500 ? 2100000 : 0)));
+    }
+    EXPECT_TRUE(lines == 1 && s.nextProfileSec == 102 && s.TM == 1 && s.PM == 0);  // TM never resets
+}
+
+std::atomic<uint32_t> calls{0};
+int32_t count_call(uint32_t arg) { return calls.fetch_add(arg), 0; }
+
+// One process: the rate, deletion, and a profile line each period when the host asks before Init.
+TEST(NativeLoop, CallsBackAboutFiveHundredTimesASecondUntilDeletedAndProfiles) {
+    KAVRO_REQUIRE_RT();
+    KAVRO_REQUIRE_NATIVE("tick rate");
+    kavro::test::ScratchDir dir;
+    const std::string err = dir.path() + "/err";
+    ASSERT_EQ(run_in_child([&] {
+        if (!freopen(err.c_str(), "w", stderr)) return 99;
+        g_TimerProfilePeriodSec = 1;
+        g_TimerProfilePrint = 1;
+        setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
+        TmrTimer *t = nullptr;
+        if (TMR_Init() != 0 || TMR_Create(&t, 2.0, count_call, 1) != 0 || t == nullptr) return 1;
+        usleep(20000);
+        const uint32_t start = calls.load();
+        if (start == 0) return 2;  // from the first tick on
+        usleep(1000000);
+        if (calls.load() - start < 350 || calls.load() - start > 650) return 3;
+        TMR_Delete(t);
+        const uint32_t atDelete = calls.load();
+        usleep(2500000);
+        return calls.load() <= atDelete + 1 ? 0 : 4;
+    }), 0);
+    const std::string text = kavro::test::read_file(err);
+    int lines = 0;
+    for (size_t pos = 0; (pos = text.find("KAVRO: TC:", pos)) != std::string::npos; ++pos) {
+        unsigned long long tc, pm, tm, msm, at, tbt, ed;
+        ASSERT_EQ(std::sscanf(text.c_str() + pos, "KAVRO: TC:%llu PM:%llu TM:%llu MSM:%llu AT:%llu TBT:%llu ED:%llu\n",
+                              &tc, &pm, &tm, &msm, &at, &tbt, &ed), 7) << text;
+        if (++lines > 1) {  // the first period is cut short by the start
+            EXPECT_TRUE(tc + pm > 400 && tc < 600 && at > 1500 && at < 2500) << text;
+        }
+    }
+    EXPECT_TRUE(lines >= 2 && lines <= 4) << text;
+}
+
+TEST(LatencyStats, GridLatenessHistogramAndPercentiles) {
+    const int64_t grid[][2] = {{10 * kMs + 7000, 7000}, {10 * kMs - 100000, -100000}, {10 * kMs - 400000, 1600000}};
+    for (auto &g : grid) EXPECT_EQ(grid_lateness_ns(g[0], 0, 2 * kMs, 300000), g[1]);  // within 300 us: early
+    EXPECT_EQ(grid_lateness_ns(-1 * kMs, 0, 2 * kMs, 0), kMs);
+
+    static LatencyStats s;
+    for (int i = 0; i < 98; ++i) s.add(10000 + i);
+    s.add(-20000);
+    s.add(50 * kMs);  // beyond the histogram
+    EXPECT_TRUE(s.count == 100 && s.early == 1 && s.minNs == -20000 && s.maxNs == 50 * kMs);
+    EXPECT_TRUE(s.percentile_us(0.01) == 0 && s.percentile_us(0.5) == 10 && s.percentile_us(0.99) == 10);
+    EXPECT_EQ(s.percentile_us(1.0), LatencyStats::kMaxUs);
+    EXPECT_NEAR(s.mean_us(), (98 * 10000 + 4753 - 20000 + 50 * kMs) / 100.0 / 1000.0, 1e-9);
+}
+
+}  // namespace

@@ -1,0 +1,245 @@
+// The RTC tick loop: its decision on synthetic times, CMOS pacing, then the loop through the emulated /dev/rtc.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "frame/internal.hpp"
+#include "kavro_rt/kavro_rt.h"
+#include "rtc_emulator.h"
+#include "test_support.hpp"
+#include "timer/tmr.hpp"
+
+namespace {
+
+using namespace kavro::detail;
+
+constexpr int64_t kOriginUs = 1000LL * 1000000;  // grid origin: 1000 s into the day
+
+timeval tod(int64_t us) { return timeval{static_cast<time_t>(us / 1000000), static_cast<suseconds_t>(us % 1000000)}; }
+
+// Time of day of interrupt k of a 4096 Hz train, relative to the origin, as gettimeofday gives it.
+int64_t irq_us(int k) { return static_cast<int64_t>(k) * 1000000 / 4096; }
+struct Dispatch { int64_t atUs; uint64_t served; };
+
+// Interrupts 1..40, then from..to; the dispatches of a grid started at the origin.
+std::vector<Dispatch> feed(int from, int to, bool catchUp, RtcGrid *grid = nullptr) {
+    RtcGrid g;
+    rtc_start(g, tod(kOriginUs));
+    std::vector<Dispatch> d;
+    for (int k = 1; k <= to; k = k == 40 ? from : k + 1)
+        if (rtc_decide(g, tod(kOriginUs + irq_us(k)), catchUp, 244).dispatch) d.push_back({irq_us(k), g.served});
+    if (grid) *grid = g;
+    return d;
+}
+
+TEST(RtcDecision, SteadyInterruptsServeEveryBoundaryOnceAlternatelyEarlyAndLate) {
+    const auto d = feed(41, 4096, false);  // one second without a gap
+    ASSERT_EQ(d.size(), 500u);
+    const int64_t firstFive[] = {2197, 3906, 6103, 7812, 10009};
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(d[i].atUs, firstFive[i]) << i;
+    for (size_t i = 0; i < d.size(); ++i) {
+        EXPECT_EQ(d[i].served, i + 1);
+        EXPECT_LE(std::llabs(d[i].atUs - static_cast<int64_t>(i + 1) * 2000), 245) << i;  // one interrupt period
+    }
+}
+
+TEST(RtcDecision, SevenMsGapDropsTicksOrCatchesThemUp) {
+    auto d = feed(70, 73, false);  // none from 9765 to 17089 us
+    ASSERT_EQ(d.size(), 6u);
+    EXPECT_EQ(d[3].atUs, 7812);  // tick 4, early
+    EXPECT_TRUE(d[4].atUs == 17089 && d[4].served == 8);  // ticks 5..7 dropped
+    EXPECT_TRUE(d[5].atUs == 17822 && d[5].served == 9);  // tick 9 early
+    d = feed(70, 73, true);
+    ASSERT_EQ(d.size(), 8u);
+    const int64_t at[] = {17089, 17333, 17578, 17822};
+    for (int i = 0; i < 4; ++i) EXPECT_TRUE(d[4 + i].atUs == at[i] && d[4 + i].served == 5u + i) << i;
+}
+
+TEST(RtcDecision, ThirteenMsGapOrAClockStepRestartsTheGridWithoutServing) {
+    for (bool catchUp : {false, true}) {
+        RtcGrid g;
+        const auto d = feed(95, 104, catchUp, &g);  // none from 9765 to 23193 us
+        ASSERT_EQ(d.size(), 5u) << catchUp;
+        EXPECT_EQ(g.origin.tv_usec, irq_us(95));                     // the new origin
+        EXPECT_TRUE(d[4].atUs == irq_us(104) && d[4].served == 1);  // about 2.2 ms later
+    }
+    RtcGrid g;
+    feed(41, 100, false, &g);
+    const RtcStep s = rtc_decide(g, tod(kOriginUs + irq_us(101) - 1000000), false, 244);  // set back 1 s
+    EXPECT_TRUE(s.rephased && !s.dispatch && g.served == 0);
+    // Five ticks behind is still caught up with; six is not.
+    rtc_start(g, tod(kOriginUs));
+    EXPECT_FALSE(rtc_decide(g, tod(kOriginUs + 10100), true, 244).rephased);
+    rtc_start(g, tod(kOriginUs));
+    EXPECT_TRUE(rtc_decide(g, tod(kOriginUs + 12100), true, 244).rephased);
+}
+
+TEST(CmosPacing, FirstLookStartsTheIntervalWritesAtTheOffset) {
+    uint32_t start = 0;
+    EXPECT_TRUE(!cmos_write_due(&start, 500, 900000, 60, 500000) && start == 500);
+    EXPECT_FALSE(cmos_write_due(&start, 559, 900000, 60, 500000));  // interval not over
+    EXPECT_FALSE(cmos_write_due(&start, 560, 499999, 60, 500000));  // before mid-second
+    EXPECT_TRUE(cmos_write_due(&start, 560, 500000, 60, 500000) && start == 560);
+    EXPECT_FALSE(cmos_write_due(&start, 600, 600000, 60, 500000));
+    EXPECT_FALSE(cmos_write_due(&start, 700, 600000, 60, 0));  // offset 0: never
+}
+
+std::atomic<uint32_t> calls{0};
+std::atomic<int64_t> firstCallNs{0};
+
+int64_t mono_ns() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return to_ns(now);
+}
+
+int32_t on_tick(uint32_t) { return calls.fetch_add(1) == 0 ? firstCallNs.store(mono_ns()), 0 : 0; }
+
+// Sleeps through signals (the POSIX-timer path raises one every 2 ms).
+void sleep_ms(int64_t ms) {
+    const int64_t end = mono_ns() + ms * 1000000;
+    for (int64_t left; (left = end - mono_ns()) > 0;) usleep(static_cast<useconds_t>(left / 1000));
+}
+
+// The names of the engine's threads in this process, sorted.
+std::string engine_threads() {
+    std::set<std::string> names;
+    DIR *d = opendir("/proc/self/task");
+    while (dirent *e = d ? readdir(d) : nullptr) {
+        std::string comm = kavro::test::read_file(std::string("/proc/self/task/") + e->d_name + "/comm");
+        if (comm.rfind("TMR_", 0) == 0) names.insert(comm.substr(0, comm.size() - 1));
+    }
+    if (d) closedir(d);
+    std::string all;
+    for (auto &n : names) all += n + " ";
+    return all;
+}
+
+// A copy of this program started with KAVRO_TMR_ROLE runs the RTC path for KAVRO_TMR_RUN_MS and reports.
+[[gnu::constructor]] void run_role() {
+    if (std::getenv("KAVRO_TMR_ROLE") == nullptr) return;
+    unsetenv("KAVRO_TMR_ROLE");
+    setenv("TORVANEX_TMR_USE_RTC", "1", 1);
+    if (TMR_Init() != 0) _exit(1);
+    sleep_ms(10);
+    const int64_t armed = mono_ns();
+    TmrTimer *t = nullptr;
+    TMR_Create(&t, 2.0, on_tick, 0);
+    sleep_ms(std::atoll(std::getenv("KAVRO_TMR_RUN_MS")));
+    std::printf("first_ms %lld calls %u threads %s\n", (long long)((firstCallNs - armed) / 1000000), calls.load(),
+                engine_threads().c_str());
+    std::fflush(nullptr);
+    _exit(0);
+}
+
+struct RoleRun : kavro::test::ChildOutput {
+    std::string log;
+};
+
+RoleRun run_rtc(const char *runMs, std::vector<std::pair<const char *, const char *>> env) {
+    kavro::test::ScratchDir dir;
+    const std::string log = dir.path() + "/rtc.log";
+    RoleRun r{kavro::test::run_captured([&] {
+        for (auto &[k, v] : env) setenv(k, v, 1);
+        setenv("KAVRO_TMR_RUN_MS", runMs, 1);
+        setenv("KAVRO_RTC_LOG", log.c_str(), 1);
+        setenv("KAVRO_TMR_ROLE", "rtc", 1);
+        setenv("LD_PRELOAD", KAVRO_RTC_EMULATOR_PATH, 1);
+        execl("/proc/self/exe", "tmr_rtc_test", static_cast<char *>(nullptr));
+        return 127;
+    }), {}};
+    r.log = kavro::test::read_file(log);
+    return r;
+}
+
+int count_of(const std::string &text, const std::string &part) {
+    int n = 0;
+    for (size_t p = 0; (p = text.find(part, p)) != std::string::npos; p += part.size()) ++n;
+    return n;
+}
+
+TEST(RtcLoop, FirstCallbackAfterAThousandTicksThenFiveHundredASecondAndCmosWrites) {
+    KAVRO_REQUIRE_RT();
+    KAVRO_REQUIRE_NATIVE("tick timing");
+    RoleRun r = run_rtc("3500", {{"TORVANEX_CMOS_CLOCK_UPDATE_RATE_PRIVATE", "1"},
+                                 {"TORVANEX_CMOS_CLOCK_UPDATE_CMOS_OFFSET_USEC", "250000"}});
+    ASSERT_EQ(r.status, 0) << r.err;
+    long long firstMs = 0;
+    unsigned n = 0;
+    ASSERT_EQ(std::sscanf(r.out.c_str(), "first_ms %lld calls %u", &firstMs, &n), 2) << r.out;
+    EXPECT_TRUE(r.out.find("threads TMR_CMOS TMR_Handler TMR_Watchdog \n") != std::string::npos) << r.out;
+    EXPECT_TRUE(firstMs > 1800 && firstMs < 2600 && n > 500 && n < 1000) << r.out;  // ~1.5 s at 500 a second
+    EXPECT_TRUE(count_of(r.log, "IRQP_SET 4096") == 1 && count_of(r.err, "not ticking") == 0) << r.log << r.err;
+    // The CMOS thread wrote at or after the offset, once per monotonic second (the first may come early).
+    std::istringstream in(r.log);
+    std::vector<int64_t> sets;
+    for (std::string line; std::getline(in, line);) {
+        kavro_rtc_set s{};
+        if (!kavro_rtc_parse_set(line.c_str(), &s)) continue;
+        EXPECT_GE(s.wall_usec, 250000) << line;
+        sets.push_back(s.wall_sec * 1000000 + s.wall_usec);
+    }
+    EXPECT_FALSE(sets.empty()) << r.log;
+    for (size_t i = 1; i < sets.size(); ++i) EXPECT_GT(sets[i] - sets[i - 1], 900000) << r.log;
+}
+
+TEST(RtcLoop, StalledClockIsReportedAndReprogrammedOnce) {
+    KAVRO_REQUIRE_RT();
+    // No interrupt ever: seen at 5 s; the round ending at 10 s stays silent.
+    RoleRun r = run_rtc("11500", {{"KAVRO_RTC_STALL_AFTER", "0"}});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(count_of(r.err, "KAVRO:TMR_Watchdog: ERROR, The RTC clock is not ticking.  To correct this specify, "
+                              "\"hpet=disable\" (32-bit system) or \"nohpet\" (64-bit system) on the kernel boot "
+                              "line.\n"), 1) << r.err;
+    EXPECT_TRUE(count_of(r.log, "IRQP_SET 4096") == 2 && count_of(r.log, "PIE_ON") == 2) << r.log;  // + re-programming
+}
+
+TEST(RtcLoop, DeviceFailuresEndTheProcessWithTheErrorNumber) {
+    KAVRO_REQUIRE_RT();
+    const struct { const char *fail, *line; int status; } cases[] = {
+        {"open", "Failed to open /dev/rtc, errno 2\n", ENOENT},
+        {"irqp", "Failed to set RTC IRQ freq, errno 22\n", EINVAL},
+        {"pie", "Failed to enable RTC interrupts, errno 5\n", EIO}, {"read@3", "RTC read failed, errno 5\n", EIO}};
+    for (const auto &c : cases) {
+        RoleRun r = run_rtc("5000", {{"KAVRO_RTC_FAIL", c.fail}});
+        EXPECT_TRUE(r.status == c.status && count_of(r.err, std::string("KAVRO:TMR_Handler: ERROR: ") + c.line) == 1)
+            << c.fail << " " << r.status << "\n" << r.err;
+    }
+}
+
+TEST(PosixTimerPath, SignalRoleCountsDownPrintsEachTickAndCallsBackAtZero) {
+    KAVRO_REQUIRE_RT();
+    const kavro::test::ChildOutput c = kavro::test::run_captured([&] {
+        setenv("TORVANEX_TMR_USE_RTC", "1", 1);
+        setenv("PELOSHRT", "", 1);
+        if (TMR_Init() != 0) return 1;
+        if (!engine_threads().empty() || rtcEnabled != 0) return 2;  // no loop, watchdog or CMOS thread
+        TmrTimer *t = nullptr;
+        if (TMR_Create(&t, 2.0, on_tick, 0) != 0 || t == nullptr) return 3;
+        for (int i = 0; i < 3000 && calls.load() < 20; ++i) sleep_ms(10);
+        TMR_Delete(t);
+        return calls.load() >= 20 ? 0 : 4;
+    });
+    ASSERT_EQ(c.status, 0) << c.err;
+    std::istringstream in(c.out);
+    std::vector<int> r;
+    for (std::string line; std::getline(in, line);) {
+        int v = 0;
+        ASSERT_TRUE(std::sscanf(line.c_str(), "period is %d ", &v) == 1 && line.back() == ' ') << line;
+        r.push_back(v);
+    }
+    ASSERT_GE(r.size(), 1019u);
+    for (size_t i = 0; i < r.size(); ++i) ASSERT_EQ(r[i], i < 1000 ? 1998 - 2 * static_cast<int>(i) : 0) << i;
+}
+
+}  // namespace
