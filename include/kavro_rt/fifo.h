@@ -23,7 +23,7 @@
  * Writer cycle. The first `IPC_FIFO_Write` to a key opens the four FIFOs
  * (non-blocking) and enters them in the process's channel table; later
  * writes reuse them. When the reader goes, writes to its key return
- * 0x80070008 until the channel is removed: call `IPC_FIFO_KeyStatus` from
+ * KAVRO_E_BROKENPIPE until the channel is removed: call `IPC_FIFO_KeyStatus` from
  * time to time and pass its result to `IPC_FIFO_RemoveKeys`; the next write
  * opens the channel afresh. Each table holds 1024 channels.
  *
@@ -42,16 +42,16 @@
  * - `TRVXROOT` unset or empty: no path is built from it. `IPC_FIFO_Init`
  *   makes no directory (it says so in one line) but brings the family up,
  *   since readers name their FIFOs themselves; `IPC_FIFO_Write` refuses
- *   with 0x80004005 and the line "TRVXROOT is not set";
- *   `IPC_FIFO_CheckKey_2` answers 0x80004005 (no such FIFO).
+ *   with KAVRO_E_FAIL and the line "TRVXROOT is not set";
+ *   `IPC_FIFO_CheckKey_2` answers KAVRO_E_FAIL (no such FIFO).
  * - Paths are limited to 255 characters. An install root too long for the
  *   longest name of a channel is refused, never cut: the write returns
- *   0x80004005 with the line "TRVXROOT too long ...", the presence test
- *   returns 0x80004005, `IPC_FIFO_Init` makes no directory.
+ *   KAVRO_E_FAIL with the line "TRVXROOT too long ...", the presence test
+ *   returns KAVRO_E_FAIL, `IPC_FIFO_Init` makes no directory.
  * - When one of the four opens of a write fails, the descriptors it has
  *   already opened are closed again; nothing is entered in the table.
  * - A write that would open a 1025th channel of its kind refuses with
- *   0x8007000E (no room in the table) and one line, closing the four
+ *   KAVRO_E_OUTOFMEMORY (no room in the table) and one line, closing the four
  *   descriptors; free entries with `IPC_FIFO_RemoveKeys`.
  * - `IPC_FIFO_KeyStatus` and `IPC_FIFO_RemoveKeys` take the family lock,
  *   so they never see or change an entry while a write uses it.
@@ -62,11 +62,11 @@
  *   moved to another number, since descriptor 0 marks a free table entry.
  * - A failing memory start or table allocation in `IPC_FIFO_Init` leaves
  *   the family down (nothing allocated, count unchanged); a failed
- *   allocation returns 0x8007000E.
+ *   allocation returns KAVRO_E_OUTOFMEMORY.
  * - Writes and table operations before `IPC_FIFO_Init` (or after the last
- *   `IPC_FIFO_Exit`) find no table: writes return 0x80004005 with a line,
+ *   `IPC_FIFO_Exit`) find no table: writes return KAVRO_E_FAIL with a line,
  *   `IPC_FIFO_KeyStatus` reports nothing.
- * - A null out pointer returns 0x80070057 (`IPC_FIFO_Create`,
+ * - A null out pointer returns KAVRO_E_INVALIDARG (`IPC_FIFO_Create`,
  *   `IPC_FIFO_Read`, `IPC_FIFO_KeyStatus`), as does a null path.
  */
 #ifndef KAVRO_RT_FIFO_H
@@ -94,7 +94,7 @@ typedef struct FifoKeyStatus {
  * directory `$TRVXROOT/kmxipc` (mode 03567 less the umask; an existing
  * directory is fine) and allocates the two channel tables.
  * @retval 0          the family is up
- * @retval 0x8007000E the tables could not be allocated (the family stays down)
+ * @retval KAVRO_E_OUTOFMEMORY the tables could not be allocated (the family stays down)
  * @retval other      the memory family's failing start status (the family stays down)
  */
 KAVRO_API KAVRO_STATUS IPC_FIFO_Init(void);
@@ -120,7 +120,7 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Exit(void);
  * @param reserved2 ignored
  * @param path     path of the FIFO
  * @retval 0          done (check @p fd)
- * @retval 0x80070057 @p fd or @p path is null
+ * @retval KAVRO_E_INVALIDARG @p fd or @p path is null
  */
 KAVRO_API KAVRO_STATUS IPC_FIFO_Create(uintptr_t reserved, int32_t *fd, uintptr_t reserved2,
                                        const char *path);
@@ -134,11 +134,11 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Create(uintptr_t reserved, int32_t *fd, uintptr_
  * @param length room in @p buffer
  * @retval 0          read done, or failed with an error not listed here
  *                    (then @p count is -1)
- * @retval 0x80004005 @p buffer is null, @p length is 0, or the read was
+ * @retval KAVRO_E_FAIL @p buffer is null, @p length is 0, or the read was
  *                    interrupted twice
- * @retval 0x80070057 @p count is null
- * @retval 0x80070007 nothing to read now
- * @retval 0x80070008 broken pipe
+ * @retval KAVRO_E_INVALIDARG @p count is null
+ * @retval KAVRO_E_AGAIN nothing to read now
+ * @retval KAVRO_E_BROKENPIPE broken pipe
  */
 KAVRO_API KAVRO_STATUS IPC_FIFO_Read(int32_t fd, void *buffer, int32_t *count, uint32_t length);
 
@@ -155,13 +155,13 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Read(int32_t fd, void *buffer, int32_t *count, u
  * @param isStreams 0 for a pipe channel, non-zero for a streams channel
  * @retval 0          the message and its rank byte are written (a short
  *                    message write counts as done; see @p written)
- * @retval 0x80070057 null @p buffer or @p written, zero @p length or key 0
- * @retval 0x8007000A the channel's FIFOs exist but no reader has them open
- * @retval 0x80070007 the chosen rank pipe is full (nothing written; the
+ * @retval KAVRO_E_INVALIDARG null @p buffer or @p written, zero @p length or key 0
+ * @retval KAVRO_E_NOREADER the channel's FIFOs exist but no reader has them open
+ * @retval KAVRO_E_AGAIN the chosen rank pipe is full (nothing written; the
  *                    next write tries the next rank pipe)
- * @retval 0x80070008 the reader is gone; the channel is marked removed
- * @retval 0x8007000E the channel table of this kind is full
- * @retval 0x80004005 an open failed otherwise (missing FIFO...), TRVXROOT
+ * @retval KAVRO_E_BROKENPIPE the reader is gone; the channel is marked removed
+ * @retval KAVRO_E_OUTOFMEMORY the channel table of this kind is full
+ * @retval KAVRO_E_FAIL an open failed otherwise (missing FIFO...), TRVXROOT
  *                    is unset or too long, the family is not up, a write
  *                    failed otherwise, or the index pipe is full (the
  *                    message then stands without its rank byte)
@@ -176,8 +176,8 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t reserved, uint32_t key, int32_t 
  * @param key       channel key
  * @param isStreams 0 for a pipe channel, non-zero for a streams channel
  * @retval 0          a reader has the channel open
- * @retval 0x80004005 no such FIFO, or no reader (or TRVXROOT unset or too long)
- * @retval 0x80070057 the FIFO exists but cannot be opened for another reason
+ * @retval KAVRO_E_FAIL no such FIFO, or no reader (or TRVXROOT unset or too long)
+ * @retval KAVRO_E_INVALIDARG the FIFO exists but cannot be opened for another reason
  */
 KAVRO_API KAVRO_STATUS IPC_FIFO_CheckKey_2(uint32_t key, int32_t isStreams);
 
@@ -198,7 +198,7 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_CheckKey(uint32_t key);
  * @param count     receives the number of reports
  * @param isStreams 0 for pipe channels, non-zero for streams channels
  * @retval 0          done (0 reports when the family is not up)
- * @retval 0x80070057 @p status or @p count is null
+ * @retval KAVRO_E_INVALIDARG @p status or @p count is null
  */
 KAVRO_API KAVRO_STATUS IPC_FIFO_KeyStatus(FifoKeyStatus *status, int32_t *count,
                                           int32_t isStreams);
@@ -211,7 +211,7 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_KeyStatus(FifoKeyStatus *status, int32_t *count,
  * @param count     number of records to take at most
  * @param isStreams 0 for pipe channels, non-zero for streams channels
  * @retval 0          done
- * @retval 0x80004005 @p status is null
+ * @retval KAVRO_E_FAIL @p status is null
  */
 KAVRO_API KAVRO_STATUS IPC_FIFO_RemoveKeys(const FifoKeyStatus *status, int32_t count,
                                            int32_t isStreams);

@@ -29,20 +29,20 @@
  *
  * Decisions:
  * - The largest message carries `KAVRO_MSGQ_MAX_DATA` (2048) data bytes.
- *   `IPC_MSGQ_Send` refuses a longer length with 0x80070057; `IPC_MSGQ_Rcv`
+ *   `IPC_MSGQ_Send` refuses a longer length with KAVRO_E_INVALIDARG; `IPC_MSGQ_Rcv`
  *   receives at most that many bytes whatever the buffer size (a longer
- *   message put on the queue by someone else fails with 0x80004005 and stays
+ *   message put on the queue by someone else fails with KAVRO_E_FAIL and stays
  *   queued). `mesg_send` refuses a record whose `dataLength` is negative or
  *   above the maximum, and `mesg_recv` caps its capacity at the maximum, so
  *   that no record is ever read or written past its end.
- * - `IPC_MSGQ_Create` with a NULL out handle returns 0x80070057 and creates
+ * - `IPC_MSGQ_Create` with a NULL out handle returns KAVRO_E_INVALIDARG and creates
  *   nothing (a queue made without a handle could never be deleted).
  * - The default queue, which a NULL handle stands for, has the identifier 0,
  *   meaning "no queue": `IPC_MSGQ_Delete(NULL)` refuses it. A handle from
  *   `IPC_MSGQ_Create` always holds a real queue, so its queue is removed even
  *   when the kernel gave it the identifier 0 (as it does for the first queue
  *   made on a system).
- * - `IPC_SHM_Create` with a NULL out handle returns 0x80070057 and creates
+ * - `IPC_SHM_Create` with a NULL out handle returns KAVRO_E_INVALIDARG and creates
  *   nothing. Without an out address, when the segment exists already, the
  *   existing segment is opened (not attached), so that a later `IPC_SHM_Map`
  *   works.
@@ -50,7 +50,7 @@
  *   key alone names the segment (no further keys are derived from the name,
  *   since the error that would call for them is never reported here).
  * - Handles: a non-NULL handle whose first word is not the family tag (for
- *   example one already deleted) is refused with 0x80004005 and nothing is
+ *   example one already deleted) is refused with KAVRO_E_FAIL and nothing is
  *   done with it, as long as its memory is still readable. A semaphore
  *   handle carries the message-queue tag too and cannot be told apart.
  */
@@ -93,10 +93,10 @@ KAVRO_API KAVRO_STATUS IPC_Init(const char *prefix);
  * @param outKey    receives the key (0..255; 0 only when every fallback
  *                  gave 0), or 0xFFFFFFFF when `ftok` failed
  * @retval 0          key stored; also when @p outKey is NULL (nothing done)
- * @retval 0x80004005 `ftok` failed (typically the directory is missing or
+ * @retval KAVRO_E_FAIL `ftok` failed (typically the directory is missing or
  *                    not writable; a line is logged) or the path is longer
  *                    than 1023 characters
- * @retval 0x80070057 @p name is NULL
+ * @retval KAVRO_E_INVALIDARG @p name is NULL
  */
 KAVRO_API KAVRO_STATUS IPC_GetKey(const char *name, int32_t projectId, uint32_t *outKey);
 
@@ -108,8 +108,8 @@ KAVRO_API KAVRO_STATUS IPC_GetKey(const char *name, int32_t projectId, uint32_t 
  *
  * @param outKey receives the key, or 0 when none is free
  * @retval 0          key stored
- * @retval 0x80004005 every key is handed out (0 stored)
- * @retval 0x80070057 @p outKey is NULL (nothing handed out)
+ * @retval KAVRO_E_FAIL every key is handed out (0 stored)
+ * @retval KAVRO_E_INVALIDARG @p outKey is NULL (nothing handed out)
  */
 KAVRO_API KAVRO_STATUS IPC_GetUniqueKey(uint32_t *outKey);
 
@@ -119,7 +119,7 @@ KAVRO_API KAVRO_STATUS IPC_GetUniqueKey(uint32_t *outKey);
  *
  * @param key the key
  * @retval 0          the key is free again
- * @retval 0x80004005 @p key is outside 0..4999
+ * @retval KAVRO_E_FAIL @p key is outside 0..4999
  */
 KAVRO_API KAVRO_STATUS IPC_ReturnUniqueKey(int32_t key);
 
@@ -206,9 +206,9 @@ KAVRO_API int32_t Mesg_recv(int32_t queueId, MessageRecord *msg, int32_t capacit
  * @param name      may be NULL; with key 0 a non-NULL name asks for a private
  *                  queue (the name itself is not used)
  * @retval 0          handle stored
- * @retval 0x80070057 @p outHandle is NULL, or key 0 with a NULL name
- * @retval 0x80004005 `msgget` failed
- * @retval 0x8007000E the record could not be allocated (the queue stays)
+ * @retval KAVRO_E_INVALIDARG @p outHandle is NULL, or key 0 with a NULL name
+ * @retval KAVRO_E_FAIL `msgget` failed
+ * @retval KAVRO_E_OUTOFMEMORY the record could not be allocated (the queue stays)
  */
 KAVRO_API KAVRO_STATUS IPC_MSGQ_Create(void **outHandle, uint32_t key, const char *name);
 
@@ -224,9 +224,9 @@ KAVRO_API KAVRO_STATUS IPC_MSGQ_Create(void **outHandle, uint32_t key, const cha
  * @param flags   as for `msgsnd`; 0 means IPC_NOWAIT. Non-zero flags
  *                without IPC_NOWAIT wait in the kernel for room.
  * @retval 0          sent
- * @retval 0x80070057 @p data is NULL or @p length outside 1..KAVRO_MSGQ_MAX_DATA
- * @retval 0x80004005 the send failed, or @p handle is not a queue handle
- * @retval 0x80070007 the queue stayed full (about 50 seconds)
+ * @retval KAVRO_E_INVALIDARG @p data is NULL or @p length outside 1..KAVRO_MSGQ_MAX_DATA
+ * @retval KAVRO_E_FAIL the send failed, or @p handle is not a queue handle
+ * @retval KAVRO_E_AGAIN the queue stayed full (about 50 seconds)
  */
 KAVRO_API KAVRO_STATUS IPC_MSGQ_Send(void *handle, const void *data, int32_t length, int32_t msgType, uint32_t flags);
 
@@ -245,9 +245,9 @@ KAVRO_API KAVRO_STATUS IPC_MSGQ_Send(void *handle, const void *data, int32_t len
  *                  without IPC_NOWAIT wait in the kernel (interrupted waits
  *                  are restarted).
  * @retval 0          message copied and its length stored
- * @retval 0x80070057 @p buffer or @p outLength is NULL, or @p size is 0 or less
- * @retval 0x80070007 no message of that type (IPC_NOWAIT)
- * @retval 0x80004005 any other failure: the message is longer than the
+ * @retval KAVRO_E_INVALIDARG @p buffer or @p outLength is NULL, or @p size is 0 or less
+ * @retval KAVRO_E_AGAIN no message of that type (IPC_NOWAIT)
+ * @retval KAVRO_E_FAIL any other failure: the message is longer than the
  *                    buffer, a message without data, a removed queue, or
  *                    @p handle is not a queue handle
  */
@@ -258,8 +258,8 @@ KAVRO_API KAVRO_STATUS IPC_MSGQ_Rcv(void *handle, void *buffer, int32_t size, ui
  *
  * @param handle the queue; NULL selects the default queue (identifier 0)
  * @retval 0          removed (the result of the removal is not examined)
- * @retval 0x80070057 @p handle is NULL (the default queue, identifier 0)
- * @retval 0x80004005 @p handle is not a queue handle
+ * @retval KAVRO_E_INVALIDARG @p handle is NULL (the default queue, identifier 0)
+ * @retval KAVRO_E_FAIL @p handle is not a queue handle
  */
 KAVRO_API KAVRO_STATUS IPC_MSGQ_Delete(void *handle);
 
@@ -303,11 +303,11 @@ typedef struct SharedMemoryRecord {
  *                   (use `IPC_SHM_Map` later)
  * @param name       accepted and not used; may be NULL
  * @retval 0          handle stored
- * @retval 0x80070057 @p outHandle is NULL
- * @retval 0x80004005 the segment can be neither created nor opened and
+ * @retval KAVRO_E_INVALIDARG @p outHandle is NULL
+ * @retval KAVRO_E_FAIL the segment can be neither created nor opened and
  *                    attached (for example an existing segment smaller than
  *                    @p size, or a size the system refuses)
- * @retval 0x8007000E the record could not be allocated (the segment stays)
+ * @retval KAVRO_E_OUTOFMEMORY the record could not be allocated (the segment stays)
  */
 KAVRO_API KAVRO_STATUS IPC_SHM_Create(void **outHandle, uint32_t key, uint32_t size, void **outAddress, const char *name);
 
@@ -318,7 +318,7 @@ KAVRO_API KAVRO_STATUS IPC_SHM_Create(void **outHandle, uint32_t key, uint32_t s
  * @param handle  the segment
  * @param address where to attach; NULL lets the system choose
  * @retval 0          attached
- * @retval 0x80004005 NULL or foreign handle, already attached, or the attach
+ * @retval KAVRO_E_FAIL NULL or foreign handle, already attached, or the attach
  *                    failed (reported through `err_ret`)
  */
 KAVRO_API KAVRO_STATUS IPC_SHM_Map(void *handle, void *address);
@@ -330,7 +330,7 @@ KAVRO_API KAVRO_STATUS IPC_SHM_Map(void *handle, void *address);
  *
  * @param handle the segment
  * @retval 0          done, or @p handle is NULL
- * @retval 0x80004005 @p handle is not a shared-memory handle (nothing done)
+ * @retval KAVRO_E_FAIL @p handle is not a shared-memory handle (nothing done)
  */
 KAVRO_API KAVRO_STATUS IPC_SHM_Delete(void *handle);
 
@@ -340,8 +340,8 @@ KAVRO_API KAVRO_STATUS IPC_SHM_Delete(void *handle);
  * @param handle  the segment
  * @param outSize receives the size
  * @retval 0          size stored
- * @retval 0x80004005 NULL or foreign handle
- * @retval 0x80070057 @p outSize is NULL
+ * @retval KAVRO_E_FAIL NULL or foreign handle
+ * @retval KAVRO_E_INVALIDARG @p outSize is NULL
  */
 KAVRO_API KAVRO_STATUS IPC_SHM_GetCount(void *handle, uint32_t *outSize);
 

@@ -38,9 +38,9 @@
  *   "released" twice).
  * - When `LCK_Init` cannot allocate the default or the second lock it logs
  *   one line and still returns 0; a later `LCK_Init` tries again. Until
- *   then every operation on the missing lock returns 0x80004005.
+ *   then every operation on the missing lock returns KAVRO_E_FAIL.
  * - `LCK_Create` with a NULL out-pointer and `LCK_Delete` of a NULL handle
- *   return 0x80070057. Other handles are trusted.
+ *   return KAVRO_E_INVALIDARG. Other handles are trusted.
  */
 #ifndef KAVRO_RT_LCK_H
 #define KAVRO_RT_LCK_H
@@ -85,8 +85,8 @@ KAVRO_API void LCK_Exit(void);
  * Make a free task lock.
  * @param phLock receives the handle (NULL when out of memory)
  * @retval 0          made
- * @retval 0x8007000E no memory
- * @retval 0x80070057 @p phLock is NULL
+ * @retval KAVRO_E_OUTOFMEMORY no memory
+ * @retval KAVRO_E_INVALIDARG @p phLock is NULL
  */
 KAVRO_API KAVRO_STATUS LCK_Create(LckObj **phLock);
 
@@ -95,7 +95,7 @@ KAVRO_API KAVRO_STATUS LCK_Create(LckObj **phLock);
  * nobody holds or waits for.
  * @param hLock the lock
  * @retval 0          freed
- * @retval 0x80070057 @p hLock is NULL
+ * @retval KAVRO_E_INVALIDARG @p hLock is NULL
  */
 KAVRO_API KAVRO_STATUS LCK_Delete(LckObj *hLock);
 
@@ -105,7 +105,7 @@ KAVRO_API KAVRO_STATUS LCK_Delete(LckObj *hLock);
  * task lock only counts one level deeper.
  * @param hLock the lock, or NULL for the default lock
  * @retval 0          entered
- * @retval 0x80004005 the family is down (before `LCK_Init`, after the last
+ * @retval KAVRO_E_FAIL the family is down (before `LCK_Init`, after the last
  *                    `LCK_Exit`), or the default lock is missing
  */
 KAVRO_API KAVRO_STATUS LCK_Lock(LckObj *hLock);
@@ -115,21 +115,21 @@ KAVRO_API KAVRO_STATUS LCK_Lock(LckObj *hLock);
  * the lock and return the caller to its previous priority.
  * @param hLock the lock, or NULL for the default lock
  * @retval 0          left (also when nothing was held; see the decisions)
- * @retval 0x80004005 NULL handle and no default lock exists
+ * @retval KAVRO_E_FAIL NULL handle and no default lock exists
  */
 KAVRO_API KAVRO_STATUS LCK_Unlock(LckObj *hLock);
 
 /**
  * Enter the second lock (no priority change, no nesting).
  * @retval 0          entered
- * @retval 0x80004005 the lock does not exist (no `LCK_Init` yet)
+ * @retval KAVRO_E_FAIL the lock does not exist (no `LCK_Init` yet)
  */
 KAVRO_API KAVRO_STATUS LCK_Lock_2(void);
 
 /**
  * Leave the second lock.
  * @retval 0          released
- * @retval 0x80004005 it was not held, or does not exist
+ * @retval KAVRO_E_FAIL it was not held, or does not exist
  */
 KAVRO_API KAVRO_STATUS LCK_Unlock_2(void);
 

@@ -19,12 +19,12 @@
  *   writable, a full disk), `LDR_Init` writes one diagnostic line saying so
  *   and the family comes up all the same: loading modules does not need it.
  * - Every operation that takes a module handle checks its tag first: a
- *   freed or foreign handle is refused with 0x80004005 and nothing is
+ *   freed or foreign handle is refused with KAVRO_E_FAIL and nothing is
  *   called on it (a second `LDR_FreeModule` of the same handle is refused,
  *   not a double free, as long as the heap has not reused the block).
- * - A NULL handle, out-pointer, path or symbol name gives 0x80070057.
+ * - A NULL handle, out-pointer, path or symbol name gives KAVRO_E_INVALIDARG.
  * - A failed symbol lookup returns the thread's `errno` with the top bit
- *   set; when the loader left `errno` at 0 the result is 0x80004005, so it
+ *   set; when the loader left `errno` at 0 the result is KAVRO_E_FAIL, so it
  *   is never mistaken for a plain top-bit value.
  * - The family takes no lock; the counters are plain increments.
  */
@@ -63,9 +63,9 @@ KAVRO_API void LDR_Exit(void);
  * @param phModule  receives the module handle, or NULL on failure
  * @param pstrPath  the module's path, as for `dlopen`
  * @retval 0          loaded
- * @retval 0x80070057 @p phModule or @p pstrPath is NULL
- * @retval 0x8007000E no memory for the module object
- * @retval 0x80040301 the loader refused the module (its reason as a line)
+ * @retval KAVRO_E_INVALIDARG @p phModule or @p pstrPath is NULL
+ * @retval KAVRO_E_OUTOFMEMORY no memory for the module object
+ * @retval KAVRO_E_LOADFAILED the loader refused the module (its reason as a line)
  */
 KAVRO_API KAVRO_STATUS LDR_LoadModule(LDR_Module **phModule, const char *pstrPath);
 
@@ -77,10 +77,10 @@ KAVRO_API KAVRO_STATUS LDR_LoadModule(LDR_Module **phModule, const char *pstrPat
  * @param pstrSymbol the symbol's name
  * @param ppAddress  receives the address; left unchanged on failure
  * @retval 0          found
- * @retval 0x80070057 @p hModule, @p pstrSymbol or @p ppAddress is NULL
- * @retval 0x80004005 @p hModule is not a loaded module (freed or foreign)
+ * @retval KAVRO_E_INVALIDARG @p hModule, @p pstrSymbol or @p ppAddress is NULL
+ * @retval KAVRO_E_FAIL @p hModule is not a loaded module (freed or foreign)
  * @retval errno|0x80000000 the module has no such symbol (the loader's
- *                    reason as a line); 0x80004005 when errno was 0
+ *                    reason as a line); KAVRO_E_FAIL when errno was 0
  */
 KAVRO_API KAVRO_STATUS LDR_GetProcAddress(LDR_Module *hModule, const char *pstrSymbol, void **ppAddress);
 
@@ -91,8 +91,8 @@ KAVRO_API KAVRO_STATUS LDR_GetProcAddress(LDR_Module *hModule, const char *pstrS
  *
  * @param hModule the module
  * @retval 0          freed
- * @retval 0x80070057 @p hModule is NULL
- * @retval 0x80004005 @p hModule is not a loaded module (nothing freed)
+ * @retval KAVRO_E_INVALIDARG @p hModule is NULL
+ * @retval KAVRO_E_FAIL @p hModule is not a loaded module (nothing freed)
  */
 KAVRO_API KAVRO_STATUS LDR_FreeModule(LDR_Module *hModule);
 

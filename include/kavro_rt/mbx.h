@@ -27,7 +27,7 @@
  * - A post signals a pending thread, and a pend a posting thread, only when
  *   one is waiting (one thread woken per message moved).
  * - A null message or buffer pointer (with a non-zero message size) and a
- *   null out-pointer are answered with 0x80070057; a null out handle of
+ *   null out-pointer are answered with KAVRO_E_INVALIDARG; a null out handle of
  *   `MBX_Create` likewise (counted, nothing allocated).
  * - Sizes whose product does not fit 32 bits are refused as an allocation
  *   failure; so is a message size of 0 with a non-zero slot count (the
@@ -66,8 +66,8 @@ KAVRO_API void MBX_Exit(void);
  * @param msgSize size of every message in bytes
  * @param slots   capacity in messages
  * @retval 0          created
- * @retval 0x80070057 @p handle is NULL
- * @retval 0x8007000E out of memory (the reasons are logged)
+ * @retval KAVRO_E_INVALIDARG @p handle is NULL
+ * @retval KAVRO_E_OUTOFMEMORY out of memory (the reasons are logged)
  */
 KAVRO_API KAVRO_STATUS MBX_Create(MBX_HANDLE *handle, uint32_t msgSize, uint32_t slots);
 
@@ -86,9 +86,9 @@ KAVRO_API KAVRO_STATUS MBX_Delete(MBX_HANDLE handle);
  * @param message   the message
  * @param timeoutMs longest wait for a free slot; 0 does not wait; 0xFFFFFFFF no limit
  * @retval 0          posted
- * @retval 0x80070057 @p handle is NULL, or @p message is NULL
- * @retval 0x80004005 the mailbox has no slots (logged), or the wait failed
- * @retval 0x80040201 still full at the deadline; nothing was stored
+ * @retval KAVRO_E_INVALIDARG @p handle is NULL, or @p message is NULL
+ * @retval KAVRO_E_FAIL the mailbox has no slots (logged), or the wait failed
+ * @retval KAVRO_E_TIMEOUT still full at the deadline; nothing was stored
  */
 KAVRO_API KAVRO_STATUS MBX_Post(MBX_HANDLE handle, const void *message, uint32_t timeoutMs);
 
@@ -100,9 +100,9 @@ KAVRO_API KAVRO_STATUS MBX_Post(MBX_HANDLE handle, const void *message, uint32_t
  * @param buffer    receives the message
  * @param timeoutMs longest wait for a message; 0 does not wait; 0xFFFFFFFF no limit
  * @retval 0          a message was received
- * @retval 0x80070057 @p handle is NULL (logged), or @p buffer is NULL
- * @retval 0x80004005 the mailbox has no slots (logged)
- * @retval 0x80040201 no message came before the deadline, or the wait failed
+ * @retval KAVRO_E_INVALIDARG @p handle is NULL (logged), or @p buffer is NULL
+ * @retval KAVRO_E_FAIL the mailbox has no slots (logged)
+ * @retval KAVRO_E_TIMEOUT no message came before the deadline, or the wait failed
  */
 KAVRO_API KAVRO_STATUS MBX_Pend(MBX_HANDLE handle, void *buffer, uint32_t timeoutMs);
 
@@ -111,7 +111,7 @@ KAVRO_API KAVRO_STATUS MBX_Pend(MBX_HANDLE handle, void *buffer, uint32_t timeou
  * @param handle the mailbox
  * @param count  receives the number
  * @retval 0          stored
- * @retval 0x80070057 @p handle or @p count is NULL
+ * @retval KAVRO_E_INVALIDARG @p handle or @p count is NULL
  */
 KAVRO_API KAVRO_STATUS MBX_GetCount(MBX_HANDLE handle, int32_t *count);
 
@@ -121,7 +121,7 @@ KAVRO_API KAVRO_STATUS MBX_GetCount(MBX_HANDLE handle, int32_t *count);
  * @param handle   the mailbox
  * @param maxCount receives the mark
  * @retval 0          stored
- * @retval 0x80070057 @p handle or @p maxCount is NULL
+ * @retval KAVRO_E_INVALIDARG @p handle or @p maxCount is NULL
  */
 KAVRO_API KAVRO_STATUS MBX_GetMaxCount(MBX_HANDLE handle, int32_t *maxCount);
 

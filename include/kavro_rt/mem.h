@@ -9,7 +9,7 @@
  * they are approximate, and nothing relies on their exact value. The marker 999 marks generic allocations (family objects and
  * tables), which pair with `MEM_Free2`.
  *
- * Decision: when `munlockall` fails, `MEM_UnLockAll` reports 0x80004005 as
+ * Decision: when `munlockall` fails, `MEM_UnLockAll` reports KAVRO_E_FAIL as
  * its twin `MEM_LockAll` does.
  */
 #ifndef KAVRO_RT_MEM_H
@@ -59,7 +59,7 @@ KAVRO_API void MEM_Free2(void *ptr);
 /**
  * Lock all current and future pages of the process in memory.
  * @retval 0          the pages are locked
- * @retval 0x80004005 `mlockall` failed (usually missing privilege); a line
+ * @retval KAVRO_E_FAIL `mlockall` failed (usually missing privilege); a line
  *                    with the error number is logged
  */
 KAVRO_API KAVRO_STATUS MEM_LockAll(void);
@@ -67,7 +67,7 @@ KAVRO_API KAVRO_STATUS MEM_LockAll(void);
 /**
  * Unlock all pages of the process.
  * @retval 0          the pages are unlocked
- * @retval 0x80004005 `munlockall` failed; a line with the error number is logged
+ * @retval KAVRO_E_FAIL `munlockall` failed; a line with the error number is logged
  */
 KAVRO_API KAVRO_STATUS MEM_UnLockAll(void);
 

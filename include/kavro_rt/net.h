@@ -26,7 +26,7 @@
  * - Records come from `KAVRO_OBJ_Alloc`; the caller releases each one with
  *   `KAVRO_OBJ_Free(record, 0)`. `NET_GetInterface` sets `*record` to NULL
  *   first, so after any call a non-null `*record` is the caller's to free.
- * - `NET_GetMacAddress` reports a failed query with 0x80004005 and an empty
+ * - `NET_GetMacAddress` reports a failed query with KAVRO_E_FAIL and an empty
  *   text (48 zero bytes) instead of success with no text.
  */
 #ifndef KAVRO_RT_NET_H
@@ -51,7 +51,7 @@ typedef struct InterfaceRecord {
  * Read the interface list and rewind the cursor.
  *
  * @retval 0          the list holds at least one interface other than lo
- * @retval 0x80004005 /proc/net/dev cannot be opened, or lists no interface
+ * @retval KAVRO_E_FAIL /proc/net/dev cannot be opened, or lists no interface
  *                    but lo (the list is then empty)
  */
 KAVRO_API KAVRO_STATUS NET_Init(void);
@@ -74,9 +74,9 @@ KAVRO_API int32_t _getDeviceList(void);
  *               after an interface was examined it holds a record naming
  *               that interface; the caller frees any non-null record.
  * @retval 0          @p record names the interface
- * @retval 0x80004005 no further usable interface, out of memory, or no
+ * @retval KAVRO_E_FAIL no further usable interface, out of memory, or no
  *                    socket could be opened
- * @retval 0x80070057 @p record is null
+ * @retval KAVRO_E_INVALIDARG @p record is null
  */
 KAVRO_API KAVRO_STATUS NET_GetInterface(InterfaceRecord **record);
 
@@ -84,7 +84,7 @@ KAVRO_API KAVRO_STATUS NET_GetInterface(InterfaceRecord **record);
  * Not supported: always stores NULL.
  *
  * @param record receives NULL (when not null itself)
- * @retval 0x80004005 always
+ * @retval KAVRO_E_FAIL always
  */
 KAVRO_API KAVRO_STATUS NET_GetNextInterface(InterfaceRecord **record);
 
@@ -97,8 +97,8 @@ KAVRO_API KAVRO_STATUS NET_GetNextInterface(InterfaceRecord **record);
  * @param record the interface (only its name is used)
  * @param text   buffer of KAVRO_NET_MAC_TEXT_SIZE (48) characters
  * @retval 0          @p text holds the address
- * @retval 0x80070057 @p record is null
- * @retval 0x80004005 @p text is null; or the name is not a kernel interface
+ * @retval KAVRO_E_INVALIDARG @p record is null
+ * @retval KAVRO_E_FAIL @p text is null; or the name is not a kernel interface
  *                    name, no socket could be opened or the interface has
  *                    no hardware address to give (then @p text is 48 zero
  *                    bytes)

@@ -28,7 +28,7 @@
  *   "/usr/torvanex/cfg/.registry.1", is flushed to disk and renamed over
  *   the registry in one step (the old file's permissions are kept). A
  *   crash, a full disk or any failed write leaves the old registry whole
- *   and the call returns 0x80004005; readers see the old or the new file,
+ *   and the call returns KAVRO_E_FAIL; readers see the old or the new file,
  *   never a mixture.
  * - A refused type code (3, or an unknown code) leaves the registry exactly
  *   as it was.
@@ -36,12 +36,12 @@
  *   replaces it, so writers in several threads or processes follow one
  *   another instead of losing updates (a writer waits up to 10 s, then
  *   fails). Readers need no lock.
- * - `REG_SetValue` refuses (0x80070057) names that could not be found
+ * - `REG_SetValue` refuses (KAVRO_E_INVALIDARG) names that could not be found
  *   again: an empty subkey or entry, one containing white space, and a name
  *   or string value longer than 253 characters or holding a newline.
  * - A new record is not added behind a last record that is incomplete
  *   (the file ends inside a record): it would not read back. The call
- *   fails with 0x80004005 and the file stays as it was.
+ *   fails with KAVRO_E_FAIL and the file stays as it was.
  * - The value size of `REG_GetValue` is the capacity of the value buffer in
  *   bytes: a string needs its length plus the terminator, a DWORD 4 bytes.
  *   It is read, never written.
@@ -87,12 +87,12 @@ KAVRO_API int32_t REG_Exit(void);
  *                     word of the value line) or a uint32_t
  * @param pdwValueSize capacity of @p pValue in bytes
  * @retval 0          the value was stored
- * @retval 0x80070057 @p pstrSubkey, @p pstrEntry or @p pdwValueSize is NULL
+ * @retval KAVRO_E_INVALIDARG @p pstrSubkey, @p pstrEntry or @p pdwValueSize is NULL
  *                    (with a line); @p pValue is NULL; or the value does not
  *                    fit (a string then becomes "" when at least one byte fits)
- * @retval 0x80004001 @p phKey is not NULL (with a line); no record matches
+ * @retval KAVRO_E_NOTIMPL @p phKey is not NULL (with a line); no record matches
  *                    (no line); the value is a REG_BINARY (with a line)
- * @retval 0x80004005 the registry cannot be opened or read; the type line
+ * @retval KAVRO_E_FAIL the registry cannot be opened or read; the type line
  *                    of the matching record is not a known word (with a line)
  */
 KAVRO_API KAVRO_STATUS REG_GetValue(void *phKey, const char *pstrSubkey, const char *pstrEntry, void *pValue,
@@ -110,10 +110,10 @@ KAVRO_API KAVRO_STATUS REG_GetValue(void *phKey, const char *pstrSubkey, const c
  *                     pointer to the uint32_t, written in decimal
  * @param pdwValueSize must not be NULL; not otherwise read
  * @retval 0          the registry now holds the value
- * @retval 0x80070057 a pointer argument is NULL; a name or the string is
+ * @retval KAVRO_E_INVALIDARG a pointer argument is NULL; a name or the string is
  *                    refused (see above; with a line)
- * @retval 0x80004001 @p dwType is 3 (REG_BINARY); registry unchanged
- * @retval 0x80004005 @p dwType is unknown (registry unchanged); the registry
+ * @retval KAVRO_E_NOTIMPL @p dwType is 3 (REG_BINARY); registry unchanged
+ * @retval KAVRO_E_FAIL @p dwType is unknown (registry unchanged); the registry
  *                    is missing, unreadable or ends inside a record; the
  *                    temporary file cannot be made, written, flushed or
  *                    renamed (registry unchanged); another writer held the
@@ -128,8 +128,8 @@ KAVRO_API KAVRO_STATUS REG_SetValue(void *hKey, const char *pstrSubkey, const ch
  * @param hKey       key handle; ignored
  * @param pstrSubkey subkey
  * @param pstrEntry  entry name
- * @retval 0x80070057 @p pstrSubkey or @p pstrEntry is NULL
- * @retval 0x80004001 otherwise
+ * @retval KAVRO_E_INVALIDARG @p pstrSubkey or @p pstrEntry is NULL
+ * @retval KAVRO_E_NOTIMPL otherwise
  */
 KAVRO_API KAVRO_STATUS REG_DeleteEntry(void *hKey, const char *pstrSubkey, const char *pstrEntry);
 

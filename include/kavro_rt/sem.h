@@ -30,10 +30,10 @@
  * limit; timed waits use absolute wall-clock deadlines.
  *
  * Decisions:
- * - The front answers a null handle with 0x80004005 from every operation
+ * - The front answers a null handle with KAVRO_E_FAIL from every operation
  *   but `SEM_Delete`, which returns 0 for it.
  * - A null out-pointer (handle of a create, count of `GetCount`) is answered
- *   with 0x80070057 and nothing is allocated or created.
+ *   with KAVRO_E_INVALIDARG and nothing is allocated or created.
  * - Counter kind: a pend that ends without a unit (time-out or failed wait)
  *   gives its claim back, so a negative count is always exactly the number
  *   of threads waiting. A waiter returns only with a unit that a post or a
@@ -41,18 +41,18 @@
  *   deadline); a unit handed over at the very moment of a time-out is taken
  *   rather than lost. A pend with timeout 0 never waits.
  * - `PTHR_SEM_TryPend` given a bad handle logs "Memory corruption" and
- *   returns 0x80004005.
+ *   returns KAVRO_E_FAIL.
  * - POSIX kind: TryPend takes a unit from the POSIX semaphore without
- *   waiting (0x80070007 when none is free). Reset brings the POSIX
+ *   waiting (KAVRO_E_AGAIN when none is free). Reset brings the POSIX
  *   semaphore's value to the new count (0 for a negative count); threads
  *   blocked in a pend are released only as far as the new value allows.
  * - System V kind: a pend interrupted by a signal pends again; a pend on a
  *   set that has been removed (or any other failure of the kernel wait)
- *   reports 0x80004005. A set that exists already is opened with its current
+ *   reports KAVRO_E_FAIL. A set that exists already is opened with its current
  *   value; the opener waits (up to 10 s, probing once a second) until some
  *   process has operated on the set, so that the creator has set its value.
  *   If the set vanishes while it is being opened, creation is attempted
- *   again (a few times) before 0x80004005 is reported. A private set
+ *   again (a few times) before KAVRO_E_FAIL is reported. A private set
  *   (`key` 0) that this call made is removed again when the record cannot
  *   be allocated, since no other process could ever reach it; a keyed set
  *   stays, as others may use it.
@@ -107,9 +107,9 @@ KAVRO_API int32_t SEM_Exit(void);
  * @param key          System V key; non-zero selects System V
  * @param systemWide   non-zero selects System V even with @p key 0
  * @retval 0          created (or, for System V, opened)
- * @retval 0x80070057 @p handle is NULL
- * @retval 0x80004005 the System V set could be neither created nor opened
- * @retval 0x8007000E out of memory
+ * @retval KAVRO_E_INVALIDARG @p handle is NULL
+ * @retval KAVRO_E_FAIL the System V set could be neither created nor opened
+ * @retval KAVRO_E_OUTOFMEMORY out of memory
  */
 KAVRO_API KAVRO_STATUS SEM_Create(SEM_HANDLE *handle, int32_t initialCount, uint32_t key,
                                   uint32_t systemWide);
@@ -121,8 +121,8 @@ KAVRO_API KAVRO_STATUS SEM_Create(SEM_HANDLE *handle, int32_t initialCount, uint
  * @param handle       receives the handle
  * @param initialValue starting value
  * @retval 0          created
- * @retval 0x80070057 @p handle is NULL
- * @retval 0x8007000E out of memory
+ * @retval KAVRO_E_INVALIDARG @p handle is NULL
+ * @retval KAVRO_E_OUTOFMEMORY out of memory
  */
 KAVRO_API KAVRO_STATUS SEM_Create_2(SEM_HANDLE *handle, uint32_t initialValue);
 
@@ -133,7 +133,7 @@ KAVRO_API KAVRO_STATUS SEM_Create_2(SEM_HANDLE *handle, uint32_t initialValue);
  *
  * @param handle the semaphore; NULL does nothing and is not counted
  * @retval 0          deleted, or @p handle is NULL
- * @retval 0x80004005 not a live semaphore
+ * @retval KAVRO_E_FAIL not a live semaphore
  */
 KAVRO_API KAVRO_STATUS SEM_Delete(SEM_HANDLE handle);
 
@@ -144,8 +144,8 @@ KAVRO_API KAVRO_STATUS SEM_Delete(SEM_HANDLE handle);
  * @param handle    the semaphore
  * @param timeoutMs longest wait; 0 does not wait; 0xFFFFFFFF no limit
  * @retval 0          a unit was taken
- * @retval 0x80040201 no unit came before the deadline
- * @retval 0x80004005 null or bad handle, or the wait failed (System V: set removed)
+ * @retval KAVRO_E_TIMEOUT no unit came before the deadline
+ * @retval KAVRO_E_FAIL null or bad handle, or the wait failed (System V: set removed)
  */
 KAVRO_API KAVRO_STATUS SEM_Pend(SEM_HANDLE handle, uint32_t timeoutMs);
 
@@ -154,8 +154,8 @@ KAVRO_API KAVRO_STATUS SEM_Pend(SEM_HANDLE handle, uint32_t timeoutMs);
  *
  * @param handle the semaphore
  * @retval 0          a unit was taken
- * @retval 0x80070007 no unit is free
- * @retval 0x80004005 null or bad handle; System V (not supported, logged)
+ * @retval KAVRO_E_AGAIN no unit is free
+ * @retval KAVRO_E_FAIL null or bad handle; System V (not supported, logged)
  */
 KAVRO_API KAVRO_STATUS SEM_TryPend(SEM_HANDLE handle);
 
@@ -164,7 +164,7 @@ KAVRO_API KAVRO_STATUS SEM_TryPend(SEM_HANDLE handle);
  *
  * @param handle the semaphore
  * @retval 0          posted
- * @retval 0x80004005 null or bad handle
+ * @retval KAVRO_E_FAIL null or bad handle
  */
 KAVRO_API KAVRO_STATUS SEM_Post(SEM_HANDLE handle);
 
@@ -176,7 +176,7 @@ KAVRO_API KAVRO_STATUS SEM_Post(SEM_HANDLE handle);
  * @param handle the semaphore
  * @param count  the new count
  * @retval 0          done
- * @retval 0x80004005 null or bad handle
+ * @retval KAVRO_E_FAIL null or bad handle
  */
 KAVRO_API KAVRO_STATUS SEM_Reset(SEM_HANDLE handle, int32_t count);
 
@@ -187,15 +187,15 @@ KAVRO_API KAVRO_STATUS SEM_Reset(SEM_HANDLE handle, int32_t count);
  * @param handle the semaphore
  * @param count  receives the count
  * @retval 0          stored
- * @retval 0x80070057 @p count is NULL
- * @retval 0x80004005 null or bad handle
+ * @retval KAVRO_E_INVALIDARG @p count is NULL
+ * @retval KAVRO_E_FAIL null or bad handle
  */
 KAVRO_API KAVRO_STATUS SEM_GetCount(SEM_HANDLE handle, int32_t *count);
 
 /**
  * Not supported by either implementation: logs the "not supported" line.
  * @param handle the semaphore
- * @retval 0x80004005 always
+ * @retval KAVRO_E_FAIL always
  */
 KAVRO_API KAVRO_STATUS SEM_GetSystemHandle(SEM_HANDLE handle);
 
@@ -207,8 +207,8 @@ KAVRO_API KAVRO_STATUS SEM_GetSystemHandle(SEM_HANDLE handle);
  * @param handle       receives the handle (untouched on failure)
  * @param initialCount starting count
  * @retval 0          created
- * @retval 0x80070057 @p handle is NULL
- * @retval 0x8007000E out of memory
+ * @retval KAVRO_E_INVALIDARG @p handle is NULL
+ * @retval KAVRO_E_OUTOFMEMORY out of memory
  */
 KAVRO_API KAVRO_STATUS PTHR_SEM_Create(SEM_HANDLE *handle, int32_t initialCount);
 
@@ -218,8 +218,8 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_Create(SEM_HANDLE *handle, int32_t initialCount)
  * @param handle       receives the handle (untouched on failure)
  * @param initialValue starting value
  * @retval 0          created
- * @retval 0x80070057 @p handle is NULL
- * @retval 0x8007000E out of memory
+ * @retval KAVRO_E_INVALIDARG @p handle is NULL
+ * @retval KAVRO_E_OUTOFMEMORY out of memory
  */
 KAVRO_API KAVRO_STATUS PTHR_SEM_Create_2(SEM_HANDLE *handle, uint32_t initialValue);
 
@@ -228,7 +228,7 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_Create_2(SEM_HANDLE *handle, uint32_t initialVal
  * handle is tested.
  * @param handle the semaphore
  * @retval 0          deleted
- * @retval 0x80004005 null or bad handle
+ * @retval KAVRO_E_FAIL null or bad handle
  */
 KAVRO_API KAVRO_STATUS PTHR_SEM_Delete(SEM_HANDLE handle);
 
@@ -239,8 +239,8 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_Delete(SEM_HANDLE handle);
  * @param handle    the semaphore
  * @param timeoutMs longest wait (counter kind); 0 does not wait; 0xFFFFFFFF no limit
  * @retval 0          a unit was taken
- * @retval 0x80040201 counter kind: no unit came before the deadline
- * @retval 0x80004005 null or bad handle, or a failed wait
+ * @retval KAVRO_E_TIMEOUT counter kind: no unit came before the deadline
+ * @retval KAVRO_E_FAIL null or bad handle, or a failed wait
  */
 KAVRO_API KAVRO_STATUS PTHR_SEM_Pend(SEM_HANDLE handle, uint32_t timeoutMs);
 
@@ -248,8 +248,8 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_Pend(SEM_HANDLE handle, uint32_t timeoutMs);
  * Take one unit if one is free now.
  * @param handle the semaphore
  * @retval 0          a unit was taken
- * @retval 0x80070007 no unit is free
- * @retval 0x80004005 null or bad handle (a "Memory corruption" line is logged)
+ * @retval KAVRO_E_AGAIN no unit is free
+ * @retval KAVRO_E_FAIL null or bad handle (a "Memory corruption" line is logged)
  */
 KAVRO_API KAVRO_STATUS PTHR_SEM_TryPend(SEM_HANDLE handle);
 
@@ -257,7 +257,7 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_TryPend(SEM_HANDLE handle);
  * Give one unit back; wakes one waiter if any.
  * @param handle the semaphore
  * @retval 0          posted
- * @retval 0x80004005 null or bad handle
+ * @retval KAVRO_E_FAIL null or bad handle
  */
 KAVRO_API KAVRO_STATUS PTHR_SEM_Post(SEM_HANDLE handle);
 
@@ -267,7 +267,7 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_Post(SEM_HANDLE handle);
  * @param handle the semaphore
  * @param count  the new count
  * @retval 0          done
- * @retval 0x80004005 null or bad handle
+ * @retval KAVRO_E_FAIL null or bad handle
  */
 KAVRO_API KAVRO_STATUS PTHR_SEM_Reset(SEM_HANDLE handle, int32_t count);
 
@@ -277,15 +277,15 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_Reset(SEM_HANDLE handle, int32_t count);
  * @param handle the semaphore
  * @param count  receives the count
  * @retval 0          stored
- * @retval 0x80070057 @p count is NULL
- * @retval 0x80004005 null or bad handle
+ * @retval KAVRO_E_INVALIDARG @p count is NULL
+ * @retval KAVRO_E_FAIL null or bad handle
  */
 KAVRO_API KAVRO_STATUS PTHR_SEM_GetCount(SEM_HANDLE handle, int32_t *count);
 
 /**
  * Not supported: logs the "not supported" line.
  * @param handle ignored
- * @retval 0x80004005 always
+ * @retval KAVRO_E_FAIL always
  */
 KAVRO_API KAVRO_STATUS PTHR_SEM_GetSystemHandle(SEM_HANDLE handle);
 
@@ -300,9 +300,9 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_GetSystemHandle(SEM_HANDLE handle);
  * @param initialCount value of a newly created set
  * @param key          System V key; 0 (IPC_PRIVATE) makes a new set every time
  * @retval 0          created or opened
- * @retval 0x80070057 @p handle is NULL (no set is created)
- * @retval 0x80004005 the set could be neither created nor opened
- * @retval 0x8007000E out of memory
+ * @retval KAVRO_E_INVALIDARG @p handle is NULL (no set is created)
+ * @retval KAVRO_E_FAIL the set could be neither created nor opened
+ * @retval KAVRO_E_OUTOFMEMORY out of memory
  */
 KAVRO_API KAVRO_STATUS IPC_SEM_Create(SEM_HANDLE *handle, int32_t initialCount, uint32_t key);
 
@@ -310,7 +310,7 @@ KAVRO_API KAVRO_STATUS IPC_SEM_Create(SEM_HANDLE *handle, int32_t initialCount, 
  * Remove the set from the system and free the handle.
  * @param handle the semaphore
  * @retval 0          removed
- * @retval 0x80004005 null or bad handle
+ * @retval KAVRO_E_FAIL null or bad handle
  */
 KAVRO_API KAVRO_STATUS IPC_SEM_Delete(SEM_HANDLE handle);
 
@@ -318,7 +318,7 @@ KAVRO_API KAVRO_STATUS IPC_SEM_Delete(SEM_HANDLE handle);
  * Take one unit, waiting without limit (interrupted waits are resumed).
  * @param handle the semaphore
  * @retval 0          a unit was taken
- * @retval 0x80004005 null or bad handle, or the set was removed
+ * @retval KAVRO_E_FAIL null or bad handle, or the set was removed
  */
 KAVRO_API KAVRO_STATUS IPC_SEM_Pend(SEM_HANDLE handle);
 
@@ -329,7 +329,7 @@ KAVRO_API KAVRO_STATUS IPC_SEM_Pend(SEM_HANDLE handle);
  *                    set, or beyond the undo bound): the unit is then lost
  *                    and the line "KAVRO:IPC_SEM_Post: semop failed, errno
  *                    <n>, the unit is lost" is logged
- * @retval 0x80004005 null or bad handle
+ * @retval KAVRO_E_FAIL null or bad handle
  */
 KAVRO_API KAVRO_STATUS IPC_SEM_Post(SEM_HANDLE handle);
 
@@ -338,7 +338,7 @@ KAVRO_API KAVRO_STATUS IPC_SEM_Post(SEM_HANDLE handle);
  * @param handle the semaphore
  * @param count  the new value
  * @retval 0          done (the kernel's answer is not examined)
- * @retval 0x80004005 null or bad handle
+ * @retval KAVRO_E_FAIL null or bad handle
  */
 KAVRO_API KAVRO_STATUS IPC_SEM_Reset(SEM_HANDLE handle, int32_t count);
 
@@ -347,22 +347,22 @@ KAVRO_API KAVRO_STATUS IPC_SEM_Reset(SEM_HANDLE handle, int32_t count);
  * @param handle the semaphore
  * @param count  receives the value
  * @retval 0          stored
- * @retval 0x80070057 @p count is NULL
- * @retval 0x80004005 null or bad handle
+ * @retval KAVRO_E_INVALIDARG @p count is NULL
+ * @retval KAVRO_E_FAIL null or bad handle
  */
 KAVRO_API KAVRO_STATUS IPC_SEM_GetCount(SEM_HANDLE handle, int32_t *count);
 
 /**
  * Not supported: logs the "not supported" line.
  * @param handle ignored
- * @retval 0x80004005 always
+ * @retval KAVRO_E_FAIL always
  */
 KAVRO_API KAVRO_STATUS IPC_SEM_TryPend(SEM_HANDLE handle);
 
 /**
  * Not supported: logs the "not supported" line.
  * @param handle ignored
- * @retval 0x80004005 always
+ * @retval KAVRO_E_FAIL always
  */
 KAVRO_API KAVRO_STATUS IPC_SEM_GetSystemHandle(SEM_HANDLE handle);
 

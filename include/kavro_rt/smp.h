@@ -12,13 +12,13 @@ KAVRO_BEGIN_DECLS
 /**
  * Report the numbers of configured and online processors.
  *
- * Decision: a NULL pointer is refused with 0x80070057 and nothing stored.
+ * Decision: a NULL pointer is refused with KAVRO_E_INVALIDARG and nothing stored.
  *
  * @param configured receives the number of configured processors
  * @param online     receives the number of online processors
  * @retval 0          both stored
- * @retval 0x80004005 the platform reported 0 for either; both set to 0
- * @retval 0x80070057 a pointer is NULL
+ * @retval KAVRO_E_FAIL the platform reported 0 for either; both set to 0
+ * @retval KAVRO_E_INVALIDARG a pointer is NULL
  */
 KAVRO_API KAVRO_STATUS SMP_GetNumProcessors(int32_t *configured, int32_t *online);
 

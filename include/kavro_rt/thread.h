@@ -9,7 +9,7 @@
  * `THREAD_KernelTimeSlice(1)`) with the portable priority handed to the
  * platform unchanged; priority 0 means "inherit the creator's scheduling".
  * Real-time scheduling needs the privilege for it: without it, creating a
- * thread with a priority from 1 to 15 fails with 0x80004005.
+ * thread with a priority from 1 to 15 fails with KAVRO_E_FAIL.
  *
  * Every thread made here keeps its `ThreadObj` under a thread-specific key,
  * so that it can find itself (`THREAD_Self`); the task lock (lck.h) keeps
@@ -44,10 +44,10 @@
  * - `THREAD_SetPriority` and `THREAD_Set2Priority` accept any priority;
  *   one the platform refuses (above 99) is stored but leaves the thread's
  *   scheduling unchanged.
- * - `THREAD_Create` refuses with 0x80004005 and a line while the family is
+ * - `THREAD_Create` refuses with KAVRO_E_FAIL and a line while the family is
  *   down (before `THREAD_Init` or after the last `THREAD_Exit`): without
  *   the family's key a thread could not find itself. With `numArgs` 1..8
- *   and a NULL argument array it refuses with 0x80004003.
+ *   and a NULL argument array it refuses with KAVRO_E_POINTER.
  * - In the 20-byte attribute form only the first five words are read. The
  *   length word names the form, not the byte size of `ThreadAttr` (which
  *   is 32 bytes on x86_64): set it to `THREAD_ATTR_LENGTH` or
@@ -57,7 +57,7 @@
  *   platform's default stack size.
  * - `THREAD_Sleep` waits through a spurious wake-up of its private wait.
  * - Every operation given a NULL handle or NULL out-pointer returns a
- *   status (the one documented below, 0x80070057 where no other is named)
+ *   status (the one documented below, KAVRO_E_INVALIDARG where no other is named)
  *   and touches nothing. Other handles are trusted: passing the handle of
  *   a thread that has ended to anything but `THREAD_Join` is undefined.
  */
@@ -166,12 +166,12 @@ KAVRO_API int32_t THREAD_Exit(void);
  *                    with 1..8: the array the argument words are copied from
  * @param attr        attributes, or NULL for priority 1, running, context, no name
  * @retval 0          created
- * @retval 0x80070057 attribute length other than 24 or 20, priority above 15,
+ * @retval KAVRO_E_INVALIDARG attribute length other than 24 or 20, priority above 15,
  *                    or `numArgs` outside -1..8 (one line is logged)
- * @retval 0x80004003 @p phThreadObj or @p fnUser is NULL, or the argument
+ * @retval KAVRO_E_POINTER @p phThreadObj or @p fnUser is NULL, or the argument
  *                    array is NULL while `numArgs` is 1..8 (one line)
- * @retval 0x8007000E no memory for the record (one line)
- * @retval 0x80004005 the family is down (one line), or the platform refused
+ * @retval KAVRO_E_OUTOFMEMORY no memory for the record (one line)
+ * @retval KAVRO_E_FAIL the family is down (one line), or the platform refused
  *                    the thread (for example real-time scheduling is not
  *                    permitted; no line)
  */
@@ -184,7 +184,7 @@ KAVRO_API KAVRO_STATUS THREAD_Create(ThreadObj **phThreadObj, THREAD_UserFn fnUs
  * @param portable the portable priority
  * @param platform receives it, also when out of range
  * @retval 0          @p portable is 0..15
- * @retval 0x80070057 @p portable is above 15, or @p platform is NULL
+ * @retval KAVRO_E_INVALIDARG @p portable is above 15, or @p platform is NULL
  */
 KAVRO_API KAVRO_STATUS THREAD_TranslatePriority(uint32_t portable, int32_t *platform);
 
@@ -208,7 +208,7 @@ KAVRO_API KAVRO_STATUS THREAD_KernelTimeSlice(int32_t enable);
  * @param priority    the new priority
  * @param oldPriority receives the priority before the call, or NULL
  * @retval 0          done
- * @retval 0x80070057 @p obj is NULL
+ * @retval KAVRO_E_INVALIDARG @p obj is NULL
  */
 KAVRO_API KAVRO_STATUS THREAD_SetPriority(ThreadObj *obj, uint32_t priority, uint32_t *oldPriority);
 
@@ -220,7 +220,7 @@ KAVRO_API KAVRO_STATUS THREAD_SetPriority(ThreadObj *obj, uint32_t priority, uin
  * @param oldPriority receives the priority before the call, or NULL
  * @param changed     receives 1 when the priority was changed, else 0
  * @retval 0          done
- * @retval 0x80070057 @p obj or @p changed is NULL (nothing changed)
+ * @retval KAVRO_E_INVALIDARG @p obj or @p changed is NULL (nothing changed)
  */
 KAVRO_API KAVRO_STATUS THREAD_Set2Priority(ThreadObj *obj, uint32_t priority, uint32_t *oldPriority,
                                            uint32_t *changed);
@@ -230,7 +230,7 @@ KAVRO_API KAVRO_STATUS THREAD_Set2Priority(ThreadObj *obj, uint32_t priority, ui
  * kept by the last raise; otherwise do nothing.
  * @param obj the calling thread's record
  * @retval 0          done
- * @retval 0x80070057 @p obj is NULL
+ * @retval KAVRO_E_INVALIDARG @p obj is NULL
  */
 KAVRO_API KAVRO_STATUS THREAD_Restore2Priority(ThreadObj *obj);
 
@@ -248,7 +248,7 @@ KAVRO_API void THREAD_LockStatus(ThreadObj *obj, uint32_t *isLast);
  * @param obj the thread; NULL copies nothing
  * @param dst at least 80 bytes
  * @retval 0          done (also for a NULL @p obj)
- * @retval 0x80070057 @p dst is NULL
+ * @retval KAVRO_E_INVALIDARG @p dst is NULL
  */
 KAVRO_API KAVRO_STATUS THREAD_GetName(ThreadObj *obj, char *dst);
 
@@ -257,7 +257,7 @@ KAVRO_API KAVRO_STATUS THREAD_GetName(ThreadObj *obj, char *dst);
  * @param obj the thread
  * @param out receives it
  * @retval 0          done
- * @retval 0x80070057 @p obj or @p out is NULL
+ * @retval KAVRO_E_INVALIDARG @p obj or @p out is NULL
  */
 KAVRO_API KAVRO_STATUS THREAD_GetPriority(ThreadObj *obj, uint32_t *out);
 
@@ -266,7 +266,7 @@ KAVRO_API KAVRO_STATUS THREAD_GetPriority(ThreadObj *obj, uint32_t *out);
  * @param obj the thread
  * @param out receives it
  * @retval 0          done
- * @retval 0x80070057 @p obj or @p out is NULL
+ * @retval KAVRO_E_INVALIDARG @p obj or @p out is NULL
  */
 KAVRO_API KAVRO_STATUS THREAD_GetSystemThreadHandle(ThreadObj *obj, pthread_t *out);
 
@@ -275,7 +275,7 @@ KAVRO_API KAVRO_STATUS THREAD_GetSystemThreadHandle(ThreadObj *obj, pthread_t *o
  * @param obj the thread
  * @param out receives it
  * @retval 0          done
- * @retval 0x80070057 @p obj or @p out is NULL
+ * @retval KAVRO_E_INVALIDARG @p obj or @p out is NULL
  */
 KAVRO_API KAVRO_STATUS THREAD_GetEnvironment(ThreadObj *obj, uint32_t *out);
 
@@ -284,7 +284,7 @@ KAVRO_API KAVRO_STATUS THREAD_GetEnvironment(ThreadObj *obj, uint32_t *out);
  * @param obj   the thread
  * @param value the word
  * @retval 0          done
- * @retval 0x80070057 @p obj is NULL
+ * @retval KAVRO_E_INVALIDARG @p obj is NULL
  */
 KAVRO_API KAVRO_STATUS THREAD_SetEnvironment(ThreadObj *obj, uint32_t value);
 
@@ -293,21 +293,21 @@ KAVRO_API KAVRO_STATUS THREAD_SetEnvironment(ThreadObj *obj, uint32_t value);
  * @param out receives it; NULL for a thread not made by `THREAD_Create`
  *            (or while the family is down)
  * @retval 0          done
- * @retval 0x80070057 @p out is NULL
+ * @retval KAVRO_E_INVALIDARG @p out is NULL
  */
 KAVRO_API KAVRO_STATUS THREAD_Self(ThreadObj **out);
 
 /**
  * End the calling thread: release its record and exit. Returns only when
  * the caller was not made by `THREAD_Create` (one line is logged).
- * @retval 0x80070057 the caller has no record
+ * @retval KAVRO_E_INVALIDARG the caller has no record
  */
 KAVRO_API KAVRO_STATUS THREAD_End(void);
 
 /**
  * Obsolete: threads end by themselves. Logs one line.
  * @param obj ignored
- * @retval 0x80004005 always
+ * @retval KAVRO_E_FAIL always
  */
 KAVRO_API KAVRO_STATUS THREAD_Delete(ThreadObj *obj);
 
@@ -316,7 +316,7 @@ KAVRO_API KAVRO_STATUS THREAD_Delete(ThreadObj *obj);
  * from now (setting the clock moves the deadline's distance).
  * @param milliseconds how long
  * @retval 0          the deadline was reached
- * @retval 0x80004005 the wait failed
+ * @retval KAVRO_E_FAIL the wait failed
  */
 KAVRO_API KAVRO_STATUS THREAD_Sleep(uint32_t milliseconds);
 
@@ -325,7 +325,7 @@ KAVRO_API KAVRO_STATUS THREAD_Sleep(uint32_t milliseconds);
  * decisions above; the record is never read).
  * @param obj the thread
  * @retval 0          the thread has ended, had ended before, or is the caller
- * @retval 0x80070057 @p obj is NULL
+ * @retval KAVRO_E_INVALIDARG @p obj is NULL
  */
 KAVRO_API KAVRO_STATUS THREAD_Join(ThreadObj *obj);
 

@@ -55,7 +55,7 @@
  *   not pass through the stdout buffer and may overtake text still buffered
  *   there. The handler keeps the interrupted thread's errno, and a signal
  *   arriving while another thread is inside the handler is dropped.
- * - `TMR_Create` with a NULL out-pointer returns 0x80070057 and arms
+ * - `TMR_Create` with a NULL out-pointer returns KAVRO_E_INVALIDARG and arms
  *   nothing (a timer without a handle could not be deleted).
  * - `TMR_Exit` empties the slot before freeing the record and waits (at most
  *   about one second) for a tick pass that is using the timer to finish, so
@@ -119,7 +119,7 @@ KAVRO_API extern int32_t g_TimerMinTimeToTargetUs;
  * left at SCHED_FIFO 99 and all memory of the process stays locked.
  *
  * @retval 0          the engine runs (or ran already)
- * @retval 0x80004005 SCHED_FIFO 99 was refused for the calling thread (no
+ * @retval KAVRO_E_FAIL SCHED_FIFO 99 was refused for the calling thread (no
  *                    tick source runs, later calls return 0), a thread of
  *                    the RTC path could not be started or scheduled, or the
  *                    POSIX-timer path could not read its clock
@@ -149,8 +149,8 @@ KAVRO_API int32_t TMR_Exit(void);
  *                    the calls begin)
  * @param callbackArg passed to @p callback
  * @retval 0          done; see *@p phTimer
- * @retval 0x80070009 `TMR_Init` has not run
- * @retval 0x80070057 @p periodMs below 2.0, @p callback or @p phTimer NULL
+ * @retval KAVRO_E_NOTMRINIT `TMR_Init` has not run
+ * @retval KAVRO_E_INVALIDARG @p periodMs below 2.0, @p callback or @p phTimer NULL
  */
 KAVRO_API KAVRO_STATUS TMR_Create(TmrTimer **phTimer, double periodMs, TMR_CALLBACK callback,
                                   uint32_t callbackArg);
@@ -170,7 +170,7 @@ KAVRO_API KAVRO_STATUS TMR_Delete(TmrTimer *hTimer);
  * @param hTimer   the timer
  * @param periodMs not read
  * @retval 0          @p hTimer is an armed timer
- * @retval 0x80070057 @p hTimer is NULL, not a timer, or disarmed
+ * @retval KAVRO_E_INVALIDARG @p hTimer is NULL, not a timer, or disarmed
  */
 KAVRO_API KAVRO_STATUS TMR_SetTime(TmrTimer *hTimer, double periodMs);
 
@@ -178,7 +178,7 @@ KAVRO_API KAVRO_STATUS TMR_SetTime(TmrTimer *hTimer, double periodMs);
  * Not implemented.
  * @param hTimer not read
  * @param info   not read
- * @retval 0x80004001 always
+ * @retval KAVRO_E_NOTIMPL always
  */
 KAVRO_API KAVRO_STATUS TMR_GetTimerInfo(TmrTimer *hTimer, void *info);
 
@@ -190,7 +190,7 @@ KAVRO_API KAVRO_STATUS TMR_GetTimerInfo(TmrTimer *hTimer, void *info);
  *
  * @param microseconds time to wait; below 1,000,000
  * @retval 0          the wait ran out, or the system refused it
- * @retval 0x80004005 a signal ended the wait early
+ * @retval KAVRO_E_FAIL a signal ended the wait early
  */
 KAVRO_API KAVRO_STATUS TMR_Wait(double microseconds);
 

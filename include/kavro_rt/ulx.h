@@ -23,7 +23,7 @@ KAVRO_API int32_t ULX_Exit(void);
  * @param deadline     receives now + @p milliseconds, nanoseconds in 0..999,999,999
  * @param milliseconds the relative wait
  * @retval 0          stored
- * @retval 0x80070057 @p deadline is NULL
+ * @retval KAVRO_E_INVALIDARG @p deadline is NULL
  */
 KAVRO_API KAVRO_STATUS _ULX_MakeAbsTime(struct timespec *deadline, uint32_t milliseconds);
 
@@ -39,7 +39,7 @@ KAVRO_API KAVRO_STATUS _ULX_MakeAbsTime(struct timespec *deadline, uint32_t mill
  * and from then on `GP_printf` writes to the system log.
  *
  * @retval 0          in the daemon
- * @retval 0x80004005 "/dev/null" could not be opened (already detached)
+ * @retval KAVRO_E_FAIL "/dev/null" could not be opened (already detached)
  */
 KAVRO_API KAVRO_STATUS ULX_Daemonize(void);
 
