@@ -76,8 +76,25 @@ TEST(CliParse, UsageErrorsSayWhatIsWrong) {
     }
 }
 
+TEST(CliLatency, GridLatenessHistogramAndPercentiles) {
+    using kavro::tool::LatencyStats;
+    constexpr int64_t kMs = 1000000;
+    const int64_t grid[][2] = {{10 * kMs + 7000, 7000}, {10 * kMs - 100000, -100000}, {10 * kMs - 400000, 1600000}};
+    for (auto &g : grid) EXPECT_EQ(kavro::tool::grid_lateness_ns(g[0], 0, 2 * kMs, 300000), g[1]);  // within 300 us: early
+    EXPECT_EQ(kavro::tool::grid_lateness_ns(-1 * kMs, 0, 2 * kMs, 0), kMs);
+
+    static LatencyStats s;
+    for (int i = 0; i < 98; ++i) s.add(10000 + i);
+    s.add(-20000);
+    s.add(50 * kMs);  // beyond the histogram
+    EXPECT_TRUE(s.count == 100 && s.early == 1 && s.minNs == -20000 && s.maxNs == 50 * kMs);
+    EXPECT_TRUE(s.percentile_us(0.01) == 0 && s.percentile_us(0.5) == 10 && s.percentile_us(0.99) == 10);
+    EXPECT_EQ(s.percentile_us(1.0), LatencyStats::kMaxUs);
+    EXPECT_NEAR(s.mean_us(), (98 * 10000 + 4753 - 20000 + 50 * kMs) / 100.0 / 1000.0, 1e-9);
+}
+
 TEST(CliSvg, HistogramPictureIsWellFormedAndEscapesTheTitle) {
-    kavro::detail::LatencyStats st;
+    kavro::tool::LatencyStats st;
     for (int i = 0; i < 1000; ++i) st.add((20 + i % 30) * 1000);
     st.add(900000);  // one very late tick lands in the overflow bar
     std::string svg = kavro::cli::render_svg(st, "a <b> & c");

@@ -108,19 +108,4 @@ TEST(NativeLoop, CallsBackAboutFiveHundredTimesASecondUntilDeletedAndProfiles) {
     EXPECT_TRUE(lines >= 2 && lines <= 4) << text;
 }
 
-TEST(LatencyStats, GridLatenessHistogramAndPercentiles) {
-    const int64_t grid[][2] = {{10 * kMs + 7000, 7000}, {10 * kMs - 100000, -100000}, {10 * kMs - 400000, 1600000}};
-    for (auto &g : grid) EXPECT_EQ(grid_lateness_ns(g[0], 0, 2 * kMs, 300000), g[1]);  // within 300 us: early
-    EXPECT_EQ(grid_lateness_ns(-1 * kMs, 0, 2 * kMs, 0), kMs);
-
-    static LatencyStats s;
-    for (int i = 0; i < 98; ++i) s.add(10000 + i);
-    s.add(-20000);
-    s.add(50 * kMs);  // beyond the histogram
-    EXPECT_TRUE(s.count == 100 && s.early == 1 && s.minNs == -20000 && s.maxNs == 50 * kMs);
-    EXPECT_TRUE(s.percentile_us(0.01) == 0 && s.percentile_us(0.5) == 10 && s.percentile_us(0.99) == 10);
-    EXPECT_EQ(s.percentile_us(1.0), LatencyStats::kMaxUs);
-    EXPECT_NEAR(s.mean_us(), (98 * 10000 + 4753 - 20000 + 50 * kMs) / 100.0 / 1000.0, 1e-9);
-}
-
 }  // namespace

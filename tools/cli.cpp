@@ -133,8 +133,8 @@ bool parse(const std::vector<std::string> &argv, Options *out, std::string *erro
     return true;
 }
 
-std::string render_svg(const kavro::detail::LatencyStats &st, const std::string &title) {
-    using kavro::detail::LatencyStats;
+std::string render_svg(const kavro::tool::LatencyStats &st, const std::string &title) {
+    using kavro::tool::LatencyStats;
     // Bin width: a round number of microseconds so that about 40 bins reach
     // past the 99.9th percentile.
     const int64_t reach = std::max<int64_t>(10, st.percentile_us(0.999) * 3 / 2 + 1);

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "timer/tmr.hpp"
+#include "latency.hpp"
 
 namespace kavro::cli {
 
@@ -34,6 +34,6 @@ std::string usage();
 // The lateness histogram as a self-contained SVG picture: linear bins up to
 // a little beyond the 99.9th percentile, the rest in one overflow bar, bar
 // heights on a log scale so that rare late ticks stay visible.
-std::string render_svg(const kavro::detail::LatencyStats &stats, const std::string &title);
+std::string render_svg(const kavro::tool::LatencyStats &stats, const std::string &title);
 
 }  // namespace kavro::cli

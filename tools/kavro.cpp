@@ -166,7 +166,7 @@ int cmd_ipc(const Options &o) {
 
 // ---- latency ------------------------------------------------------------------
 
-kavro::detail::LatencyStats stats;
+kavro::tool::LatencyStats stats;
 std::atomic<bool> recording{true};
 
 int32_t on_tick(uint32_t) {
