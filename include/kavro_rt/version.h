@@ -36,6 +36,9 @@
  *   refuse the string (-1, nothing written); forms 2, 3 and 4 still work.
  * - Because the identity string is bounded, every text fits in a buffer of
  *   KAVRO_VERSION_TEXT_SIZE bytes, terminator included.
+ * - The KAVRO_RT_VERSION_ macros give the package version at compile time.
+ *   Its major and minor numbers are those of the library's identity string
+ *   (1.00 is 1.0); the build refuses to configure when the two disagree.
  */
 #ifndef KAVRO_RT_VERSION_H
 #define KAVRO_RT_VERSION_H
@@ -43,6 +46,17 @@
 #include "status.h"
 
 KAVRO_BEGIN_DECLS
+
+/** @name Version of these headers (the package version; the build reads it from here) */
+/**@{*/
+#define KAVRO_RT_VERSION_MAJOR 1
+#define KAVRO_RT_VERSION_MINOR 0
+#define KAVRO_RT_VERSION_PATCH 0
+#define KAVRO_RT_VERSION_STRING "1.0.0"
+/** One number that orders versions: MAJOR * 10000 + MINOR * 100 + PATCH. */
+#define KAVRO_RT_VERSION_NUMBER \
+    (KAVRO_RT_VERSION_MAJOR * 10000 + KAVRO_RT_VERSION_MINOR * 100 + KAVRO_RT_VERSION_PATCH)
+/**@}*/
 
 /** Longest identity string accepted, in characters (terminator excluded). */
 #define KAVRO_VERSION_ID_MAX 224
