@@ -51,6 +51,20 @@ typedef uint32_t KAVRO_STATUS;
 #define KAVRO_E_LOADFAILED    0x80040301u /**< a module could not be loaded */
 /**@}*/
 
+/**
+ * The text of a status value: what it means, for messages to people.
+ *
+ * Decisions of this library: the text is the meaning given beside the
+ * status's name in this header ("a wait timed out" for KAVRO_E_TIMEOUT,
+ * "success" for KAVRO_OK); a value this library does not define gives
+ * "unknown status". The text is static, never NULL, and safe to use from
+ * any thread.
+ *
+ * @param status a status word
+ * @return the text, without a final newline
+ */
+KAVRO_API const char *KAVRO_StatusText(KAVRO_STATUS status);
+
 /** True when a status word reports a failure. */
 #define KAVRO_FAILED(s) (((KAVRO_STATUS)(s) & 0x80000000u) != 0)
 
