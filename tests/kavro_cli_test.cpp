@@ -1,10 +1,13 @@
-// The operator tool: its command line, its output formats and its exit
-// statuses (not its timing).
+// The operator tool and the demo program: their command lines, output
+// formats, exit statuses and messages (not their timing).
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -16,63 +19,51 @@ namespace {
 
 using kavro::cli::Command;
 using kavro::cli::Options;
+using kavro::test::ChildOutput;
 
-bool try_parse(std::vector<std::string> argv, Options *o, std::string *err = nullptr) {
-    std::string e;
-    bool ok = kavro::cli::parse(argv, o, &e);
-    if (err) *err = e;
-    return ok;
+// Runs a program with arguments (through sh, for redirections) and catches its output.
+ChildOutput run(const std::string &program, const std::string &args) {
+    const std::string cmd = program + " " + args;
+    return kavro::test::run_captured([&] { return execl("/bin/sh", "sh", "-c", cmd.c_str(), (char *)nullptr), 127; });
 }
+ChildOutput tool(const std::string &args) { return run(KAVRO_TOOL_PATH, args); }
 
-TEST(CliParse, CommandsAndTheirOptions) {
-    Options o;
-    ASSERT_TRUE(try_parse({}, &o));
-    EXPECT_EQ(o.command, Command::Help);
-    ASSERT_TRUE(try_parse({"version"}, &o));
-    EXPECT_EQ(o.command, Command::Version);
-    ASSERT_TRUE(try_parse({"reg", "get", "Tmr", "Period", "--dword"}, &o));
-    EXPECT_EQ(o.command, Command::RegGet);
-    EXPECT_TRUE(o.dword);
-    EXPECT_EQ(o.args, (std::vector<std::string>{"Tmr", "Period"}));
-    ASSERT_TRUE(try_parse({"reg", "set", "Net", "Host", "alpha"}, &o));
-    EXPECT_EQ(o.command, Command::RegSet);
-    EXPECT_FALSE(o.dword);
-    ASSERT_TRUE(try_parse({"reg", "set", "--dword", "Tmr", "Period", "0x10"}, &o));
-    EXPECT_EQ(o.args[2], "0x10");
-    ASSERT_TRUE(try_parse({"ipc", "--root", "/opt/x"}, &o));
-    EXPECT_EQ(o.root, "/opt/x");
-    ASSERT_TRUE(try_parse({"latency", "--seconds", "3", "--svg", "out.svg", "--quiet"}, &o));
-    EXPECT_EQ(o.seconds, 3);
-    EXPECT_EQ(o.svg, "out.svg");
-    EXPECT_TRUE(o.quiet);
-}
+bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
-TEST(CliParse, UsageErrorsSayWhatIsWrong) {
+TEST(CliParse, OptionsAndUsageErrors) {
     Options o;
     std::string err;
-    struct Case {
+    ASSERT_TRUE(kavro::cli::parse({"latency", "--seconds=3", "--svg", "a.svg", "--png=b.png", "--csv=c", "--quiet"}, &o, &err));
+    EXPECT_TRUE(o.seconds == 3 && o.svg == "a.svg" && o.png == "b.png" && o.csv == "c" && o.quiet);
+    ASSERT_TRUE(kavro::cli::parse({"reg", "set", "--dword", "--", "Tmr", "Period", "0x10"}, &o, &err));
+    EXPECT_TRUE(o.dword && o.args[2] == "0x10");
+    ASSERT_TRUE(kavro::cli::parse({"reg", "set", "--", "Net", "Offset", "-5"}, &o, &err)) << err;
+    EXPECT_EQ(o.args[2], "-5");
+    ASSERT_TRUE(kavro::cli::parse({"ipc", "--clean", "--dry-run", "--root=/x"}, &o, &err));
+    EXPECT_TRUE(o.clean && o.dryRun && o.root == "/x");
+    ASSERT_TRUE(kavro::cli::parse({"ipc", "--help"}, &o, &err));
+    EXPECT_TRUE(o.command == Command::Help && o.topic == "ipc");
+
+    const struct {
         std::vector<std::string> argv;
         const char *says;
-    } cases[] = {
+    } bad[] = {
         {{"frobnicate"}, "unknown command 'frobnicate'"},
         {{"reg"}, "reg needs a subcommand"},
-        {{"reg", "drop"}, "unknown reg subcommand 'drop'"},
         {{"reg", "get", "Tmr"}, "reg get takes SUBKEY ENTRY"},
-        {{"reg", "set", "a", "b"}, "reg set takes SUBKEY ENTRY VALUE"},
         {{"reg", "list", "extra"}, "reg list takes no arguments"},
-        {{"reg", "set", "a", "b", "-5", "--dword"}, "unknown option '-5'"},
-        {{"reg", "set", "a", "b", "4294967296", "--dword"}, "REG_DWORD value"},
-        {{"reg", "set", "a", "b", "12x", "--dword"}, "REG_DWORD value"},
-        {{"latency", "--seconds"}, "--seconds needs a number"},
-        {{"latency", "--seconds", "0"}, "--seconds takes a number from 1 to 3600"},
-        {{"latency", "--svg"}, "--svg needs a file name"},
-        {{"version", "--dword"}, "unknown option '--dword'"},
+        {{"reg", "set", "a", "b", "-5"}, "unknown option '-5'"},
+        {{"reg", "set", "--dword", "a", "b", "4294967296"}, "REG_DWORD value"},
+        {{"reg", "set", "a", "b", "two words"}, "cannot hold blanks"},
+        {{"latency", "--seconds"}, "option '--seconds' needs a value"},
+        {{"latency", "--seconds=0"}, "--seconds takes a number from 1 to 3600"},
+        {{"version", "--dword"}, "unknown option '--dword' for version"},
+        {{"ipc", "--dry-run"}, "--dry-run goes with --clean"},
         {{"ipc", "stray"}, "ipc takes no arguments"},
     };
-    for (const auto &c : cases) {
-        EXPECT_FALSE(try_parse(c.argv, &o, &err)) << c.says;
-        EXPECT_NE(err.find(c.says), std::string::npos) << "got: " << err;
-        EXPECT_EQ(err.find('\n'), std::string::npos) << "one line: " << err;
+    for (const auto &c : bad) {
+        EXPECT_FALSE(kavro::cli::parse(c.argv, &o, &err)) << c.says;
+        EXPECT_TRUE(has(err, c.says) && !has(err, "\n")) << "got: " << err;
     }
 }
 
@@ -80,7 +71,7 @@ TEST(CliLatency, GridLatenessHistogramAndPercentiles) {
     using kavro::tool::LatencyStats;
     constexpr int64_t kMs = 1000000;
     const int64_t grid[][2] = {{10 * kMs + 7000, 7000}, {10 * kMs - 100000, -100000}, {10 * kMs - 400000, 1600000}};
-    for (auto &g : grid) EXPECT_EQ(kavro::tool::grid_lateness_ns(g[0], 0, 2 * kMs, 300000), g[1]);  // within 300 us: early
+    for (auto &g : grid) EXPECT_EQ(kavro::tool::grid_lateness_ns(g[0], 0, 2 * kMs, 300000), g[1]);
     EXPECT_EQ(kavro::tool::grid_lateness_ns(-1 * kMs, 0, 2 * kMs, 0), kMs);
 
     static LatencyStats s;
@@ -91,70 +82,109 @@ TEST(CliLatency, GridLatenessHistogramAndPercentiles) {
     EXPECT_TRUE(s.percentile_us(0.01) == 0 && s.percentile_us(0.5) == 10 && s.percentile_us(0.99) == 10);
     EXPECT_EQ(s.percentile_us(1.0), LatencyStats::kMaxUs);
     EXPECT_NEAR(s.mean_us(), (98 * 10000 + 4753 - 20000 + 50 * kMs) / 100.0 / 1000.0, 1e-9);
+
+    // The pictures name the run and label both axes; the CSV is the raw histogram.
+    const kavro::cli::RunInfo info{"host<1>", "6.1.0", "native monotonic loop", "2026-01-02 03:04 UTC", 9.5};
+    const std::string svg = kavro::cli::render_svg(s, info);
+    for (const char *part : {"host&lt;1&gt;", "kernel 6.1.0", "native monotonic loop", "9.5 s", "2026-01-02 03:04 UTC",
+                             "100 ticks", ">100</text>", ">10</text>", "lateness against the 2 ms grid (us)"})
+        EXPECT_TRUE(has(svg, part)) << part;
+    EXPECT_TRUE(svg.rfind("<svg ", 0) == 0 && has(svg, "</svg>\n"));
+    EXPECT_EQ(kavro::cli::render_csv(s), "lateness_us,ticks\n0,1\n10,98\n20000,1\n") << "early ticks count at 0";
+    kavro::test::ScratchDir dir;
+    std::string error;
+    ASSERT_TRUE(kavro::cli::write_png(s, info, dir.path() + "/l.png", &error)) << error;
+    EXPECT_EQ(kavro::test::read_file(dir.path() + "/l.png").substr(1, 3), "PNG");
 }
 
-TEST(CliSvg, HistogramPictureIsWellFormedAndEscapesTheTitle) {
-    kavro::tool::LatencyStats st;
-    for (int i = 0; i < 1000; ++i) st.add((20 + i % 30) * 1000);
-    st.add(900000);  // one very late tick lands in the overflow bar
-    std::string svg = kavro::cli::render_svg(st, "a <b> & c");
-    EXPECT_EQ(svg.rfind("<svg ", 0), 0u);
-    EXPECT_NE(svg.find("</svg>\n"), std::string::npos);
-    EXPECT_NE(svg.find("a &lt;b&gt; &amp; c"), std::string::npos);
-    EXPECT_NE(svg.find("1001 ticks"), std::string::npos);
-    EXPECT_NE(svg.find("#c0392b"), std::string::npos) << "overflow bar drawn";
-    // Every rectangle's tooltip count adds up to the ticks.
-    unsigned long long sum = 0;
-    for (size_t at = svg.find("<title>"); at != std::string::npos; at = svg.find("<title>", at + 1))
-        sum += std::strtoull(svg.c_str() + at + 7, nullptr, 10);
-    EXPECT_EQ(sum, 1001u);
+TEST(CliTool, ExitStatusesAndMessages) {
+    kavro::test::ScratchDir dir;
+    const std::string missing = dir.path() + "/no/such";
+    const struct {
+        const char *program;
+        std::string args;
+        int status;
+        std::string out, err;
+    } cases[] = {
+        {KAVRO_TOOL_PATH, "--version", 0, "libkavro_rt 1.00  Build: 060\nkavro 1.0.0\n", ""},
+        {KAVRO_TOOL_PATH, "reg --help", 0, "reg get SUBKEY ENTRY", ""},
+        {KAVRO_TOOL_PATH, "latency --help", 0, "--png=FILE", ""},
+        {KAVRO_TOOL_PATH, "nonsense", 2, "", "kavro: unknown command 'nonsense' (try: kavro --help)\n"},
+        {KAVRO_TOOL_PATH, "version > /dev/full", 1, "", "kavro: cannot write the output: No space left on device\n"},
+        {KAVRO_TOOL_PATH, "ipc --root=" + dir.path(), 1, "", "/kmxipc: No such file or directory\n"},
+        {KAVRO_TOOL_PATH, "latency --seconds=1 --svg=" + missing, 1, "", "cannot write " + missing + ": No such file or directory\n"},
+        {KAVRO_DEMO_PATH, "--help", 0, "usage: kavro-demo", ""},
+        {KAVRO_DEMO_PATH, "--seconds 0", 2, "", "--seconds takes"},
+        {KAVRO_DEMO_PATH, "--seconds=abc", 2, "", "--seconds takes"},
+        {KAVRO_DEMO_PATH, "--seconds 100000", 2, "", "--seconds takes"},
+        {KAVRO_DEMO_PATH, "--no-sandbox --seconds 1 --report " + missing, 1, "", "No such file or directory"},
+    };
+    for (const auto &c : cases) {
+        const ChildOutput r = run(c.program, c.args);
+        EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.out << r.err;
+        EXPECT_TRUE(c.out.empty() ? r.out.empty() : has(r.out, c.out)) << c.args << " stdout: " << r.out;
+        EXPECT_TRUE(c.err.empty() ? r.err.empty() : has(r.err, c.err)) << c.args << " stderr: " << r.err;
+    }
 }
 
-struct ToolRun {
-    int status;
-    std::string out;
-};
-
-ToolRun run_tool(const std::string &args) {
-    std::string cmd = std::string(KAVRO_TOOL_PATH) + " " + args + " 2>&1";
-    ToolRun r{-1, ""};
-    FILE *p = popen(cmd.c_str(), "r");
-    if (!p) return r;
-    char buf[512];
-    while (size_t n = fread(buf, 1, sizeof buf, p)) r.out.append(buf, n);
-    int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
-}
-
-TEST(CliTool, ExitStatusesAndOutputs) {
-    ToolRun r = run_tool("version");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "libkavro_rt 1.00  Build: 060\n");
-    r = run_tool("help");
-    EXPECT_EQ(r.status, 0);
-    EXPECT_NE(r.out.find("usage: kavro"), std::string::npos);
-    r = run_tool("nonsense");
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(r.out, "kavro: unknown command 'nonsense' (try: kavro help)\n");
-
-    kavro::test::ScratchDir root;
-    r = run_tool("ipc --root " + root.path());
-    EXPECT_EQ(r.status, 1) << "no IPC directory yet";
-    EXPECT_EQ(r.out.rfind("kavro: cannot open " + root.path() + "/kmxipc", 0), 0u) << r.out;
-}
-
-TEST(CliTool, RegistryRoundTripInPrivateMounts) {
+TEST(CliTool, RegistryInPrivateMounts) {
     int rc = kavro::test::run_in_private_mounts("/usr/torvanex", [] {
-        system("mkdir -p /usr/torvanex/cfg && printf 'Tmr\\nPeriod\\nREG_DWORD\\n10\\n' > /usr/torvanex/cfg/.registry");
-        if (run_tool("reg get Tmr Period --dword").out != "16\n") return 3;  // stored hex
-        if (run_tool("reg set Net Host alpha").status != 0) return 4;
-        if (run_tool("reg get Net Host").out != "alpha\n") return 5;
-        ToolRun list = run_tool("reg list");
-        if (list.status != 0 || list.out.find("Net\tHost\tREG_SZ\talpha\n") == std::string::npos) return 6;
-        if (list.out.find("2 record(s)") == std::string::npos) return 7;
-        ToolRun missing = run_tool("reg get Nope Nothing");
-        if (missing.status != 1 || missing.out.find("no entry Nope Nothing") == std::string::npos) return 8;
+        const std::string reg = "/usr/torvanex/cfg/.registry";
+        CHILD_CHECK(mkdir("/usr/torvanex/cfg", 0755) == 0);
+        const struct {
+            std::string file;  // registry content; "=": keep it, "/": make it a directory
+            const char *args;
+            int status;
+            const char *says;  // in stdout, or in stderr when the status is not 0
+        } steps[] = {
+            {"Tmr\nPeriod\nREG_DWORD\n10\nBlob\nData\nREG_BINARY\n00ff\n", "reg get Tmr Period", 0, "0x00000010 (16)\n"},
+            {"=", "reg set --dword Tmr Period 10", 0, "stored as 10; a read gives 0x00000010 (16)"},
+            {"=", "reg set Net Host alpha", 0, ""},
+            {"=", "reg get Net Host", 0, "alpha\n"},
+            {"=", "reg list", 0, "Net\tHost\tREG_SZ\talpha\n"},
+            {"=", "reg get Blob Data", 1, "Blob Data is a REG_BINARY record, which the library does not read"},
+            {"=", "reg get Nope Nothing", 1, "no entry Nope Nothing"},
+            {"=", "reg set Net Host 'two words'", 2, "cannot hold blanks"},
+            {std::string("Tmr\nPer\0iod\nREG_SZ\nx\n", 21), "reg list", 1, "not a registry: binary data (a NUL byte at offset 7)"},
+            {"/", "reg list", 1, ".registry: Is a directory"},
+        };
+        for (const auto &s : steps) {
+            if (s.file == "/") CHILD_CHECK(unlink(reg.c_str()) == 0 && mkdir(reg.c_str(), 0755) == 0);
+            else if (s.file != "=") CHILD_CHECK(kavro::test::write_file(reg, s.file));
+            const ChildOutput r = tool(s.args);
+            if (r.status != s.status || !has(s.status ? r.err : r.out, s.says) || (s.status && has(r.err, "\n\n"))) {
+                std::fprintf(stderr, "%s: %d\n%s%s", s.args, r.status, r.out.c_str(), r.err.c_str());
+                return 1;
+            }
+        }
+        return 0;
+    });
+    KAVRO_SKIP_IF_NO_MOUNTS(rc);
+    EXPECT_EQ(rc, 0);
+}
+
+TEST(CliTool, IpcCleanRemovesOnlyWhatNobodyUses) {
+    int rc = kavro::test::run_in_private_mounts("/usr/torvanex", [] {
+        if (unshare(CLONE_NEWIPC) != 0) return kavro::test::kNoMounts;
+        const std::string dir = "/usr/torvanex/kmxipc";
+        CHILD_CHECK(mkdir(dir.c_str(), 0755) == 0);
+        for (const char *key : {"11", "12"})
+            for (std::string p = dir + "/.pipe." + key; p.size() <= dir.size() + 10; p += '_')
+                CHILD_CHECK(mkfifo(p.c_str(), 0600) == 0);
+        const int reader = open((dir + "/.pipe.12").c_str(), O_RDONLY | O_NONBLOCK);  // 12 is in use
+        const int mine = shmget(IPC_PRIVATE, 4096, 0600);                              // creator alive
+        int orphan = -1;
+        CHILD_CHECK(reader >= 0 && mine >= 0 && kavro::test::run_in_child([&] {
+            return shmget(0x4711, 4096, IPC_CREAT | 0600) >= 0 ? 0 : 1;  // creator gone once it returns
+        }) == 0);
+        orphan = shmget(0x4711, 0, 0);
+        const ChildOutput dry = tool("ipc --root=/usr/torvanex --clean --dry-run");
+        CHILD_CHECK(dry.status == 0 && has(dry.out, "would remove pipe channel 11, reader absent (no reader)"));
+        CHILD_CHECK(has(dry.out, "would remove shm id " + std::to_string(orphan)) && access((dir + "/.pipe.11").c_str(), F_OK) == 0);
+        const ChildOutput done = tool("ipc --root=/usr/torvanex --clean");
+        CHILD_CHECK(done.status == 0 && has(done.out, "removed pipe channel 11") && has(done.out, "2 object(s) removed"));
+        CHILD_CHECK(access((dir + "/.pipe.11___").c_str(), F_OK) != 0 && access((dir + "/.pipe.12").c_str(), F_OK) == 0);
+        CHILD_CHECK(shmget(0x4711, 0, 0) < 0 && shmctl(mine, IPC_RMID, nullptr) == 0);
         return 0;
     });
     KAVRO_SKIP_IF_NO_MOUNTS(rc);
