@@ -35,6 +35,12 @@
 #include <kavro_rt/kavro_rt.h>
 
 #define PRODUCT_ROOT "/usr/torvanex"
+#define USAGE                                                                          \
+    "usage: kavro-demo [--daemon] [--report FILE] [--seconds N] [--no-sandbox]\n"     \
+    "  --daemon       detach first; the report goes to /tmp/kavro-demo.report\n"     \
+    "  --report FILE  write the report to FILE\n"                                    \
+    "  --seconds N    let the 2 ms tick run N seconds (1 to 3600, default 3)\n"      \
+    "  --no-sandbox   work in the host's /usr/torvanex, not in a private copy\n"
 #define CHANNEL_KEY 4711
 #define CHANNEL_MESSAGES 3000
 #define CHANNEL_MSG_SIZE 64
@@ -318,23 +324,56 @@ int main(int argc, char **argv) {
     int64_t started;
 
     for (i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "--daemon") == 0) daemon = 1;
-        else if (strcmp(argv[i], "--no-sandbox") == 0) sandbox = 0;
-        else if (strcmp(argv[i], "--report") == 0 && i + 1 < argc) report_path = argv[++i];
-        else if (strcmp(argv[i], "--seconds") == 0 && i + 1 < argc) seconds = atoi(argv[++i]);
-        else {
-            fprintf(stderr, "usage: kavro-demo [--daemon] [--report FILE] [--seconds N] [--no-sandbox]\n");
+        const char *a = argv[i], *value = NULL;
+        if (strncmp(a, "--report", 8) == 0 || strncmp(a, "--seconds", 9) == 0) {
+            const char *eq = strchr(a, '=');
+            if (eq) value = eq + 1;
+            else if (i + 1 < argc) value = argv[++i];
+            else {
+                fprintf(stderr, "kavro-demo: %s needs a value\n", a);
+                return 2;
+            }
+        }
+        if (strcmp(a, "--help") == 0 || strcmp(a, "-h") == 0) {
+            printf("%s", USAGE);
+            return fflush(stdout) == 0 ? 0 : 1;
+        } else if (strcmp(a, "--daemon") == 0) {
+            daemon = 1;
+        } else if (strcmp(a, "--no-sandbox") == 0) {
+            sandbox = 0;
+        } else if (strncmp(a, "--report", 8) == 0 && (a[8] == '\0' || a[8] == '=')) {
+            report_path = value;
+        } else if (strncmp(a, "--seconds", 9) == 0 && (a[9] == '\0' || a[9] == '=')) {
+            char *end = NULL;
+            long n;
+            errno = 0;
+            n = strtol(value, &end, 10);
+            if (end == value || *end != '\0' || errno != 0 || n < 1 || n > 3600) {
+                fprintf(stderr, "kavro-demo: --seconds takes a number from 1 to 3600, not '%s'\n", value);
+                return 2;
+            }
+            seconds = (int)n;
+        } else {
+            fprintf(stderr, "kavro-demo: unknown option '%s'\n%s", a, USAGE);
             return 2;
         }
     }
-    if (seconds < 1 || seconds > 50) seconds = 3;
     if (daemon && report_path == NULL) report_path = "/tmp/kavro-demo.report";
+    /* A report that cannot be written is found out before anything starts. */
+    if (report_path != NULL) {
+        FILE *probe = fopen(report_path, "w");
+        if (probe == NULL) {
+            fprintf(stderr, "kavro-demo: cannot write %s: %s\n", report_path, strerror(errno));
+            return 1;
+        }
+        fclose(probe);
+    }
 
     /* A daemon detaches before anything else exists; its report goes to a file. */
     if (daemon && ULX_Daemonize() != 0) return 1;
     report = report_path ? fopen(report_path, "w") : stdout;
     if (report == NULL) {
-        fprintf(stderr, "kavro-demo: cannot write %s\n", report_path);
+        fprintf(stderr, "kavro-demo: cannot write %s: %s\n", report_path, strerror(errno));
         return 1;
     }
     started = now_ns();
