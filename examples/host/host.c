@@ -3,6 +3,10 @@
 
 #include <kavro_rt/kavro_rt.h>
 
+#if KAVRO_RT_VERSION_NUMBER < 10000
+#error "libkavro_rt 1.0.0 or later is needed"
+#endif
+
 int main(void) {
     void *obj;
     if (MEM_Init() != 0) return 1;
@@ -10,6 +14,6 @@ int main(void) {
     if (obj == NULL || *(uint32_t *)obj != KAVRO_TAG_SHM) return 1;
     KAVRO_OBJ_Free(obj, 0);
     MEM_Exit();
-    puts("host: ok");
+    printf("host: ok %s (%s)\n", KAVRO_RT_VERSION_STRING, KAVRO_StatusText(KAVRO_E_TIMEOUT));
     return 0;
 }
