@@ -127,6 +127,17 @@ TEST(CliTool, ExitStatusesAndMessages) {
     }
 }
 
+TEST(CliTool, CtrlCEndsLatencyWithSummaryAndFiles) {
+    KAVRO_REQUIRE_RT();
+    KAVRO_REQUIRE_NATIVE("the tick loop needs real-time timing");
+    kavro::test::ScratchDir dir;
+    const std::string csv = dir.path() + "/l.csv";
+    const ChildOutput r = tool("latency --seconds=60 --quiet --csv=" + csv + " & sleep 1; kill -INT $!; wait $!");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(has(r.out, ", ended by Ctrl-C") && has(r.out, "RESULT min_us=")) << r.out;
+    EXPECT_EQ(kavro::test::read_file(csv).rfind("lateness_us,ticks\n", 0), 0u);
+}
+
 TEST(CliTool, RegistryInPrivateMounts) {
     int rc = kavro::test::run_in_private_mounts("/usr/torvanex", [] {
         const std::string reg = "/usr/torvanex/cfg/.registry";
