@@ -5,6 +5,7 @@
 // error; the exit status is 2 for a usage error, 1 when the operation failed.
 #include <dirent.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
@@ -251,10 +252,15 @@ int cmd_ipc(const Options &o) {
 
 // ---- latency ------------------------------------------------------------------------
 
+// Written by the tick thread while recording; read by the main thread only
+// after recording has stopped and no callback is inside (see stop_recording).
 kavro::tool::LatencyStats stats;
-std::atomic<bool> recording{true};
-std::atomic<bool> interrupted{false};
 int64_t firstTickNs = -1;
+std::atomic<bool> recording{true};
+std::atomic<int> inTick{0};
+std::atomic<uint64_t> liveTicks{0};  // for the progress line while recording
+std::atomic<int64_t> liveMaxNs{0};
+std::atomic<bool> interrupted{false};
 
 int64_t now_ns() {
     timespec t{};
@@ -265,11 +271,23 @@ int64_t now_ns() {
 // Lateness against the 2 ms grid through the first tick; a tick up to 1 ms
 // before its grid point counts as early.
 int32_t on_tick(uint32_t) {
-    if (!recording.load(std::memory_order_relaxed)) return 0;
-    const int64_t t = now_ns();
-    if (firstTickNs < 0) firstTickNs = t;
-    stats.add(kavro::tool::grid_lateness_ns(t, firstTickNs, 2000000, 1000000));
+    inTick.fetch_add(1);  // before looking at `recording`: see stop_recording
+    if (recording.load()) {
+        const int64_t t = now_ns();
+        if (firstTickNs < 0) firstTickNs = t;
+        stats.add(kavro::tool::grid_lateness_ns(t, firstTickNs, 2000000, 1000000));
+        liveTicks.store(stats.count, std::memory_order_relaxed);
+        liveMaxNs.store(stats.maxNs, std::memory_order_relaxed);
+    }
+    inTick.fetch_sub(1, std::memory_order_release);
     return 0;
+}
+
+// After this, no callback touches the statistics: one that entered before
+// the store is waited for, a later one sees recording off.
+void stop_recording() {
+    recording.store(false);
+    while (inTick.load(std::memory_order_acquire) != 0) sched_yield();
 }
 
 FILE *open_output(const std::string &path, int *rc) {
@@ -329,9 +347,10 @@ int cmd_latency(const Options &o) {
         }
         if (live && !interrupted.load())
             std::fprintf(stderr, "\r  %d/%d s  ticks %llu  max %.1f us   ", s, o.seconds,
-                         static_cast<unsigned long long>(stats.count), stats.maxNs / 1000.0);
+                         static_cast<unsigned long long>(liveTicks.load(std::memory_order_relaxed)),
+                         liveMaxNs.load(std::memory_order_relaxed) / 1000.0);
     }
-    recording.store(false);
+    stop_recording();
     const double seconds = static_cast<double>(now_ns() - started) / 1e9;
     TMR_Delete(timer);
     if (live) std::fprintf(stderr, "\n");
