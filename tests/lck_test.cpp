@@ -13,7 +13,7 @@
 #include "frame/internal.hpp"
 #include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
-#include "sync/thread.hpp"
+#include "sync/lck.hpp"
 
 namespace {
 
