@@ -181,6 +181,105 @@ void *helperEntry(void *arg) {
 
 unsigned long word_of(const void *p) { return static_cast<unsigned long>(reinterpret_cast<uintptr_t>(p)); }
 
+const char kCreateFn[] = "THREAD_Create";
+
+// THREAD_Create's argument checks, in the order of their lines: the attribute
+// block (brought to its full form in *a), then the pointers. kOk, or the
+// status of the first rejected argument with its line.
+KAVRO_STATUS check_create(ThreadObj **phThreadObj, THREAD_UserFn fnUser, const void *context,
+                          const ThreadAttr *attr, ThreadAttr *a) {
+    if (attr == nullptr) {
+        *a = defAttrs;
+    } else if (attr->length == THREAD_ATTR_LENGTH) {
+        *a = *attr;
+    } else if (attr->length == THREAD_ATTR_SHORT_LENGTH) {
+        // The short form has no name word: read nothing past word 4.
+        a->length = THREAD_ATTR_LENGTH;
+        a->priority = attr->priority;
+        a->startSuspended = attr->startSuspended & 1u;
+        a->reserved = attr->reserved;
+        a->numArgs = attr->numArgs;
+        a->name = kShortFormName;
+    } else {
+        diag(kCreateFn, "Error, invalid attribute length\n");
+        return kInvalidArg;
+    }
+    if (a->priority > THREAD_MAX_PRIORITY) {
+        diag(kCreateFn, "Error, invalid priority = %d, min = %d, max = %d\n", static_cast<int>(a->priority),
+             static_cast<int>(THREAD_MIN_PRIORITY), static_cast<int>(THREAD_MAX_PRIORITY));
+        return kInvalidArg;
+    }
+    if (a->numArgs < THREAD_USE_CONTEXT || a->numArgs > THREAD_MAX_ARGS) {
+        diag(kCreateFn, "Error, invalid num of args = %d, useContext = %d, max = %d\n", a->numArgs,
+             THREAD_USE_CONTEXT, THREAD_MAX_ARGS);
+        return kInvalidArg;
+    }
+    if (phThreadObj == nullptr || fnUser == nullptr) {
+        diag(kCreateFn, "Error, pointer is NULL, phThreadObj = 0x%lX, fnUser = 0x%lX\n", word_of(phThreadObj),
+             static_cast<unsigned long>(reinterpret_cast<uintptr_t>(fnUser)));
+        return kNullPointer;
+    }
+    if (a->numArgs > 0 && context == nullptr) {
+        diag(kCreateFn, "Error, argument array is NULL, numArgs = %d\n", a->numArgs);
+        return kNullPointer;
+    }
+    if (!keyValid.load(std::memory_order_acquire)) {
+        diag(kCreateFn, "Error, thread family is not initialised\n");
+        return kFail;
+    }
+    return kOk;
+}
+
+// Fills a freshly allocated (zeroed) record from the checked attributes.
+void fill_record(ThreadRecord *r, THREAD_UserFn fnUser, void *context, const ThreadAttr &a) {
+    ThreadObj *o = &r->obj;
+    o->fnUser = fnUser;
+    o->context = context;
+    kavro::detail::count_up(threadalloccalls);
+    o->lockCount = 0;
+    o->priority = a.priority;
+    o->previousPriority = 0;
+    o->creator = pthread_self();
+    if (a.name != nullptr) {
+        std::strncpy(o->name, a.name, THREAD_NAME_SIZE - 1);
+        o->name[THREAD_NAME_SIZE - 1] = '\0';
+    }
+    o->numArgs = a.numArgs;
+    if (a.numArgs > 0) std::memcpy(o->args, context, sizeof(uint32_t) * static_cast<size_t>(a.numArgs));
+    sem_init(&o->startSem, 0, 0);
+
+    // What the thread would inherit; priority 0 returns it there later.
+    const int creatorPolicy = sched_getscheduler(0);
+    sched_param creatorParam{};
+    if (creatorPolicy < 0 || sched_getparam(0, &creatorParam) != 0) {
+        r->inheritPolicy = SCHED_OTHER;
+        r->inheritPriority = 0;
+    } else {
+        r->inheritPolicy = creatorPolicy & ~SCHED_RESET_ON_FORK;
+        r->inheritPriority = creatorParam.sched_priority;
+    }
+}
+
+// The platform attributes of a new thread: stack size, scheduling (explicit
+// for priorities 1..15, inherited for 0), detached.
+void build_platform_attrs(pthread_attr_t *pa, uint32_t priority) {
+    pthread_attr_init(pa);
+    if (PelStackSize != 0) pthread_attr_setstacksize(pa, static_cast<size_t>(PelStackSize));
+    if (priority != 0) {
+        pthread_attr_setinheritsched(pa, PTHREAD_EXPLICIT_SCHED);
+        pthread_attr_setscope(pa, PTHREAD_SCOPE_SYSTEM);
+        pthread_attr_setschedpolicy(pa, sched_policy.load(std::memory_order_relaxed));
+        sched_param sp{};
+        int32_t platform = 0;
+        THREAD_TranslatePriority(priority, &platform);
+        sp.sched_priority = platform;
+        pthread_attr_setschedparam(pa, &sp);
+    } else {
+        pthread_attr_setinheritsched(pa, PTHREAD_INHERIT_SCHED);
+    }
+    pthread_attr_setdetachstate(pa, PTHREAD_CREATE_DETACHED);
+}
+
 }  // namespace
 
 namespace kavro::detail {
@@ -228,99 +327,21 @@ KAVRO_API int32_t THREAD_Exit(void) {
 
 KAVRO_API KAVRO_STATUS THREAD_Create(ThreadObj **phThreadObj, THREAD_UserFn fnUser, void *context,
                                      const ThreadAttr *attr) {
-    static const char fn[] = "THREAD_Create";
     if (phThreadObj != nullptr) *phThreadObj = nullptr;
-
     ThreadAttr a;
-    if (attr == nullptr) {
-        a = defAttrs;
-    } else if (attr->length == THREAD_ATTR_LENGTH) {
-        a = *attr;
-    } else if (attr->length == THREAD_ATTR_SHORT_LENGTH) {
-        // The short form has no name word: read nothing past word 4.
-        a.length = THREAD_ATTR_LENGTH;
-        a.priority = attr->priority;
-        a.startSuspended = attr->startSuspended & 1u;
-        a.reserved = attr->reserved;
-        a.numArgs = attr->numArgs;
-        a.name = kShortFormName;
-    } else {
-        diag(fn, "Error, invalid attribute length\n");
-        return kInvalidArg;
-    }
-    if (a.priority > THREAD_MAX_PRIORITY) {
-        diag(fn, "Error, invalid priority = %d, min = %d, max = %d\n", static_cast<int>(a.priority),
-             static_cast<int>(THREAD_MIN_PRIORITY), static_cast<int>(THREAD_MAX_PRIORITY));
-        return kInvalidArg;
-    }
-    if (a.numArgs < THREAD_USE_CONTEXT || a.numArgs > THREAD_MAX_ARGS) {
-        diag(fn, "Error, invalid num of args = %d, useContext = %d, max = %d\n", a.numArgs, THREAD_USE_CONTEXT,
-             THREAD_MAX_ARGS);
-        return kInvalidArg;
-    }
-    if (phThreadObj == nullptr || fnUser == nullptr) {
-        diag(fn, "Error, pointer is NULL, phThreadObj = 0x%lX, fnUser = 0x%lX\n", word_of(phThreadObj),
-             static_cast<unsigned long>(reinterpret_cast<uintptr_t>(fnUser)));
-        return kNullPointer;
-    }
-    if (a.numArgs > 0 && context == nullptr) {
-        diag(fn, "Error, argument array is NULL, numArgs = %d\n", a.numArgs);
-        return kNullPointer;
-    }
-    if (!keyValid.load(std::memory_order_acquire)) {
-        diag(fn, "Error, thread family is not initialised\n");
-        return kFail;
-    }
+    const KAVRO_STATUS checked = check_create(phThreadObj, fnUser, context, attr, &a);
+    if (checked != kOk) return checked;
 
     auto *r = static_cast<ThreadRecord *>(KAVRO_OBJ_Alloc(sizeof(ThreadRecord), KAVRO_TAG_THREAD, 0));
     if (r == nullptr) {
-        diag(fn, "Error, failed to create KAVRO_OBJ object\n");
+        diag(kCreateFn, "Error, failed to create KAVRO_OBJ object\n");
         return kOutOfMemory;
     }
     ThreadObj *o = &r->obj;
-    o->fnUser = fnUser;
-    o->context = context;
-    kavro::detail::count_up(threadalloccalls);
-    o->lockCount = 0;
-    o->priority = a.priority;
-    o->previousPriority = 0;
-    o->creator = pthread_self();
-    if (a.name != nullptr) {
-        std::strncpy(o->name, a.name, THREAD_NAME_SIZE - 1);
-        o->name[THREAD_NAME_SIZE - 1] = '\0';
-    }
-    o->numArgs = a.numArgs;
-    if (a.numArgs > 0) std::memcpy(o->args, context, sizeof(uint32_t) * static_cast<size_t>(a.numArgs));
-    sem_init(&o->startSem, 0, 0);
-
-    // What the thread would inherit; priority 0 returns it there later.
-    const int creatorPolicy = sched_getscheduler(0);
-    sched_param creatorParam{};
-    if (creatorPolicy < 0 || sched_getparam(0, &creatorParam) != 0) {
-        r->inheritPolicy = SCHED_OTHER;
-        r->inheritPriority = 0;
-    } else {
-        r->inheritPolicy = creatorPolicy & ~SCHED_RESET_ON_FORK;
-        r->inheritPriority = creatorParam.sched_priority;
-    }
+    fill_record(r, fnUser, context, a);
 
     pthread_attr_t pa;
-    pthread_attr_init(&pa);
-    if (PelStackSize != 0) pthread_attr_setstacksize(&pa, static_cast<size_t>(PelStackSize));
-    if (a.priority != 0) {
-        pthread_attr_setinheritsched(&pa, PTHREAD_EXPLICIT_SCHED);
-        pthread_attr_setscope(&pa, PTHREAD_SCOPE_SYSTEM);
-        pthread_attr_setschedpolicy(&pa, sched_policy.load(std::memory_order_relaxed));
-        sched_param sp{};
-        int32_t platform = 0;
-        THREAD_TranslatePriority(a.priority, &platform);
-        sp.sched_priority = platform;
-        pthread_attr_setschedparam(&pa, &sp);
-    } else {
-        pthread_attr_setinheritsched(&pa, PTHREAD_INHERIT_SCHED);
-    }
-    pthread_attr_setdetachstate(&pa, PTHREAD_CREATE_DETACHED);
-
+    build_platform_attrs(&pa, a.priority);
     o->autoFree = 1;
     // Set before anyone can hold the handle; decided from the local copy, since
     // once the handle is out THREAD_SetPriority may clear the flag and release.
