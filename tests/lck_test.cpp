@@ -211,4 +211,19 @@ TEST_F(TaskLock, ManyThreadsOnOneLockLoseNoUpdate) {
     LCK_Delete(h.lock);
 }
 
+// A thread raised to 98 by THREAD_SetPriority stays at 98 after a lock; one at 5 returns to 5.
+TEST_F(TaskLock, LeavesTheLockAtThePriorityItEnteredWith) {
+    KAVRO_REQUIRE_RT();
+    on_thread(5, [] {
+        ThreadObj *self = nullptr;
+        THREAD_Self(&self);
+        for (uint32_t p : {98u, 5u}) {
+            ASSERT_EQ(THREAD_SetPriority(self, p, nullptr), 0u);
+            ASSERT_TRUE(LCK_Lock(nullptr) == 0 && LCK_Unlock(nullptr) == 0);
+            EXPECT_EQ(self->priority, p);
+            EXPECT_EQ(my_sched(), (Sched{SCHED_FIFO, static_cast<int>(p)}));
+        }
+    });
+}
+
 }  // namespace

@@ -41,6 +41,10 @@
  *   priority 0 with `THREAD_SetPriority`, or returning it to 0 when it
  *   leaves a task lock, puts that policy and platform priority back
  *   (the real-time policies have no priority 0 of their own).
+ * - `THREAD_Set2Priority` at the outermost level (nesting depth 0) on a
+ *   thread that already runs at the requested priority makes that priority
+ *   the one to return to: a thread raised to 98 by `THREAD_SetPriority`
+ *   leaves a task lock at 98, not at the priority it had before.
  * - `THREAD_SetPriority` and `THREAD_Set2Priority` accept any priority;
  *   one the platform refuses (above 99) is stored but leaves the thread's
  *   scheduling unchanged.

@@ -393,6 +393,9 @@ KAVRO_API KAVRO_STATUS THREAD_Set2Priority(ThreadObj *obj, uint32_t priority, ui
     if (oldPriority != nullptr) *oldPriority = obj->priority;
     if (obj->priority == priority) {
         *changed = 0;
+        // Already there outside any lock (raised by THREAD_SetPriority): this
+        // is the priority to return to, not whatever an older change left.
+        if (obj->lockCount == 0) obj->previousPriority = priority;
     } else {
         *changed = 1;
         obj->previousPriority = obj->priority;
