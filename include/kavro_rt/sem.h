@@ -326,9 +326,8 @@ KAVRO_API KAVRO_STATUS IPC_SEM_Pend(SEM_HANDLE handle);
  * Give one unit back.
  * @param handle the semaphore
  * @retval 0          posted; also when the kernel refused the post (a removed
- *                    set, or beyond the undo bound): the unit is then lost
- *                    and the line "KAVRO:IPC_SEM_Post: semop failed, errno
- *                    <n>, the unit is lost" is logged
+ *                    set, or beyond the undo bound): the unit is then lost,
+ *                    silently
  * @retval KAVRO_E_FAIL null or bad handle
  */
 KAVRO_API KAVRO_STATUS IPC_SEM_Post(SEM_HANDLE handle);
