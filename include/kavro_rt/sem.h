@@ -22,9 +22,13 @@
  * `SEM_Create` picks the implementation once; every later call is routed by
  * the second word of the semaphore record (1: System V, anything else:
  * process-local). Every semaphore record starts with the tag 0x5F4D4553 and
- * the type word; the implementations refuse a handle whose tag differs
- * (a deleted semaphore reads 0xDEADBEEF until its memory is reused, but
- * callers must not rely on that).
+ * the type word; the implementations refuse with KAVRO_E_FAIL, touching
+ * nothing, a handle whose tag differs (a deleted semaphore reads 0xDEADBEEF
+ * until its memory is reused, but callers must not rely on that) or whose
+ * kind words are not their own: the System V functions want type 1 and a
+ * valid set id, the process-local ones type -1 and a variant of 0 or -1.
+ * So a process-local handle given to `IPC_SEM_Delete`, or a message-queue
+ * handle (same tag) given to any `SEM_` function, is refused.
  *
  * Timeouts are milliseconds; 0xFFFFFFFF (`KAVRO_WAIT_FOREVER`) waits without
  * limit; timed waits use absolute wall-clock deadlines.

@@ -19,8 +19,14 @@ namespace {
 
 constexpr int kMaxInterruptedWaits = 1000;
 
+// The tag is shared with System V semaphores and message queues: the type
+// and variant words tell a process-local record (read only once the tag and
+// the type say the record is long enough to hold them).
 LocalSemaphore *local(SEM_HANDLE h) {
-    return has_tag(h, KAVRO_TAG_SEM) ? static_cast<LocalSemaphore *>(h) : nullptr;
+    if (!has_tag(h, KAVRO_TAG_SEM)) return nullptr;
+    auto *s = static_cast<LocalSemaphore *>(h);
+    if (s->type != kavro::sem::kTypeLocal) return nullptr;
+    return s->variant == kavro::sem::kCounterKind || s->variant == kavro::sem::kPosixKind ? s : nullptr;
 }
 
 // GetCount reads `count` without the mutex, so every access to it is a
