@@ -366,4 +366,24 @@ TEST_F(Fifo, TraceRecordsCarryTheHeadOfEachMessage) {
     EXPECT_EQ(rc, 0);
 }
 
+// A thread that restores SIGPIPE's default action and unblocks it between
+// two writes still gets a status, not the signal, from a vanished reader.
+TEST_F(Fifo, EveryWriteBlocksSigpipe) {
+    const auto names = channel_names(root_, 29, false);
+    int rc = kavro::test::run_in_child([&names]() -> int {
+        int32_t fds[4], n = 0;
+        for (int i = 0; i < 4; ++i) IPC_FIFO_Create(0, &fds[i], 0, names[i].c_str());
+        CHILD_CHECK(IPC_FIFO_Write(0, 29, 0, "first", &n, 5, 0) == 0);
+        for (int32_t fd : fds) close(fd);
+        signal(SIGPIPE, SIG_DFL);
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGPIPE);
+        sigprocmask(SIG_UNBLOCK, &set, nullptr);
+        CHILD_CHECK(IPC_FIFO_Write(0, 29, 0, "second", &n, 6, 0) == KAVRO_E_BROKENPIPE);
+        return 0;
+    });
+    EXPECT_EQ(rc, 0);
+}
+
 }  // namespace

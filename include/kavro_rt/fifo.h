@@ -27,10 +27,11 @@
  * time to time and pass its result to `IPC_FIFO_RemoveKeys`; the next write
  * opens the channel afresh. Each table holds 1024 channels.
  *
- * Signals. The first write of each thread blocks SIGPIPE in that thread
- * and leaves it blocked, so that a vanished reader gives EPIPE rather than
- * the end of the process. A thread that unblocks SIGPIPE again afterwards
- * must handle the signal itself.
+ * Signals. Every write blocks SIGPIPE in the calling thread before it
+ * writes, so that a vanished reader gives KAVRO_E_BROKENPIPE rather than
+ * the end of the process, even when the thread unblocked SIGPIPE or
+ * restored its default action since its last write. The thread's mask is
+ * not put back: SIGPIPE stays blocked in it after the call.
  *
  * Tracing. When `DRV_DBG` is set (to anything) at a process's first write,
  * every successful message write also sends a System V message of type 1

@@ -37,17 +37,15 @@ void trace_setup() {
     count = 1;
 }
 
-// SIGPIPE is blocked once per thread and left blocked; remembering that
-// spares every later write a system call.
-thread_local bool sigpipe_blocked = false;
-
+// SIGPIPE is blocked on every write, not once per thread: the thread, or a
+// library it calls, may unblock it or restore its default action between
+// two writes, and a write to a vanished reader must still fail with EPIPE
+// instead of ending the process. The mask is left as it is afterwards.
 void block_sigpipe() {
-    if (sigpipe_blocked) return;
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    sigpipe_blocked = true;
+    sigprocmask(SIG_BLOCK, &set, nullptr);
 }
 
 void close_all(const int32_t *fds, int n) {
