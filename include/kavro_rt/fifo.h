@@ -40,11 +40,13 @@
  * whose key is the low byte of `ftok("/usr/torvanex/kmxipc/.DRVTRC", 0)`.
  *
  * Decisions:
- * - `TRVXROOT` unset or empty: no path is built from it. `IPC_FIFO_Init`
- *   makes no directory (it says so in one line) but brings the family up,
- *   since readers name their FIFOs themselves; `IPC_FIFO_Write` refuses
- *   with KAVRO_E_FAIL and the line "TRVXROOT is not set";
- *   `IPC_FIFO_CheckKey_2` answers KAVRO_E_FAIL (no such FIFO).
+ * - `TRVXROOT` unset: no path is built from it. `IPC_FIFO_Init` makes no
+ *   directory (it says so in one line) but brings the family up, since
+ *   readers name their FIFOs themselves; `IPC_FIFO_Write` refuses with
+ *   KAVRO_E_FAIL and the line "TRVXROOT is not set";
+ *   `IPC_FIFO_CheckKey_2` answers KAVRO_E_FAIL (no such FIFO). Set but
+ *   empty, it is an install root like any other: the paths are
+ *   "/kmxipc/.pipe.<key>" and so on.
  * - Paths are limited to 255 characters. An install root too long for the
  *   longest name of a channel is refused, never cut: the write returns
  *   KAVRO_E_FAIL with the line "TRVXROOT too long ...", the presence test
