@@ -41,13 +41,16 @@ void trace_setup() {
 // SIGPIPE is blocked on every write, not once per thread: the thread, or a
 // library it calls, may unblock it or restore its default action between
 // two writes, and a write to a vanished reader must still fail with EPIPE
-// instead of ending the process. The mask is left as it is afterwards.
-void block_sigpipe() {
+// instead of ending the process. The mask is not put back afterwards, so
+// this is one system call per write; the set is built once.
+const sigset_t sigpipe_only = [] {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGPIPE);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-}
+    return set;
+}();
+
+void block_sigpipe() { sigprocmask(SIG_BLOCK, &sigpipe_only, nullptr); }
 
 // fifo_lock as a lockable for std::unique_lock, which releases it on
 // every return of the write.
@@ -164,7 +167,7 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t, uint32_t key, int32_t msgTag, c
 
     const uint8_t byte = static_cast<uint8_t>(rank);
     const ssize_t r = write(fds[0], &byte, 1);
-    const int err = errno;
+    const int err = r == 1 ? 0 : errno;  // before the trace send can change it
     if (OruDebug == 1) send_trace(buffer, length, isStreams);
     if (r == 1) return 0;
     if (err == EPIPE || err == EBADF) {
