@@ -6,9 +6,8 @@
  *
  * - process-local semaphores (`PTHR_SEM_`), visible to the threads of one
  *   process. The counter kind (made by `SEM_Create` without key and flag) is
- *   a signed counter under an error-checking mutex with a condition variable
- *   and supports timed pends; the POSIX kind (made by `SEM_Create_2`) wraps
- *   an unnamed POSIX semaphore and waits without limit;
+ *   a signed counter and supports timed pends; the POSIX kind (made by
+ *   `SEM_Create_2`) wraps an unnamed POSIX semaphore and waits without limit;
  * - System V semaphores (`IPC_SEM_`), a one-member semaphore set with
  *   permissions 0666 that every process creating with the same key shares.
  *   Both its operations carry SEM_UNDO, so the kernel reverses the pends and
@@ -38,6 +37,18 @@
  *   but `SEM_Delete`, which returns 0 for it.
  * - A null out-pointer (handle of a create, count of `GetCount`) is answered
  *   with KAVRO_E_INVALIDARG and nothing is allocated or created.
+ * - Counter kind, mechanism: the count, the number of waiters still without
+ *   a unit and the number of units handed to waiters but not yet picked up
+ *   share one 64-bit atomic word, so that every pend, post, reset and
+ *   try-pend is a single compare-and-swap; a waiter sleeps on a futex (the
+ *   word's upper half) only when no unit is free. A post that finds a waiter
+ *   hands its unit over in the same step and then wakes one waiter; no lock
+ *   is held at any time, so a woken waiter never runs into a lock its poster
+ *   still holds. A round trip between two threads thus costs what one on an
+ *   unnamed POSIX semaphore costs. The record's mutex and condition stay
+ *   unused (zero) for this kind, and its `count` field is not the count.
+ * - Counter kind: a signal interrupting a pend does not end it; it waits on
+ *   until the same deadline.
  * - Counter kind: a pend that ends without a unit (time-out or failed wait)
  *   gives its claim back, so a negative count is always exactly the number
  *   of threads waiting. A waiter returns only with a unit that a post or a
