@@ -48,6 +48,13 @@
  * - `THREAD_SetPriority` and `THREAD_Set2Priority` accept any priority;
  *   one the platform refuses (above 99) is stored but leaves the thread's
  *   scheduling unchanged.
+ * - `THREAD_Create` stores the handle at `phThreadObj` before the thread
+ *   exists (and NULL again if the platform refuses it), so the new thread
+ *   may read it from there at once. A thread not created suspended finds
+ *   its start semaphore already posted and runs to its user function
+ *   without waiting for its creator. The process id of the start line is
+ *   read once per process (by `THREAD_Init`, and again in a child made by
+ *   `fork`).
  * - `THREAD_Create` refuses with KAVRO_E_FAIL and a line while the family is
  *   down (before `THREAD_Init` or after the last `THREAD_Exit`): without
  *   the family's key a thread could not find itself. With `numArgs` 1..8
