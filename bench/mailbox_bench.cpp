@@ -1,6 +1,6 @@
 // Mailbox throughput: one producer thread posts, the benchmark thread
 // pends, one message per iteration, beside a minimal ring buffer on a mutex
-// and two conditions.
+// and two conditions. The two threads run pinned to two CPUs.
 #include <benchmark/benchmark.h>
 
 #include <pthread.h>
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kavro_rt/mbx.h"
+#include "pinning.hpp"
 
 namespace {
 
@@ -45,7 +46,9 @@ struct Ring {
 template <typename Post, typename Pend>
 void spsc(benchmark::State &state, uint32_t size, Post post, Pend pend) {
     const auto n = state.max_iterations;
+    bench::Pinned pinned(0);
     std::thread producer([&] {
+        bench::pin_self(1);
         std::vector<unsigned char> msg(size, 0x5A);
         for (benchmark::IterationCount i = 0; i < n; ++i) post(msg.data());
     });

@@ -1,7 +1,7 @@
 // Semaphore ping-pong: one round trip per iteration (post to the peer, pend
 // for its answer), between two threads for the process-local kinds and
 // between two processes for System V, each beside the bare platform
-// primitive doing the same.
+// primitive doing the same. The two sides run pinned to two CPUs.
 #include <benchmark/benchmark.h>
 
 #include <pthread.h>
@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "kavro_rt/sem.h"
+#include "pinning.hpp"
 
 namespace {
 
@@ -47,7 +48,9 @@ struct CondSem {
 template <typename Pend, typename Post>
 void thread_pingpong(benchmark::State &state, Pend pend, Post post) {
     std::atomic<bool> stop{false};
+    bench::Pinned pinned(0);
     std::thread echo([&] {
+        bench::pin_self(1);
         for (;;) {
             pend(0);
             if (stop.load(std::memory_order_relaxed)) return;
@@ -105,8 +108,10 @@ void BM_MutexCond(benchmark::State &state) {
 // (or posts) would run into that bound.
 template <typename Pend, typename Post>
 void process_pingpong(benchmark::State &state, Pend pend, Post post) {
+    bench::Pinned pinned(0);
     pid_t child = fork();
     if (child == 0) {
+        bench::pin_self(1);
         for (int a = 0;; a ^= 1) {
             pend(a);
             post(a ^ 1);

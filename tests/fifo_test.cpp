@@ -366,4 +366,42 @@ TEST_F(Fifo, TraceRecordsCarryTheHeadOfEachMessage) {
     EXPECT_EQ(rc, 0);
 }
 
+// A thread that restores SIGPIPE's default action and unblocks it between
+// two writes still gets a status, not the signal, from a vanished reader.
+TEST_F(Fifo, EveryWriteBlocksSigpipe) {
+    const auto names = channel_names(root_, 29, false);
+    int rc = kavro::test::run_in_child([&names]() -> int {
+        int32_t fds[4], n = 0;
+        for (int i = 0; i < 4; ++i) IPC_FIFO_Create(0, &fds[i], 0, names[i].c_str());
+        CHILD_CHECK(IPC_FIFO_Write(0, 29, 0, "first", &n, 5, 0) == 0);
+        for (int32_t fd : fds) close(fd);
+        signal(SIGPIPE, SIG_DFL);
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGPIPE);
+        sigprocmask(SIG_UNBLOCK, &set, nullptr);
+        CHILD_CHECK(IPC_FIFO_Write(0, 29, 0, "second", &n, 6, 0) == KAVRO_E_BROKENPIPE);
+        return 0;
+    });
+    EXPECT_EQ(rc, 0);
+}
+
+// An empty install root is the root directory itself, not a missing one.
+TEST_F(Fifo, EmptyRootNamesPipesUnderTheRootDirectory) {
+    int rc = kavro::test::run_in_private_mounts("/kmxipc", []() -> int {
+        setenv("TRVXROOT", "", 1);
+        const auto names = channel_names("", 17, false);
+        int32_t fds[4], n = 0;
+        for (int i = 0; i < 4; ++i) IPC_FIFO_Create(0, &fds[i], 0, names[i].c_str());
+        CHILD_CHECK(fds[3] >= 0 && IPC_FIFO_CheckKey_2(17, 0) == 0);
+        CHILD_CHECK(IPC_FIFO_Write(0, 17, 0, "m", &n, 1, 0) == 0);
+        char got[2] = {};
+        CHILD_CHECK(IPC_FIFO_Read(fds[0], got, &n, 2) == 0 && n == 1 && got[0] == 2);
+        CHILD_CHECK(IPC_FIFO_Read(fds[3], got, &n, 2) == 0 && n == 1 && got[0] == 'm');
+        return 0;
+    });
+    KAVRO_SKIP_IF_NO_MOUNTS(rc);
+    EXPECT_EQ(rc, 0);
+}
+
 }  // namespace

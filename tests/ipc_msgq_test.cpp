@@ -186,4 +186,24 @@ TEST_F(MsgQueue, BadInputAnswersWithAStatus) {
     EXPECT_EQ(IPC_MSGQ_Send(b, buf, 1, 1, 0), KAVRO_E_FAIL);
 }
 
+// Semaphores and queues share one tag: each family refuses the other's
+// handles and leaves them working.
+TEST_F(MsgQueue, SemaphoreAndQueueHandlesAreNotTakenForEachOther) {
+    void *q = make();
+    SEM_HANDLE local = nullptr, sysv = nullptr;
+    ASSERT_TRUE(q != nullptr && SEM_Create(&local, 0, 0, 0) == 0 && SEM_Create(&sysv, 0, 0, 1) == 0);
+    int32_t c = 0;
+    for (KAVRO_STATUS st : {IPC_SEM_Delete(local), IPC_SEM_Post(local), PTHR_SEM_Delete(sysv), PTHR_SEM_Post(sysv),
+                            IPC_MSGQ_Delete(local), IPC_MSGQ_Delete(sysv), SEM_Delete(q), SEM_Post(q),
+                            SEM_GetCount(q, &c), IPC_SEM_Delete(q)})
+        EXPECT_EQ(st, KAVRO_E_FAIL);
+    char m = 'x';
+    uint32_t len = 0;
+    EXPECT_TRUE(IPC_MSGQ_Send(q, &m, 1, 1, 0) == 0 && IPC_MSGQ_Rcv(q, &m, 1, &len, 1, 0) == 0 && len == 1);
+    for (SEM_HANDLE h : {local, sysv}) {
+        EXPECT_TRUE(SEM_Post(h) == 0 && SEM_GetCount(h, &c) == 0 && c == 1);
+        EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
+    }
+}
+
 }  // namespace

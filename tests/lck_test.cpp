@@ -13,7 +13,7 @@
 #include "frame/internal.hpp"
 #include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
-#include "sync/thread.hpp"
+#include "sync/lck.hpp"
 
 namespace {
 
@@ -209,6 +209,21 @@ TEST_F(TaskLock, ManyThreadsOnOneLockLoseNoUpdate) {
     for (auto *t : threads) THREAD_Join(t);
     EXPECT_TRUE(h.counter == 5L * kRounds && h.overlaps == 0 && h.lock->holdCount == 0);
     LCK_Delete(h.lock);
+}
+
+// A thread raised to 98 by THREAD_SetPriority stays at 98 after a lock; one at 5 returns to 5.
+TEST_F(TaskLock, LeavesTheLockAtThePriorityItEnteredWith) {
+    KAVRO_REQUIRE_RT();
+    on_thread(5, [] {
+        ThreadObj *self = nullptr;
+        THREAD_Self(&self);
+        for (uint32_t p : {98u, 5u}) {
+            ASSERT_EQ(THREAD_SetPriority(self, p, nullptr), 0u);
+            ASSERT_TRUE(LCK_Lock(nullptr) == 0 && LCK_Unlock(nullptr) == 0);
+            EXPECT_EQ(self->priority, p);
+            EXPECT_EQ(my_sched(), (Sched{SCHED_FIFO, static_cast<int>(p)}));
+        }
+    });
 }
 
 }  // namespace

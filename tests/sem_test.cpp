@@ -219,4 +219,15 @@ TEST(SemSysV, PendSurvivesSignalsAndFailsOnRemovedSet) {
     EXPECT_EQ(child.exit_code(), 0);
 }
 
+// A post the kernel refuses (the set is gone) still returns 0 and says nothing.
+TEST(SemSysV, RefusedPostIsSilent) {
+    SEM_HANDLE h = nullptr;
+    ASSERT_EQ(SEM_Create(&h, 0, 0, 1), KAVRO_OK);
+    semctl(static_cast<kavro::sem::SysVSemaphore *>(h)->semId, 0, IPC_RMID);
+    CaptureStderr();
+    EXPECT_EQ(SEM_Post(h), KAVRO_OK);
+    EXPECT_EQ(GetCapturedStderr(), "");
+    EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
+}
+
 }  // namespace

@@ -27,10 +27,11 @@
  * time to time and pass its result to `IPC_FIFO_RemoveKeys`; the next write
  * opens the channel afresh. Each table holds 1024 channels.
  *
- * Signals. The first write of each thread blocks SIGPIPE in that thread
- * and leaves it blocked, so that a vanished reader gives EPIPE rather than
- * the end of the process. A thread that unblocks SIGPIPE again afterwards
- * must handle the signal itself.
+ * Signals. Every write blocks SIGPIPE in the calling thread before it
+ * writes, so that a vanished reader gives KAVRO_E_BROKENPIPE rather than
+ * the end of the process, even when the thread unblocked SIGPIPE or
+ * restored its default action since its last write. The thread's mask is
+ * not put back: SIGPIPE stays blocked in it after the call.
  *
  * Tracing. When `DRV_DBG` is set (to anything) at a process's first write,
  * every successful message write also sends a System V message of type 1
@@ -39,11 +40,13 @@
  * whose key is the low byte of `ftok("/usr/torvanex/kmxipc/.DRVTRC", 0)`.
  *
  * Decisions:
- * - `TRVXROOT` unset or empty: no path is built from it. `IPC_FIFO_Init`
- *   makes no directory (it says so in one line) but brings the family up,
- *   since readers name their FIFOs themselves; `IPC_FIFO_Write` refuses
- *   with KAVRO_E_FAIL and the line "TRVXROOT is not set";
- *   `IPC_FIFO_CheckKey_2` answers KAVRO_E_FAIL (no such FIFO).
+ * - `TRVXROOT` unset: no path is built from it. `IPC_FIFO_Init` makes no
+ *   directory (it says so in one line) but brings the family up, since
+ *   readers name their FIFOs themselves; `IPC_FIFO_Write` refuses with
+ *   KAVRO_E_FAIL and the line "TRVXROOT is not set";
+ *   `IPC_FIFO_CheckKey_2` answers KAVRO_E_FAIL (no such FIFO). Set but
+ *   empty, it is an install root like any other: the paths are
+ *   "/kmxipc/.pipe.<key>" and so on.
  * - Paths are limited to 255 characters. An install root too long for the
  *   longest name of a channel is refused, never cut: the write returns
  *   KAVRO_E_FAIL with the line "TRVXROOT too long ...", the presence test

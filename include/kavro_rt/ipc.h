@@ -51,8 +51,11 @@
  *   since the error that would call for them is never reported here).
  * - Handles: a non-NULL handle whose first word is not the family tag (for
  *   example one already deleted) is refused with KAVRO_E_FAIL and nothing is
- *   done with it, as long as its memory is still readable. A semaphore
- *   handle carries the message-queue tag too and cannot be told apart.
+ *   done with it, as long as its memory is still readable. Semaphore handles
+ *   carry the message-queue tag too: a queue's record has, after the two
+ *   words below, a private kind word that no semaphore record has there,
+ *   and a semaphore handle given to `IPC_MSGQ_` is refused the same way
+ *   (as a queue handle is by the `SEM_` family).
  */
 #ifndef KAVRO_RT_IPC_H
 #define KAVRO_RT_IPC_H

@@ -6,9 +6,8 @@
  *
  * - process-local semaphores (`PTHR_SEM_`), visible to the threads of one
  *   process. The counter kind (made by `SEM_Create` without key and flag) is
- *   a signed counter under an error-checking mutex with a condition variable
- *   and supports timed pends; the POSIX kind (made by `SEM_Create_2`) wraps
- *   an unnamed POSIX semaphore and waits without limit;
+ *   a signed counter and supports timed pends; the POSIX kind (made by
+ *   `SEM_Create_2`) wraps an unnamed POSIX semaphore and waits without limit;
  * - System V semaphores (`IPC_SEM_`), a one-member semaphore set with
  *   permissions 0666 that every process creating with the same key shares.
  *   Both its operations carry SEM_UNDO, so the kernel reverses the pends and
@@ -22,9 +21,13 @@
  * `SEM_Create` picks the implementation once; every later call is routed by
  * the second word of the semaphore record (1: System V, anything else:
  * process-local). Every semaphore record starts with the tag 0x5F4D4553 and
- * the type word; the implementations refuse a handle whose tag differs
- * (a deleted semaphore reads 0xDEADBEEF until its memory is reused, but
- * callers must not rely on that).
+ * the type word; the implementations refuse with KAVRO_E_FAIL, touching
+ * nothing, a handle whose tag differs (a deleted semaphore reads 0xDEADBEEF
+ * until its memory is reused, but callers must not rely on that) or whose
+ * kind words are not their own: the System V functions want type 1 and a
+ * valid set id, the process-local ones type -1 and a variant of 0 or -1.
+ * So a process-local handle given to `IPC_SEM_Delete`, or a message-queue
+ * handle (same tag) given to any `SEM_` function, is refused.
  *
  * Timeouts are milliseconds; 0xFFFFFFFF (`KAVRO_WAIT_FOREVER`) waits without
  * limit; timed waits use absolute wall-clock deadlines.
@@ -34,6 +37,18 @@
  *   but `SEM_Delete`, which returns 0 for it.
  * - A null out-pointer (handle of a create, count of `GetCount`) is answered
  *   with KAVRO_E_INVALIDARG and nothing is allocated or created.
+ * - Counter kind, mechanism: the count, the number of waiters still without
+ *   a unit and the number of units handed to waiters but not yet picked up
+ *   share one 64-bit atomic word, so that every pend, post, reset and
+ *   try-pend is a single compare-and-swap; a waiter sleeps on a futex (the
+ *   word's upper half) only when no unit is free. A post that finds a waiter
+ *   hands its unit over in the same step and then wakes one waiter; no lock
+ *   is held at any time, so a woken waiter never runs into a lock its poster
+ *   still holds. A round trip between two threads thus costs what one on an
+ *   unnamed POSIX semaphore costs. The record's mutex and condition stay
+ *   unused (zero) for this kind, and its `count` field is not the count.
+ * - Counter kind: a signal interrupting a pend does not end it; it waits on
+ *   until the same deadline.
  * - Counter kind: a pend that ends without a unit (time-out or failed wait)
  *   gives its claim back, so a negative count is always exactly the number
  *   of threads waiting. A waiter returns only with a unit that a post or a
@@ -326,9 +341,8 @@ KAVRO_API KAVRO_STATUS IPC_SEM_Pend(SEM_HANDLE handle);
  * Give one unit back.
  * @param handle the semaphore
  * @retval 0          posted; also when the kernel refused the post (a removed
- *                    set, or beyond the undo bound): the unit is then lost
- *                    and the line "KAVRO:IPC_SEM_Post: semop failed, errno
- *                    <n>, the unit is lost" is logged
+ *                    set, or beyond the undo bound): the unit is then lost,
+ *                    silently
  * @retval KAVRO_E_FAIL null or bad handle
  */
 KAVRO_API KAVRO_STATUS IPC_SEM_Post(SEM_HANDLE handle);

@@ -41,9 +41,20 @@
  *   priority 0 with `THREAD_SetPriority`, or returning it to 0 when it
  *   leaves a task lock, puts that policy and platform priority back
  *   (the real-time policies have no priority 0 of their own).
+ * - `THREAD_Set2Priority` at the outermost level (nesting depth 0) on a
+ *   thread that already runs at the requested priority makes that priority
+ *   the one to return to: a thread raised to 98 by `THREAD_SetPriority`
+ *   leaves a task lock at 98, not at the priority it had before.
  * - `THREAD_SetPriority` and `THREAD_Set2Priority` accept any priority;
  *   one the platform refuses (above 99) is stored but leaves the thread's
  *   scheduling unchanged.
+ * - `THREAD_Create` stores the handle at `phThreadObj` before the thread
+ *   exists (and NULL again if the platform refuses it), so the new thread
+ *   may read it from there at once. A thread not created suspended finds
+ *   its start semaphore already posted and runs to its user function
+ *   without waiting for its creator. The process id of the start line is
+ *   read once per process (by `THREAD_Init`, and again in a child made by
+ *   `fork`).
  * - `THREAD_Create` refuses with KAVRO_E_FAIL and a line while the family is
  *   down (before `THREAD_Init` or after the last `THREAD_Exit`): without
  *   the family's key a thread could not find itself. With `numArgs` 1..8

@@ -1,6 +1,6 @@
 // Named-pipe channels: the family's life cycle, the reader's side, the
 // presence test and the writer's channel tables. The write itself is in
-// named_pipe_write.cpp.
+// fifo_write.cpp.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -77,10 +77,9 @@ void set_tables(FifoKeyEntry *pipes, FifoKeyEntry *streams) {
     std::memset(slots, 0, sizeof slots);
 }
 
-const char *install_root() {
-    const char *root = std::getenv("TRVXROOT");
-    return (root != nullptr && *root != '\0') ? root : nullptr;
-}
+// Null only when TRVXROOT is unset; an empty value is the root directory's
+// own "/kmxipc".
+const char *install_root() { return std::getenv("TRVXROOT"); }
 
 }  // namespace
 
@@ -93,7 +92,7 @@ FifoKeyEntry *fifo_table(int32_t isStreams) {
 }
 
 int fifo_index_path(char *buf, const char *root, uint32_t key, int32_t isStreams) {
-    if (root == nullptr || *root == '\0') return -1;
+    if (root == nullptr) return -1;
     int n = std::snprintf(buf, kFifoPathSize, "%s%s.%d", root,
                           isStreams != 0 ? "/kmxipc/.strpipe" : "/kmxipc/.pipe",
                           static_cast<int32_t>(key));

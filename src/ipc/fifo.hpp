@@ -36,7 +36,7 @@ FifoKeyEntry *fifo_table(int32_t isStreams);
 
 // Builds the index pipe's name of a channel into buf (kFifoPathSize bytes),
 // leaving room for the three underscores of the rank pipes. Returns the
-// name's length, or -1 when TRVXROOT is unset or empty, -2 when the root is
+// name's length, or -1 when TRVXROOT is unset, -2 when the root is
 // too long for the longest channel name (nothing usable is left in buf).
 int fifo_index_path(char *buf, uint32_t key, int32_t isStreams);
 // The same from an explicit install root.

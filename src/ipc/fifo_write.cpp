@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 
 #include "frame/internal.hpp"
 #include "kavro_rt/ipc.h"
@@ -37,18 +38,26 @@ void trace_setup() {
     count = 1;
 }
 
-// SIGPIPE is blocked once per thread and left blocked; remembering that
-// spares every later write a system call.
-thread_local bool sigpipe_blocked = false;
-
-void block_sigpipe() {
-    if (sigpipe_blocked) return;
+// SIGPIPE is blocked on every write, not once per thread: the thread, or a
+// library it calls, may unblock it or restore its default action between
+// two writes, and a write to a vanished reader must still fail with EPIPE
+// instead of ending the process. The mask is not put back afterwards, so
+// this is one system call per write; the set is built once.
+const sigset_t sigpipe_only = [] {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    sigpipe_blocked = true;
-}
+    return set;
+}();
+
+void block_sigpipe() { sigprocmask(SIG_BLOCK, &sigpipe_only, nullptr); }
+
+// fifo_lock as a lockable for std::unique_lock, which releases it on
+// every return of the write.
+struct FamilyLock {
+    void lock() { pthread_mutex_lock(&fifo_lock); }
+    void unlock() { pthread_mutex_unlock(&fifo_lock); }
+} family_lock;
 
 void close_all(const int32_t *fds, int n) {
     for (int i = 0; i < n; ++i) close(fds[i]);
@@ -122,13 +131,9 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t, uint32_t key, int32_t msgTag, c
                                       int32_t *written, uint32_t length, int32_t isStreams) {
     pthread_once(&trace_once, trace_setup);
 
-    pthread_mutex_lock(&fifo_lock);
-    if (buffer == nullptr || length == 0 || written == nullptr || key == 0) {
-        pthread_mutex_unlock(&fifo_lock);
-        return kInvalidArg;
-    }
+    std::unique_lock<FamilyLock> held(family_lock);
+    if (buffer == nullptr || length == 0 || written == nullptr || key == 0) return kInvalidArg;
     if (fifo_table(isStreams) == nullptr) {
-        pthread_mutex_unlock(&fifo_lock);
         diag(kFn, "the named pipe family is not initialised \n");
         return kFail;
     }
@@ -137,54 +142,40 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t, uint32_t key, int32_t msgTag, c
     int8_t rank = 0;
     fds[0] = search_key(key, msgTag, isStreams, &fds[1], &fds[2], &fds[3], &rank);
     if (fds[0] == 0) {
-        KAVRO_STATUS st = open_channel(key, msgTag, isStreams, fds, &rank);
-        if (st != 0) {
-            pthread_mutex_unlock(&fifo_lock);
-            return st;
-        }
+        if (KAVRO_STATUS st = open_channel(key, msgTag, isStreams, fds, &rank); st != 0) return st;
     }
 
     block_sigpipe();
 
     if (rank < 0 || rank > 2) {
         diag(kFn, "Corruption in rank field %d \n", rank);
-        pthread_mutex_unlock(&fifo_lock);
         return kFail;
     }
 
     *written = static_cast<int32_t>(write(fds[1 + rank], buffer, length));
     if (*written == -1) {
-        int err = errno;
+        const int err = errno;
         if (err == EPIPE || err == EBADF) {
             mark_key_removed(key, isStreams);
-            pthread_mutex_unlock(&fifo_lock);
             return kBrokenPipe;
         }
-        if (err == EAGAIN) {
-            pthread_mutex_unlock(&fifo_lock);
-            return kAgain;
-        }
+        if (err == EAGAIN) return kAgain;
         diag(kFn, "rank %d, Error is 0x%x : length 0x%x \n", rank, static_cast<unsigned>(err),
              static_cast<unsigned>(*written));
-        pthread_mutex_unlock(&fifo_lock);
         return kFail;
     }
 
     const uint8_t byte = static_cast<uint8_t>(rank);
     const ssize_t r = write(fds[0], &byte, 1);
-    const int err = errno;
+    const int err = r == 1 ? 0 : errno;  // before the trace send can change it
     if (OruDebug == 1) send_trace(buffer, length, isStreams);
-    if (r == 1) {
-        pthread_mutex_unlock(&fifo_lock);
-        return 0;
-    }
+    if (r == 1) return 0;
     if (err == EPIPE || err == EBADF) {
         mark_key_removed(key, isStreams);
-        pthread_mutex_unlock(&fifo_lock);
         return kBrokenPipe;
     }
     if (err == EAGAIN) {
-        pthread_mutex_unlock(&fifo_lock);
+        held.unlock();  // this line alone goes out after the lock is released
         diag(kFn,
              isStreams != 0
                  ? "Write error (EAGAIN), in Streams  errno is 0x%x : length 0x%x writefifo is %d \n"
@@ -194,7 +185,6 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t, uint32_t key, int32_t msgTag, c
     }
     diag(kFn, "Write error (default), errno is 0x%x : length 0x%x writefifo is %d \n",
          static_cast<unsigned>(err), static_cast<unsigned>(*written), fds[0]);
-    pthread_mutex_unlock(&fifo_lock);
     return kFail;
 }
 

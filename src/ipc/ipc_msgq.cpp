@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include "frame/internal.hpp"
@@ -22,13 +23,24 @@ int32_t queueid = 0;
 
 constexpr int kQueuePerms = IPC_CREAT | 0666;
 
-// Queue identifier of a handle, or false for a foreign one.
+// A queue handle's record: the documented two words, then a kind word that
+// tells it from a semaphore record, which carries the same tag. A semaphore
+// has there a set id (never negative) or its variant (0 or -1).
+struct QueueRecord {
+    MessageQueueRecord pub;
+    uint32_t kind;
+};
+static_assert(offsetof(QueueRecord, pub) == 0, "a handle is the record's address");
+constexpr uint32_t kQueueKind = 0xAEB8ACB2u;  // negative as a set id
+
+// Queue identifier of a handle, or false for a foreign one (nothing is read
+// past the first word of a record without the family tag).
 bool queue_of(void *handle, int32_t *id) {
     if (handle == nullptr) {
         *id = queueid;
         return true;
     }
-    if (!has_tag(handle, KAVRO_TAG_SEM)) return false;
+    if (!has_tag(handle, KAVRO_TAG_SEM) || static_cast<QueueRecord *>(handle)->kind != kQueueKind) return false;
     *id = static_cast<MessageQueueRecord *>(handle)->queueId;
     return true;
 }
@@ -100,10 +112,10 @@ KAVRO_API KAVRO_STATUS IPC_MSGQ_Create(void **outHandle, uint32_t key, const cha
     if (key == 0 && name == nullptr) return kInvalidArg;
     int id = msgget(static_cast<key_t>(key), kQueuePerms);
     if (id == -1) return kFail;
-    auto *q = static_cast<MessageQueueRecord *>(
-        KAVRO_OBJ_Alloc(sizeof(MessageQueueRecord), KAVRO_TAG_SEM, 0));
+    auto *q = static_cast<QueueRecord *>(KAVRO_OBJ_Alloc(sizeof(QueueRecord), KAVRO_TAG_SEM, 0));
     if (q == nullptr) return kOutOfMemory;
-    q->queueId = id;
+    q->pub.queueId = id;
+    q->kind = kQueueKind;
     *outHandle = q;
     return kOk;
 }

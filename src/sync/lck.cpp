@@ -9,6 +9,7 @@
 #include "kavro_rt/mem.h"
 #include "kavro_rt/sem.h"
 #include "kavro_rt/thread.h"
+#include "sync/lck.hpp"
 #include "sync/thread.hpp"
 
 namespace {

@@ -29,14 +29,19 @@ struct LocalSemaphore {
     sem_t posixSem;
     pthread_cond_t cond;
     pthread_mutex_t mutex;
-    // Counter kind: free units when positive; minus the number of threads
-    // waiting for a unit when negative.
+    // POSIX kind: the initial value. The counter kind keeps its count in
+    // `state` (cond and mutex stay zero: it does not use them).
     int32_t count;
-    // Counter kind, private to the implementation: threads inside a wait,
-    // and units handed to them by post or reset but not yet picked up (so a
-    // waiter can tell its unit from a spurious wake-up).
-    int32_t waiters;
-    int32_t handoffs;
+    // Counter kind, private to the implementation, one atomic word:
+    //   bits  0..31  the count: free units when positive, minus the number
+    //                of threads waiting for a unit when negative;
+    //   bits 32..47  threads waiting that no unit has been handed to yet;
+    //   bits 48..63  units handed to waiters by post or reset and not yet
+    //                picked up (a waiter tells its unit from a spurious
+    //                wake-up by them).
+    // Waiters sleep on the upper half (a futex word), which changes at every
+    // hand-over.
+    alignas(8) uint64_t state;
 };
 
 struct SysVSemaphore {

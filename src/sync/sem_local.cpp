@@ -1,6 +1,13 @@
-// Process-local semaphores: the counter kind (mutex, condition, signed
-// count, timed pends) and the POSIX kind (an unnamed POSIX semaphore).
+// Process-local semaphores: the counter kind (signed count, timed pends; one
+// atomic state word and a futex) and the POSIX kind (an unnamed POSIX
+// semaphore).
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cerrno>
+#include <climits>
 
 #include "frame/internal.hpp"
 #include "kavro_rt/mem.h"
@@ -19,42 +26,152 @@ namespace {
 
 constexpr int kMaxInterruptedWaits = 1000;
 
+// The tag is shared with System V semaphores and message queues: the type
+// and variant words tell a process-local record (read only once the tag and
+// the type say the record is long enough to hold them).
 LocalSemaphore *local(SEM_HANDLE h) {
-    return has_tag(h, KAVRO_TAG_SEM) ? static_cast<LocalSemaphore *>(h) : nullptr;
+    if (!has_tag(h, KAVRO_TAG_SEM)) return nullptr;
+    auto *s = static_cast<LocalSemaphore *>(h);
+    if (s->type != kavro::sem::kTypeLocal) return nullptr;
+    return s->variant == kavro::sem::kCounterKind || s->variant == kavro::sem::kPosixKind ? s : nullptr;
 }
-
-// GetCount reads `count` without the mutex, so every access to it is a
-// relaxed atomic: plain moves on this hardware, and well defined.
-inline int32_t load_count(const LocalSemaphore *s) { return __atomic_load_n(&s->count, __ATOMIC_RELAXED); }
-inline void store_count(LocalSemaphore *s, int32_t v) { __atomic_store_n(&s->count, v, __ATOMIC_RELAXED); }
 
 LocalSemaphore *alloc_record() {
     return static_cast<LocalSemaphore *>(KAVRO_OBJ_Alloc(sizeof(LocalSemaphore), KAVRO_TAG_SEM, 0));
 }
 
-// Called with the mutex held after the caller has claimed a unit (count
-// already decremented below 0). Returns with the mutex held.
+// The counter kind's state word (see sem.hpp): count, waiters, hand-overs.
+struct State {
+    int32_t count;
+    uint32_t waiters;
+    uint32_t handoffs;
+};
+inline State unpack(uint64_t v) {
+    return {static_cast<int32_t>(static_cast<uint32_t>(v)), static_cast<uint32_t>(v >> 32) & 0xFFFFu,
+            static_cast<uint32_t>(v >> 48)};
+}
+inline uint64_t pack(State st) {
+    return static_cast<uint64_t>(static_cast<uint32_t>(st.count)) | static_cast<uint64_t>(st.waiters) << 32 |
+           static_cast<uint64_t>(st.handoffs) << 48;
+}
+inline std::atomic_ref<uint64_t> state_of(LocalSemaphore *s) { return std::atomic_ref<uint64_t>(s->state); }
+
+// The upper half of the state word (waiters, hand-overs): what waiters sleep on.
+inline uint32_t *wait_word(LocalSemaphore *s) { return reinterpret_cast<uint32_t *>(&s->state) + 1; }
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the wait word is the upper half of the state");
+
+// A 32-bit build with a 64-bit time_t hands the kernel a 64-bit timespec.
+#if defined(__i386__) && defined(__USE_TIME_BITS64)
+constexpr long kFutexCall = SYS_futex_time64;
+#else
+constexpr long kFutexCall = SYS_futex;
+#endif
+
+// Sleeps while the wait word holds `seen`, until an absolute wall-clock
+// deadline or without limit. 0 after a wake-up, else the errno (EAGAIN: the
+// word had changed; EINTR; ETIMEDOUT).
+int futex_wait(uint32_t *word, uint32_t seen, const timespec *deadline) {
+    const long rc = deadline == nullptr
+                        ? syscall(kFutexCall, word, FUTEX_WAIT_PRIVATE, seen, nullptr, nullptr, 0)
+                        : syscall(kFutexCall, word, FUTEX_WAIT_BITSET_PRIVATE | FUTEX_CLOCK_REALTIME, seen,
+                                  deadline, nullptr, FUTEX_BITSET_MATCH_ANY);
+    return rc == 0 ? 0 : errno;
+}
+
+void futex_wake(uint32_t *word, int n) { syscall(kFutexCall, word, FUTEX_WAKE_PRIVATE, n, nullptr, nullptr, 0); }
+
+// The caller has claimed a unit (count decremented below 0, counted among
+// the waiters). Returns once a post or reset has handed a unit over, or on
+// time-out or a failed wait after giving the claim back, so that a negative
+// count keeps meaning "minus the number of waiters".
 KAVRO_STATUS wait_for_unit(LocalSemaphore *s, uint32_t timeoutMs) {
     const bool timed = timeoutMs != kWaitForever;
     timespec deadline{};
     if (timed) deadline = wall_deadline(timeoutMs);
-    ++s->waiters;
+    auto state = state_of(s);
     int r = 0;
+    uint64_t v = state.load(std::memory_order_relaxed);
     for (;;) {
-        if (s->handoffs > 0) {  // a post or reset handed a unit over: ours
-            --s->handoffs;
-            --s->waiters;
-            return kOk;
+        State st = unpack(v);
+        if (st.handoffs > 0) {  // a unit was handed over: take it (even at the moment of a time-out)
+            --st.handoffs;
+            if (state.compare_exchange_weak(v, pack(st), std::memory_order_acquire, std::memory_order_relaxed))
+                return kOk;
+            continue;
         }
-        if (r != 0 && r != EINTR) break;
-        r = timed ? pthread_cond_timedwait(&s->cond, &s->mutex, &deadline)
-                  : pthread_cond_wait(&s->cond, &s->mutex);
+        if (r != 0 && r != EINTR && r != EAGAIN) {  // timed out or failed: no unit came
+            --st.waiters;
+            ++st.count;
+            if (state.compare_exchange_weak(v, pack(st), std::memory_order_relaxed, std::memory_order_relaxed))
+                return r == ETIMEDOUT ? kTimeout : kFail;
+            continue;
+        }
+        // Interrupted, or the word changed: wait again until the same deadline.
+        r = futex_wait(wait_word(s), static_cast<uint32_t>(v >> 32), timed ? &deadline : nullptr);
+        v = state.load(std::memory_order_relaxed);
     }
-    // No unit came: give the claim back so that the count keeps meaning
-    // "minus the number of waiters".
-    --s->waiters;
-    store_count(s, load_count(s) + 1);
-    return r == ETIMEDOUT ? kTimeout : kFail;
+}
+
+KAVRO_STATUS counter_pend(LocalSemaphore *s, uint32_t timeoutMs) {
+    auto state = state_of(s);
+    uint64_t v = state.load(std::memory_order_relaxed);
+    for (;;) {
+        State st = unpack(v);
+        if (st.count > 0) {
+            --st.count;
+            if (state.compare_exchange_weak(v, pack(st), std::memory_order_acquire, std::memory_order_relaxed))
+                return kOk;
+        } else {
+            if (timeoutMs == 0) return kTimeout;  // never waits, claims nothing
+            --st.count;
+            ++st.waiters;
+            if (state.compare_exchange_weak(v, pack(st), std::memory_order_relaxed, std::memory_order_relaxed))
+                return wait_for_unit(s, timeoutMs);
+        }
+    }
+}
+
+// One unit more; handed straight to a waiter when one has none yet, which is
+// then woken. No lock is held while it wakes.
+void counter_post(LocalSemaphore *s) {
+    auto state = state_of(s);
+    uint64_t v = state.load(std::memory_order_relaxed);
+    State st;
+    do {
+        st = unpack(v);
+        ++st.count;
+        if (st.waiters > 0) {
+            --st.waiters;
+            ++st.handoffs;
+        }
+    } while (!state.compare_exchange_weak(v, pack(st), std::memory_order_release, std::memory_order_relaxed));
+    if (unpack(v).waiters > 0) futex_wake(wait_word(s), 1);
+}
+
+// Every waiter leaves with a unit, as if each had been posted; then the count.
+void counter_reset(LocalSemaphore *s, int32_t count) {
+    auto state = state_of(s);
+    uint64_t v = state.load(std::memory_order_relaxed);
+    State st;
+    do {
+        st = unpack(v);
+        st.handoffs += st.waiters;
+        st.waiters = 0;
+        st.count = count;
+    } while (!state.compare_exchange_weak(v, pack(st), std::memory_order_release, std::memory_order_relaxed));
+    if (unpack(v).waiters > 0) futex_wake(wait_word(s), INT_MAX);
+}
+
+bool counter_trypend(LocalSemaphore *s) {
+    auto state = state_of(s);
+    uint64_t v = state.load(std::memory_order_relaxed);
+    for (;;) {
+        State st = unpack(v);
+        if (st.count <= 0) return false;
+        --st.count;
+        if (state.compare_exchange_weak(v, pack(st), std::memory_order_acquire, std::memory_order_relaxed))
+            return true;
+    }
 }
 
 KAVRO_STATUS posix_pend(LocalSemaphore *s) {
@@ -84,13 +201,7 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_Create(SEM_HANDLE *handle, int32_t initialCount)
     if (handle == nullptr) return kInvalidArg;
     LocalSemaphore *s = alloc_record();
     if (s == nullptr) return kOutOfMemory;
-    pthread_cond_init(&s->cond, nullptr);
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
-    pthread_mutex_init(&s->mutex, &attr);
-    pthread_mutexattr_destroy(&attr);
-    s->count = initialCount;
+    s->state = pack({initialCount, 0, 0});
     s->type = kavro::sem::kTypeLocal;
     s->variant = kavro::sem::kCounterKind;
     *handle = s;
@@ -114,12 +225,7 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_Delete(SEM_HANDLE handle) {
     kavro::detail::count_up(pthr_sem_freed);
     LocalSemaphore *s = local(handle);
     if (s == nullptr) return kFail;
-    if (s->variant == kavro::sem::kCounterKind) {
-        pthread_cond_destroy(&s->cond);
-        pthread_mutex_destroy(&s->mutex);
-    } else {
-        sem_destroy(&s->posixSem);
-    }
+    if (s->variant == kavro::sem::kPosixKind) sem_destroy(&s->posixSem);
     KAVRO_OBJ_Free(s, 0);
     return kOk;
 }
@@ -127,20 +233,7 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_Delete(SEM_HANDLE handle) {
 KAVRO_API KAVRO_STATUS PTHR_SEM_Pend(SEM_HANDLE handle, uint32_t timeoutMs) {
     LocalSemaphore *s = local(handle);
     if (s == nullptr) return kFail;
-    if (s->variant != kavro::sem::kCounterKind) return posix_pend(s);
-    if (pthread_mutex_lock(&s->mutex) != 0) return kFail;
-    const int32_t count = load_count(s);
-    KAVRO_STATUS status = kOk;
-    if (count > 0) {
-        store_count(s, count - 1);
-    } else if (timeoutMs == 0) {
-        status = kTimeout;
-    } else {
-        store_count(s, count - 1);
-        status = wait_for_unit(s, timeoutMs);
-    }
-    pthread_mutex_unlock(&s->mutex);
-    return status;
+    return s->variant == kavro::sem::kCounterKind ? counter_pend(s, timeoutMs) : posix_pend(s);
 }
 
 KAVRO_API KAVRO_STATUS PTHR_SEM_TryPend(SEM_HANDLE handle) {
@@ -153,13 +246,8 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_TryPend(SEM_HANDLE handle) {
         if (sem_trywait(&s->posixSem) == 0) return kOk;
         return errno == EAGAIN ? kAgain : kFail;
     }
-    // Tested under the mutex, so a unit seen free is a unit taken: no
-    // thread ever has to wait here.
-    if (pthread_mutex_lock(&s->mutex) != 0) return kFail;
-    const int32_t count = load_count(s);
-    if (count > 0) store_count(s, count - 1);
-    pthread_mutex_unlock(&s->mutex);
-    return count > 0 ? kOk : kAgain;
+    // A unit seen free is taken in the same atomic step: no thread ever waits here.
+    return counter_trypend(s) ? kOk : kAgain;
 }
 
 KAVRO_API KAVRO_STATUS PTHR_SEM_Post(SEM_HANDLE handle) {
@@ -169,14 +257,7 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_Post(SEM_HANDLE handle) {
         sem_post(&s->posixSem);
         return kOk;
     }
-    if (pthread_mutex_lock(&s->mutex) != 0) return kFail;
-    store_count(s, load_count(s) + 1);
-    // Signal only when a waiter is still without its unit.
-    if (s->waiters > s->handoffs) {
-        ++s->handoffs;
-        pthread_cond_signal(&s->cond);
-    }
-    pthread_mutex_unlock(&s->mutex);
+    counter_post(s);
     return kOk;
 }
 
@@ -184,14 +265,7 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_Reset(SEM_HANDLE handle, int32_t count) {
     LocalSemaphore *s = local(handle);
     if (s == nullptr) return kFail;
     if (s->variant != kavro::sem::kCounterKind) return posix_reset(s, count);
-    if (pthread_mutex_lock(&s->mutex) != 0) return kFail;
-    // Every waiter leaves with a unit, as if each had been posted.
-    if (s->waiters > s->handoffs) {
-        s->handoffs = s->waiters;
-        pthread_cond_broadcast(&s->cond);
-    }
-    store_count(s, count);
-    pthread_mutex_unlock(&s->mutex);
+    counter_reset(s, count);
     return kOk;
 }
 
@@ -205,7 +279,7 @@ KAVRO_API KAVRO_STATUS PTHR_SEM_GetCount(SEM_HANDLE handle, int32_t *count) {
         *count = value;
         return kOk;
     }
-    *count = load_count(s);
+    *count = unpack(state_of(s).load(std::memory_order_relaxed)).count;
     return kOk;
 }
 

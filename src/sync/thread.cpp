@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <semaphore.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -45,6 +46,10 @@ std::atomic<int> sched_policy{SCHED_FIFO};  // set from any thread, read at each
 const ThreadAttr defAttrs = {THREAD_ATTR_LENGTH, 1, 0, 0, THREAD_USE_CONTEXT, nullptr};
 const char kShortFormName[] = "unknown";
 
+// The process id for the start line, read once per process rather than once
+// per thread (a forked child reads its own).
+std::atomic<long> processId{0};
+
 // Records of threads that have been created and not yet released. Only
 // THREAD_Join and its self test search it, by address.
 pthread_mutex_t liveLock = PTHREAD_MUTEX_INITIALIZER;
@@ -83,6 +88,7 @@ bool live_contains(const ThreadRecord *r) {
 void live_prepare_fork() { pthread_mutex_lock(&liveLock); }
 void live_parent_after_fork() { pthread_mutex_unlock(&liveLock); }
 void live_child_after_fork() {
+    processId.store(static_cast<long>(getpid()), std::memory_order_relaxed);
     auto *self = keyValid.load(std::memory_order_acquire)
                      ? static_cast<ThreadObj *>(pthread_getspecific(infoKey))
                      : nullptr;
@@ -104,6 +110,11 @@ void live_child_after_fork() {
 pthread_once_t forkHandlersOnce = PTHREAD_ONCE_INIT;
 void install_fork_handlers() { pthread_atfork(live_prepare_fork, live_parent_after_fork, live_child_after_fork); }
 
+ThreadObj *thread_self_record() {
+    return keyValid.load(std::memory_order_acquire) ? static_cast<ThreadObj *>(pthread_getspecific(infoKey))
+                                                    : nullptr;
+}
+
 // Puts a portable priority into effect on the thread. Platform refusals are
 // not reported: the stored priority is what the caller asked for.
 void apply_priority(ThreadRecord *r, uint32_t priority) {
@@ -117,7 +128,10 @@ void apply_priority(ThreadRecord *r, uint32_t priority) {
         THREAD_TranslatePriority(priority, &platform);
         sp.sched_priority = platform;
     }
-    pthread_setschedparam(r->obj.systemHandle, policy, &sp);
+    // A thread changing itself names itself: its id is then known even while
+    // its creator may still be inside THREAD_Create.
+    const pthread_t target = thread_self_record() == &r->obj ? pthread_self() : r->obj.systemHandle;
+    pthread_setschedparam(target, policy, &sp);
 }
 
 // The second of the two releases frees the record; the thread's own end is
@@ -162,7 +176,7 @@ void call_user(ThreadObj *o) {
 
 void *helperEntry(void *arg) {
     ThreadObj *o = &static_cast<ThreadRecord *>(arg)->obj;
-    const long pid = static_cast<long>(getpid());
+    const long pid = processId.load(std::memory_order_relaxed);
     if (keyValid.load(std::memory_order_acquire)) pthread_setspecific(infoKey, o);
     while (sem_wait(&o->startSem) != 0 && errno == EINTR) {
     }
@@ -181,14 +195,165 @@ void *helperEntry(void *arg) {
 
 unsigned long word_of(const void *p) { return static_cast<unsigned long>(reinterpret_cast<uintptr_t>(p)); }
 
+const char kCreateFn[] = "THREAD_Create";
+
+// THREAD_Create's argument checks, in the order of their lines: the attribute
+// block (brought to its full form in *a), then the pointers. kOk, or the
+// status of the first rejected argument with its line.
+KAVRO_STATUS check_create(ThreadObj **phThreadObj, THREAD_UserFn fnUser, const void *context,
+                          const ThreadAttr *attr, ThreadAttr *a) {
+    if (attr == nullptr) {
+        *a = defAttrs;
+    } else if (attr->length == THREAD_ATTR_LENGTH) {
+        *a = *attr;
+    } else if (attr->length == THREAD_ATTR_SHORT_LENGTH) {
+        // The short form has no name word: read nothing past word 4.
+        a->length = THREAD_ATTR_LENGTH;
+        a->priority = attr->priority;
+        a->startSuspended = attr->startSuspended & 1u;
+        a->reserved = attr->reserved;
+        a->numArgs = attr->numArgs;
+        a->name = kShortFormName;
+    } else {
+        diag(kCreateFn, "Error, invalid attribute length\n");
+        return kInvalidArg;
+    }
+    if (a->priority > THREAD_MAX_PRIORITY) {
+        diag(kCreateFn, "Error, invalid priority = %d, min = %d, max = %d\n", static_cast<int>(a->priority),
+             static_cast<int>(THREAD_MIN_PRIORITY), static_cast<int>(THREAD_MAX_PRIORITY));
+        return kInvalidArg;
+    }
+    if (a->numArgs < THREAD_USE_CONTEXT || a->numArgs > THREAD_MAX_ARGS) {
+        diag(kCreateFn, "Error, invalid num of args = %d, useContext = %d, max = %d\n", a->numArgs,
+             THREAD_USE_CONTEXT, THREAD_MAX_ARGS);
+        return kInvalidArg;
+    }
+    if (phThreadObj == nullptr || fnUser == nullptr) {
+        diag(kCreateFn, "Error, pointer is NULL, phThreadObj = 0x%lX, fnUser = 0x%lX\n", word_of(phThreadObj),
+             static_cast<unsigned long>(reinterpret_cast<uintptr_t>(fnUser)));
+        return kNullPointer;
+    }
+    if (a->numArgs > 0 && context == nullptr) {
+        diag(kCreateFn, "Error, argument array is NULL, numArgs = %d\n", a->numArgs);
+        return kNullPointer;
+    }
+    if (!keyValid.load(std::memory_order_acquire)) {
+        diag(kCreateFn, "Error, thread family is not initialised\n");
+        return kFail;
+    }
+    return kOk;
+}
+
+// What the thread would inherit; priority 0 returns it there later. One
+// system call where the kernel has sched_getattr, two otherwise.
+void read_creator_sched(ThreadRecord *r) {
+    struct {  // the kernel's struct sched_attr, first version
+        uint32_t size, policy;
+        uint64_t flags;
+        int32_t nice;
+        uint32_t priority;
+        uint64_t runtime, deadline, period;
+    } sa{};
+    int policy = -1;
+    sched_param param{};
+    if (syscall(SYS_sched_getattr, 0, &sa, sizeof sa, 0) == 0) {
+        policy = static_cast<int>(sa.policy);
+        param.sched_priority = static_cast<int>(sa.priority);
+    } else if ((policy = sched_getscheduler(0)) >= 0 && sched_getparam(0, &param) != 0) {
+        policy = -1;
+    }
+    r->inheritPolicy = policy < 0 ? SCHED_OTHER : policy & ~SCHED_RESET_ON_FORK;
+    r->inheritPriority = policy < 0 ? 0 : param.sched_priority;
+}
+
+// Fills a freshly allocated (zeroed) record from the checked attributes.
+void fill_record(ThreadRecord *r, THREAD_UserFn fnUser, void *context, const ThreadAttr &a) {
+    ThreadObj *o = &r->obj;
+    o->fnUser = fnUser;
+    o->context = context;
+    kavro::detail::count_up(threadalloccalls);
+    o->lockCount = 0;
+    o->priority = a.priority;
+    o->previousPriority = 0;
+    o->creator = pthread_self();
+    if (a.name != nullptr) {
+        std::strncpy(o->name, a.name, THREAD_NAME_SIZE - 1);
+        o->name[THREAD_NAME_SIZE - 1] = '\0';
+    }
+    o->numArgs = a.numArgs;
+    if (a.numArgs > 0) std::memcpy(o->args, context, sizeof(uint32_t) * static_cast<size_t>(a.numArgs));
+
+    read_creator_sched(r);
+}
+
+// The platform attributes of a new thread: stack size, scheduling (explicit
+// for priorities 1..15, inherited for 0), detached.
+struct PlatformAttrs {
+    int32_t stackSize;
+    int policy;  // unused for priority 0
+    uint32_t priority;
+    pthread_attr_t attr;
+};
+
+void build_platform_attrs(PlatformAttrs *p) {
+    pthread_attr_t *pa = &p->attr;
+    pthread_attr_init(pa);
+    if (p->stackSize != 0) pthread_attr_setstacksize(pa, static_cast<size_t>(p->stackSize));
+    if (p->priority != 0) {
+        pthread_attr_setinheritsched(pa, PTHREAD_EXPLICIT_SCHED);
+        pthread_attr_setscope(pa, PTHREAD_SCOPE_SYSTEM);
+        pthread_attr_setschedpolicy(pa, p->policy);
+        sched_param sp{};
+        int32_t platform = 0;
+        THREAD_TranslatePriority(p->priority, &platform);
+        sp.sched_priority = platform;
+        pthread_attr_setschedparam(pa, &sp);  // asks the kernel for the policy's range
+    } else {
+        pthread_attr_setinheritsched(pa, PTHREAD_INHERIT_SCHED);
+    }
+    pthread_attr_setdetachstate(pa, PTHREAD_CREATE_DETACHED);
+}
+
+// Attribute objects already built, one per combination of stack size, policy
+// and priority met so far, so that a creation does not set them up (and ask
+// the kernel for the priority range) each time. A slot is filled once and
+// then only read; pthread_create only reads the object it is given.
+constexpr int kAttrSlots = 64;
+PlatformAttrs attrSlots[kAttrSlots];
+std::atomic<int> attrSlotState[kAttrSlots];  // 0 free, 1 being built, 2 ready
+constexpr int kSlotFree = 0, kSlotBuilding = 1, kSlotReady = 2;
+
+// The attributes for `want` (whose attr is unset): a ready slot's, or `want`'s
+// own, built, when every slot is taken.
+const pthread_attr_t *platform_attrs(PlatformAttrs *want) {
+    const bool inherit = want->priority == 0;
+    for (int i = 0; i < kAttrSlots; ++i) {
+        int st = attrSlotState[i].load(std::memory_order_acquire);
+        if (st == kSlotFree &&
+            attrSlotState[i].compare_exchange_strong(st, kSlotBuilding, std::memory_order_acquire)) {
+            PlatformAttrs &slot = attrSlots[i];
+            slot.stackSize = want->stackSize;
+            slot.policy = want->policy;
+            slot.priority = want->priority;
+            build_platform_attrs(&slot);
+            attrSlotState[i].store(kSlotReady, std::memory_order_release);
+            return &slot.attr;
+        }
+        if (st != kSlotReady) continue;  // another creator is filling it
+        const PlatformAttrs &slot = attrSlots[i];
+        if (slot.stackSize == want->stackSize && slot.priority == want->priority &&
+            (inherit || slot.policy == want->policy))
+            return &slot.attr;
+    }
+    build_platform_attrs(want);
+    return &want->attr;
+}
+
 }  // namespace
 
 namespace kavro::detail {
 
-ThreadObj *thread_self() {
-    return keyValid.load(std::memory_order_acquire) ? static_cast<ThreadObj *>(pthread_getspecific(infoKey))
-                                                    : nullptr;
-}
+ThreadObj *thread_self() { return thread_self_record(); }
 
 uint32_t thread_live_count() {
     pthread_mutex_lock(&liveLock);
@@ -209,6 +374,7 @@ KAVRO_API int32_t THREAD_Init(void) {
         ++cRefs;
         return 1;
     }
+    processId.store(static_cast<long>(getpid()), std::memory_order_relaxed);  // before keyValid publishes it
     keyValid.store(pthread_key_create(&infoKey, nullptr) == 0, std::memory_order_release);
     pthread_once(&forkHandlersOnce, install_fork_handlers);
     int32_t size = 0;
@@ -228,108 +394,35 @@ KAVRO_API int32_t THREAD_Exit(void) {
 
 KAVRO_API KAVRO_STATUS THREAD_Create(ThreadObj **phThreadObj, THREAD_UserFn fnUser, void *context,
                                      const ThreadAttr *attr) {
-    static const char fn[] = "THREAD_Create";
     if (phThreadObj != nullptr) *phThreadObj = nullptr;
-
     ThreadAttr a;
-    if (attr == nullptr) {
-        a = defAttrs;
-    } else if (attr->length == THREAD_ATTR_LENGTH) {
-        a = *attr;
-    } else if (attr->length == THREAD_ATTR_SHORT_LENGTH) {
-        // The short form has no name word: read nothing past word 4.
-        a.length = THREAD_ATTR_LENGTH;
-        a.priority = attr->priority;
-        a.startSuspended = attr->startSuspended & 1u;
-        a.reserved = attr->reserved;
-        a.numArgs = attr->numArgs;
-        a.name = kShortFormName;
-    } else {
-        diag(fn, "Error, invalid attribute length\n");
-        return kInvalidArg;
-    }
-    if (a.priority > THREAD_MAX_PRIORITY) {
-        diag(fn, "Error, invalid priority = %d, min = %d, max = %d\n", static_cast<int>(a.priority),
-             static_cast<int>(THREAD_MIN_PRIORITY), static_cast<int>(THREAD_MAX_PRIORITY));
-        return kInvalidArg;
-    }
-    if (a.numArgs < THREAD_USE_CONTEXT || a.numArgs > THREAD_MAX_ARGS) {
-        diag(fn, "Error, invalid num of args = %d, useContext = %d, max = %d\n", a.numArgs, THREAD_USE_CONTEXT,
-             THREAD_MAX_ARGS);
-        return kInvalidArg;
-    }
-    if (phThreadObj == nullptr || fnUser == nullptr) {
-        diag(fn, "Error, pointer is NULL, phThreadObj = 0x%lX, fnUser = 0x%lX\n", word_of(phThreadObj),
-             static_cast<unsigned long>(reinterpret_cast<uintptr_t>(fnUser)));
-        return kNullPointer;
-    }
-    if (a.numArgs > 0 && context == nullptr) {
-        diag(fn, "Error, argument array is NULL, numArgs = %d\n", a.numArgs);
-        return kNullPointer;
-    }
-    if (!keyValid.load(std::memory_order_acquire)) {
-        diag(fn, "Error, thread family is not initialised\n");
-        return kFail;
-    }
+    const KAVRO_STATUS checked = check_create(phThreadObj, fnUser, context, attr, &a);
+    if (checked != kOk) return checked;
 
     auto *r = static_cast<ThreadRecord *>(KAVRO_OBJ_Alloc(sizeof(ThreadRecord), KAVRO_TAG_THREAD, 0));
     if (r == nullptr) {
-        diag(fn, "Error, failed to create KAVRO_OBJ object\n");
+        diag(kCreateFn, "Error, failed to create KAVRO_OBJ object\n");
         return kOutOfMemory;
     }
     ThreadObj *o = &r->obj;
-    o->fnUser = fnUser;
-    o->context = context;
-    kavro::detail::count_up(threadalloccalls);
-    o->lockCount = 0;
-    o->priority = a.priority;
-    o->previousPriority = 0;
-    o->creator = pthread_self();
-    if (a.name != nullptr) {
-        std::strncpy(o->name, a.name, THREAD_NAME_SIZE - 1);
-        o->name[THREAD_NAME_SIZE - 1] = '\0';
-    }
-    o->numArgs = a.numArgs;
-    if (a.numArgs > 0) std::memcpy(o->args, context, sizeof(uint32_t) * static_cast<size_t>(a.numArgs));
-    sem_init(&o->startSem, 0, 0);
+    fill_record(r, fnUser, context, a);
 
-    // What the thread would inherit; priority 0 returns it there later.
-    const int creatorPolicy = sched_getscheduler(0);
-    sched_param creatorParam{};
-    if (creatorPolicy < 0 || sched_getparam(0, &creatorParam) != 0) {
-        r->inheritPolicy = SCHED_OTHER;
-        r->inheritPriority = 0;
-    } else {
-        r->inheritPolicy = creatorPolicy & ~SCHED_RESET_ON_FORK;
-        r->inheritPriority = creatorParam.sched_priority;
-    }
-
-    pthread_attr_t pa;
-    pthread_attr_init(&pa);
-    if (PelStackSize != 0) pthread_attr_setstacksize(&pa, static_cast<size_t>(PelStackSize));
-    if (a.priority != 0) {
-        pthread_attr_setinheritsched(&pa, PTHREAD_EXPLICIT_SCHED);
-        pthread_attr_setscope(&pa, PTHREAD_SCOPE_SYSTEM);
-        pthread_attr_setschedpolicy(&pa, sched_policy.load(std::memory_order_relaxed));
-        sched_param sp{};
-        int32_t platform = 0;
-        THREAD_TranslatePriority(a.priority, &platform);
-        sp.sched_priority = platform;
-        pthread_attr_setschedparam(&pa, &sp);
-    } else {
-        pthread_attr_setinheritsched(&pa, PTHREAD_INHERIT_SCHED);
-    }
-    pthread_attr_setdetachstate(&pa, PTHREAD_CREATE_DETACHED);
-
+    PlatformAttrs own{PelStackSize, sched_policy.load(std::memory_order_relaxed), a.priority, {}};
+    const pthread_attr_t *pa = platform_attrs(&own);
     o->autoFree = 1;
-    // Set before anyone can hold the handle; decided from the local copy, since
-    // once the handle is out THREAD_SetPriority may clear the flag and release.
+    // Everything the thread may read is written before it exists, the handle
+    // included: a thread that starts at once finds its start semaphore posted
+    // and never blocks on its way to user code. A suspended one waits there
+    // until THREAD_SetPriority posts it.
     const bool startNow = a.startSuspended == 0;
     o->suspended = startNow ? 0 : 1;
+    sem_init(&o->startSem, 0, startNow ? 1 : 0);
     live_add(r);
-    const int rc = pthread_create(&o->systemHandle, &pa, helperEntry, r);
-    pthread_attr_destroy(&pa);
+    *phThreadObj = o;
+    const int rc = pthread_create(&o->systemHandle, pa, helperEntry, r);
+    if (pa == &own.attr) pthread_attr_destroy(&own.attr);
     if (rc != 0) {
+        *phThreadObj = nullptr;
         sem_destroy(&o->startSem);
         pthread_mutex_lock(&liveLock);
         live_unlink(r);
@@ -337,8 +430,6 @@ KAVRO_API KAVRO_STATUS THREAD_Create(ThreadObj **phThreadObj, THREAD_UserFn fnUs
         KAVRO_OBJ_Free(o, 0);
         return kFail;
     }
-    *phThreadObj = o;
-    if (startNow) sem_post(&o->startSem);
     return kOk;
 }
 
@@ -372,6 +463,9 @@ KAVRO_API KAVRO_STATUS THREAD_Set2Priority(ThreadObj *obj, uint32_t priority, ui
     if (oldPriority != nullptr) *oldPriority = obj->priority;
     if (obj->priority == priority) {
         *changed = 0;
+        // Already there outside any lock (raised by THREAD_SetPriority): this
+        // is the priority to return to, not whatever an older change left.
+        if (obj->lockCount == 0) obj->previousPriority = priority;
     } else {
         *changed = 1;
         obj->previousPriority = obj->priority;

@@ -1,10 +1,8 @@
-// Internals of the thread and task-lock families that the other family and
-// the tests reach.
+// Internals of the thread family that the task lock and the tests reach.
 #pragma once
 
 #include <cstdint>
 
-#include "kavro_rt/lck.h"
 #include "kavro_rt/thread.h"
 
 namespace kavro::detail {
@@ -15,11 +13,5 @@ ThreadObj *thread_self();
 
 // Number of thread records alive (created and not yet released).
 uint32_t thread_live_count();
-
-// The task-lock family's default lock and second lock (null before the
-// first LCK_Init), and its reference count.
-LckObj *lck_first_lock();
-LckObj *lck_lock2();
-int32_t lck_refs();
 
 }  // namespace kavro::detail
