@@ -8,7 +8,8 @@ trap 'rm -rf "$work"' EXIT
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
 
 pc=$(find "$work/prefix" -name kavro_rt.pc)
-export PKG_CONFIG_PATH=$(dirname "$pc")
+PKG_CONFIG_PATH=$(dirname "$pc")
+export PKG_CONFIG_PATH
 # shellcheck disable=SC2046,SC2086
 cc $cflags "$host/host.c" -o "$work/host-pc" $(pkg-config --cflags --libs kavro_rt)
 libdir=$(pkg-config --variable=libdir kavro_rt)
