@@ -1,6 +1,7 @@
-// The registry's record reader and writer, reachable by the tests and the
-// benchmark. The exported REG_ operations are thin calls of reg_get_file and
-// reg_set_file with the fixed paths.
+// The registry's record codec (reader, writer, lookup, rewrite; reg_codec.cpp),
+// used by the library, the kavro tool, the tests, the fuzzer and the benchmark,
+// and the file operations (reg.cpp): the exported REG_ operations are thin
+// calls of reg_get_file and reg_set_file with the fixed paths.
 #pragma once
 
 #include <cstddef>
@@ -103,8 +104,8 @@ uint32_t reg_parse_hex(const char *p, size_t n);
 // REG_GetValue and REG_SetValue on a registry at `path` (temporary copy at
 // `tmp_path`, in the same directory), with the lines of those operations.
 KAVRO_STATUS reg_get_file(const char *path, const char *subkey, const char *entry, void *value, uint32_t capacity);
-KAVRO_STATUS reg_set_file(const char *path, const char *tmp_path, const char *subkey, const char *entry,
-                          uint32_t type, const void *value);
+KAVRO_STATUS reg_set_file(const char *path, const char *tmp_path, const char *subkey, const char *entry, uint32_t type,
+                          const void *value);
 
 // Steps of a registry replacement, for fault injection in tests: a hook that
 // returns true makes that step fail (as a full disk would); at Renamed the
