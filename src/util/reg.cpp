@@ -230,7 +230,9 @@ KAVRO_API KAVRO_STATUS REG_GetValue(void *phKey, const char *pstrSubkey, const c
         diag(fn, "do not support valid key (phKey)\n");
         return kNotImpl;
     }
-    return reg_get_file(regFileName, pstrSubkey, pstrEntry, pValue, *pdwValueSize);
+    // A size of 0 states no bound: the caller's buffer holds any value.
+    const uint32_t capacity = *pdwValueSize != 0 ? *pdwValueSize : KAVRO_REG_VALUE_MAX;
+    return reg_get_file(regFileName, pstrSubkey, pstrEntry, pValue, capacity);
 }
 
 KAVRO_API KAVRO_STATUS REG_SetValue(void *hKey, const char *pstrSubkey, const char *pstrEntry, uint32_t dwType,

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "kavro_rt/reg.h"
 #include "kavro_rt/status.h"
 
 namespace kavro::detail {
@@ -17,6 +18,7 @@ namespace kavro::detail {
 inline constexpr size_t kRegPieceMax = 254;
 // Longest subkey, entry name or string value that reads back as one line.
 inline constexpr size_t kRegTextMax = kRegPieceMax - 1;
+static_assert(KAVRO_REG_VALUE_MAX == kRegPieceMax + 1, "a value is at most one piece and its terminator");
 
 struct RegLine {
     const char *p;
