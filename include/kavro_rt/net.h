@@ -44,8 +44,8 @@ KAVRO_BEGIN_DECLS
 
 /** An interface handed out by `NET_GetInterface`. */
 typedef struct InterfaceRecord {
-    uint32_t tag;                    /**< KAVRO_TAG_NET (0x2434A432) */
-    char name[KAVRO_NET_NAME_SIZE];  /**< the interface name, zero-terminated */
+    uint32_t tag;                   /**< KAVRO_TAG_NET (0x2434A432) */
+    char name[KAVRO_NET_NAME_SIZE]; /**< the interface name, zero-terminated */
 } InterfaceRecord;
 
 /**
