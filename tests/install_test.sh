@@ -16,7 +16,8 @@ check "kavro --version" "$("$work/prefix/bin/kavro" --version | head -1)" "libka
 
 pc=$(find "$work/prefix" -name kavro_rt.pc)
 case $pc in */lib/*-linux-gnu/pkgconfig/kavro_rt.pc) ;; *) echo "FAIL .pc not in the multiarch libdir: $pc" >&2; exit 1 ;; esac
-export PKG_CONFIG_PATH=$(dirname "$pc")
+PKG_CONFIG_PATH=$(dirname "$pc")
+export PKG_CONFIG_PATH
 # shellcheck disable=SC2046,SC2086
 cc $cflags "$host/host.c" -o "$work/host-pc" $(pkg-config --cflags --libs kavro_rt)
 check pkg-config "$(LD_LIBRARY_PATH=$(pkg-config --variable=libdir kavro_rt) "$work/host-pc")" "$want"

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <string>
 
@@ -106,6 +107,20 @@ TEST(LdrModule, ModulesThatCannotLoadGiveANullHandle) {
     // The objects were counted and released.
     EXPECT_EQ(ldralloc_calls, allocs + 2);
     EXPECT_EQ(mem_counters().memgenfreecalls, mem_before.memgenfreecalls + 2);
+}
+
+// A missing symbol gives errno as the caller's thread had it, top bit set.
+TEST(LdrModule, MissingSymbolGivesErrnoAsItStands) {
+    LDR_Module *mod = nullptr;
+    CaptureStdout();
+    CaptureStderr();
+    ASSERT_EQ(LDR_LoadModule(&mod, KAVRO_TEST_MODULE), KAVRO_OK);
+    void *addr = nullptr;
+    errno = E2BIG;
+    EXPECT_EQ(LDR_GetProcAddress(mod, "kavro_test_absent", &addr), 0x80000000u | E2BIG);
+    EXPECT_EQ(LDR_FreeModule(mod), KAVRO_OK);
+    GetCapturedStdout();
+    GetCapturedStderr();
 }
 
 }  // namespace

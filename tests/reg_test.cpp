@@ -355,4 +355,21 @@ TEST(RegFile, ConcurrentWritersLoseNoUpdate) {
     });
 }
 
+// A size of 0 states no bound; a non-zero size is the buffer's capacity.
+TEST(RegFile, ValueSizeZeroSetsNoBound) {
+    in_private_torvanex([] {
+        ASSERT_TRUE(write_file(kReg, kSample));
+        uint32_t v = 0, zero = 0, one = 1;
+        char text[KAVRO_REG_VALUE_MAX];
+        EXPECT_EQ(REG_GetValue(nullptr, "Tmr", "Period", &v, &zero), KAVRO_OK);
+        EXPECT_EQ(v, 0x10u);
+        EXPECT_EQ(REG_GetValue(nullptr, "App", "Name", text, &zero), KAVRO_OK);
+        EXPECT_STREQ(text, "hello");
+        EXPECT_EQ(zero, 0u);  // read, never written
+        CaptureStderr();
+        EXPECT_EQ(REG_GetValue(nullptr, "App", "Name", text, &one), KAVRO_E_INVALIDARG);
+        GetCapturedStderr();
+    });
+}
+
 }  // namespace

@@ -23,9 +23,6 @@
  *   called on it (a second `LDR_FreeModule` of the same handle is refused,
  *   not a double free, as long as the heap has not reused the block).
  * - A NULL handle, out-pointer, path or symbol name gives KAVRO_E_INVALIDARG.
- * - A failed symbol lookup returns the thread's `errno` with the top bit
- *   set; when the loader left `errno` at 0 the result is KAVRO_E_FAIL, so it
- *   is never mistaken for a plain top-bit value.
  * - The family takes no lock; the counters are plain increments.
  */
 #ifndef KAVRO_RT_LDR_H
@@ -80,7 +77,9 @@ KAVRO_API KAVRO_STATUS LDR_LoadModule(LDR_Module **phModule, const char *pstrPat
  * @retval KAVRO_E_INVALIDARG @p hModule, @p pstrSymbol or @p ppAddress is NULL
  * @retval KAVRO_E_FAIL @p hModule is not a loaded module (freed or foreign)
  * @retval errno|0x80000000 the module has no such symbol (the loader's
- *                    reason as a line); KAVRO_E_FAIL when errno was 0
+ *                    reason as a line): the thread's errno as it stands
+ *                    after the lookup, not cleared before it (0x80000000
+ *                    when errno is 0)
  */
 KAVRO_API KAVRO_STATUS LDR_GetProcAddress(LDR_Module *hModule, const char *pstrSymbol, void **ppAddress);
 

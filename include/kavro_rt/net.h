@@ -24,8 +24,9 @@
  * - Names longer than 15 characters cannot name a kernel interface: the
  *   walk skips them and `NET_GetMacAddress` refuses them.
  * - Records come from `KAVRO_OBJ_Alloc`; the caller releases each one with
- *   `KAVRO_OBJ_Free(record, 0)`. `NET_GetInterface` sets `*record` to NULL
- *   first, so after any call a non-null `*record` is the caller's to free.
+ *   `KAVRO_OBJ_Free(record, 0)`. `NET_GetInterface` writes `*record` only
+ *   when it examines an interface, so a caller that sets `*record` to NULL
+ *   before each call owns any non-null `*record` after it.
  * - `NET_GetMacAddress` reports a failed query with KAVRO_E_FAIL and an empty
  *   text (48 zero bytes) instead of success with no text.
  */
@@ -43,8 +44,8 @@ KAVRO_BEGIN_DECLS
 
 /** An interface handed out by `NET_GetInterface`. */
 typedef struct InterfaceRecord {
-    uint32_t tag;                    /**< KAVRO_TAG_NET (0x2434A432) */
-    char name[KAVRO_NET_NAME_SIZE];  /**< the interface name, zero-terminated */
+    uint32_t tag;                   /**< KAVRO_TAG_NET (0x2434A432) */
+    char name[KAVRO_NET_NAME_SIZE]; /**< the interface name, zero-terminated */
 } InterfaceRecord;
 
 /**
@@ -70,9 +71,10 @@ KAVRO_API int32_t _getDeviceList(void);
  * and is up; interfaces that are down or have no IPv4 address are passed
  * over (and the cursor with them).
  *
- * @param record receives the new record (set to NULL first). On a failure
- *               after an interface was examined it holds a record naming
- *               that interface; the caller frees any non-null record.
+ * @param record receives the new record. Left as it was when the call fails
+ *               before examining an interface (end of the list, out of
+ *               memory); on a failure after an interface was examined it
+ *               holds a record naming that interface, the caller's to free.
  * @retval 0          @p record names the interface
  * @retval KAVRO_E_FAIL no further usable interface, out of memory, or no
  *                    socket could be opened

@@ -42,9 +42,13 @@
  * - A new record is not added behind a last record that is incomplete
  *   (the file ends inside a record): it would not read back. The call
  *   fails with KAVRO_E_FAIL and the file stays as it was.
- * - The value size of `REG_GetValue` is the capacity of the value buffer in
- *   bytes: a string needs its length plus the terminator, a DWORD 4 bytes.
- *   It is read, never written.
+ * - The value size of `REG_GetValue` must not be NULL; it is read, never
+ *   written. A size of 0 sets no bound, so a caller that states none gets
+ *   its value: the buffer must then hold any value (KAVRO_REG_VALUE_MAX
+ *   bytes for a string, 4 for a DWORD). A non-zero size is the buffer's
+ *   capacity in bytes, and a value that does not fit (a string needs its
+ *   length plus the terminator, a DWORD 4 bytes) is refused with
+ *   KAVRO_E_INVALIDARG instead of overrunning the buffer.
  * - No operation leaves the file open, so `REG_Exit` has nothing to close
  *   (also when the temporary file could not be created).
  * - An empty value line reads as "" (REG_SZ) or 0 (REG_DWORD, also when
@@ -64,6 +68,9 @@ KAVRO_BEGIN_DECLS
 #define KAVRO_REG_BINARY 3u /**< "REG_BINARY": not supported */
 #define KAVRO_REG_DWORD  4u /**< "REG_DWORD": the value points to a uint32_t */
 /**@}*/
+
+/** Most bytes a value read by REG_GetValue takes: a string of 254 characters and its terminator. */
+#define KAVRO_REG_VALUE_MAX 255u
 
 /**
  * Count a user of the family. Nothing else is needed before use.
@@ -85,11 +92,12 @@ KAVRO_API int32_t REG_Exit(void);
  * @param pstrEntry    entry name wanted
  * @param pValue       receives the value: a NUL-terminated string (first
  *                     word of the value line) or a uint32_t
- * @param pdwValueSize capacity of @p pValue in bytes
+ * @param pdwValueSize capacity of @p pValue in bytes, or 0 for no bound (see
+ *                     Decisions); not written
  * @retval 0          the value was stored
  * @retval KAVRO_E_INVALIDARG @p pstrSubkey, @p pstrEntry or @p pdwValueSize is NULL
  *                    (with a line); @p pValue is NULL; or the value does not
- *                    fit (a string then becomes "" when at least one byte fits)
+ *                    fit a non-zero size (a string then becomes "")
  * @retval KAVRO_E_NOTIMPL @p phKey is not NULL (with a line); no record matches
  *                    (no line); the value is a REG_BINARY (with a line)
  * @retval KAVRO_E_FAIL the registry cannot be opened or read; the type line

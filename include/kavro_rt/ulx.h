@@ -9,6 +9,10 @@
 
 #include "status.h"
 
+/* Plain C99 <time.h> does not define it: declared here, so that the
+   prototype below names the one file-scope type. */
+struct timespec;
+
 KAVRO_BEGIN_DECLS
 
 /** Bring the process layer up. @retval 0 always. */

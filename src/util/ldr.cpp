@@ -81,14 +81,14 @@ KAVRO_API KAVRO_STATUS LDR_GetProcAddress(LDR_Module *hModule, const char *pstrS
     std::printf("KAVRO:%s: find library symbol %s \n", fn, pstrSymbol);
 
     // A symbol may legitimately be at address 0: only the loader's error
-    // state tells a missing one.
+    // state tells a missing one. errno is left as it stands: its value after
+    // the lookup is the caller's result.
     dlerror();
-    errno = 0;
     void *addr = dlsym(hModule->hModule, pstrSymbol);
     const int err = errno;
     if (const char *e = dlerror()) {
         diag(fn, "%s\n", e);
-        return err != 0 ? static_cast<KAVRO_STATUS>(err) | 0x80000000u : kFail;
+        return static_cast<KAVRO_STATUS>(err) | 0x80000000u;
     }
     *ppAddress = addr;
     return kOk;

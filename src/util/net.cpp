@@ -112,18 +112,20 @@ KAVRO_API KAVRO_STATUS NET_Init(void) {
 
 KAVRO_API KAVRO_STATUS NET_GetInterface(InterfaceRecord **record) {
     if (record == nullptr) return kInvalidArg;
-    *record = nullptr;
+    // *record is written only once an interface is examined: at the end of
+    // the list the caller's pointer stays as it was.
     auto *rec = static_cast<InterfaceRecord *>(KAVRO_OBJ_Alloc(sizeof(InterfaceRecord), KAVRO_TAG_NET, 0));
     if (rec == nullptr) return kFail;
+    bool handed_out = false;
     for (;;) {
         if (iCount < 0 || iCount >= kSlots || szDevList[iCount][0] == '\0') {
-            // Not handed out yet: the caller never saw it.
-            if (*record == nullptr) KAVRO_OBJ_Free(rec, 0);
+            if (!handed_out) KAVRO_OBJ_Free(rec, 0);  // the caller never saw it
             return kFail;
         }
         const char *name = szDevList[iCount++];
         std::memcpy(rec->name, name, kNetNameSize);
         *record = rec;
+        handed_out = true;
         const int sock = open_socket();
         if (sock < 0) return kFail;
         const bool usable = up_with_ipv4(sock, name);

@@ -1,11 +1,13 @@
-// The registry's record reader and writer, reachable by the tests and the
-// benchmark. The exported REG_ operations are thin calls of reg_get_file and
-// reg_set_file with the fixed paths.
+// The registry's record codec (reader, writer, lookup, rewrite; reg_codec.cpp),
+// used by the library, the kavro tool, the tests, the fuzzer and the benchmark,
+// and the file operations (reg.cpp): the exported REG_ operations are thin
+// calls of reg_get_file and reg_set_file with the fixed paths.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
+#include "kavro_rt/reg.h"
 #include "kavro_rt/status.h"
 
 namespace kavro::detail {
@@ -16,6 +18,7 @@ namespace kavro::detail {
 inline constexpr size_t kRegPieceMax = 254;
 // Longest subkey, entry name or string value that reads back as one line.
 inline constexpr size_t kRegTextMax = kRegPieceMax - 1;
+static_assert(KAVRO_REG_VALUE_MAX == kRegPieceMax + 1, "a value is at most one piece and its terminator");
 
 struct RegLine {
     const char *p;
@@ -103,8 +106,8 @@ uint32_t reg_parse_hex(const char *p, size_t n);
 // REG_GetValue and REG_SetValue on a registry at `path` (temporary copy at
 // `tmp_path`, in the same directory), with the lines of those operations.
 KAVRO_STATUS reg_get_file(const char *path, const char *subkey, const char *entry, void *value, uint32_t capacity);
-KAVRO_STATUS reg_set_file(const char *path, const char *tmp_path, const char *subkey, const char *entry,
-                          uint32_t type, const void *value);
+KAVRO_STATUS reg_set_file(const char *path, const char *tmp_path, const char *subkey, const char *entry, uint32_t type,
+                          const void *value);
 
 // Steps of a registry replacement, for fault injection in tests: a hook that
 // returns true makes that step fail (as a full disk would); at Renamed the
