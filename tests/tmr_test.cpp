@@ -123,7 +123,7 @@ TEST(TmrInit, RecognisedHypervisorTakesTheNativeLoopOnce) {
         pthread_getschedparam(pthread_self(), &policy, &sp);
         if (policy != SCHED_FIFO || sp.sched_priority != 99) return 2;
         if (!has(kavro::test::read_file("/proc/self/status"), "VmLck:")) return 3;
-        if (TMR_Init() != 0 || cRefs != 1 || rtcEnabled != 1) return 4;  // not counted, nothing more
+        if (TMR_Init() != 0 || tmrRefs != 1 || rtcEnabled != 1) return 4;  // not counted, nothing more
         return HVR_Hypervisor != nullptr ? 0 : 5;
     });
     EXPECT_EQ(r.status, 0) << r.err;
@@ -139,7 +139,7 @@ TEST(TmrInit, RefusedRealTimePriorityFailsOnceAndStartsNothing) {
         if (syscall(SYS_capset, &hdr, none) != 0) return 90;  // SCHED_FIFO refused even to root
         setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
         if (TMR_Init() != KAVRO_E_FAIL) return 1;
-        if (TMR_Init() != 0 || cRefs != 1) return 2;
+        if (TMR_Init() != 0 || tmrRefs != 1) return 2;
         TmrTimer *t = nullptr;
         return TMR_Create(&t, 2.0, [](uint32_t) { return 0; }, 0) == 0 && t == nullptr ? 0 : 3;
     });
@@ -153,7 +153,7 @@ int32_t nop(uint32_t) { return 0; }
 
 TEST(TmrSlot, ArmDisarmReuseAndFree) {
     EXPECT_EQ(TMR_Exit(), -1);  // without Init: only counted down
-    cRefs = 0;
+    tmrRefs = 0;
     KAVRO_REQUIRE_RT();
     const int status = run_in_child([] {
         setenv("TORVANEX_TMR_USE_RTC", "-1", 1);

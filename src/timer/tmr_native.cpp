@@ -34,22 +34,6 @@ timespec advance(timespec t, int64_t ns) {
     std::exit(e);
 }
 
-// Calls the armed timer's callback. The fields are copied out before the
-// call so that the record is not touched while the callback runs.
-inline void serve_slot() {
-    slotInUse.store(1);
-    TMR_CALLBACK cb = nullptr;
-    uint32_t arg = 0;
-    if (TmrTimer *t = timers.load()) {
-        if (__atomic_load_n(&t->active, __ATOMIC_ACQUIRE) != 0) {
-            cb = __atomic_load_n(&t->callback, __ATOMIC_RELAXED);
-            arg = __atomic_load_n(&t->callbackArg, __ATOMIC_RELAXED);
-        }
-    }
-    slotInUse.store(0, std::memory_order_release);
-    if (cb != nullptr) cb(arg);
-}
-
 }  // namespace
 
 void native_start(NativeLoopState &s, const timespec &first, int32_t profilePeriodSec,
@@ -129,7 +113,7 @@ void *TMR_HandlerNative(void *) {
     native_start(s, now, g_TimerProfilePeriodSec, minTimeToTargetUs);
     for (;;) {
         servedDeadline = s.target;
-        serve_slot();
+        serve_slot(SlotTick::EveryTick);
 
         ProfileLine p;
         if (native_profile(s, g_TimerProfilePeriodSec, &p) && g_TimerProfilePrint != 0) {
