@@ -20,19 +20,21 @@ namespace kavro::detail {
 
 int32_t g_WriteIntervalTime_sec = 0;
 uint32_t g_TimeOffset_usec = kDefaultCmosOffsetUsec;
-int32_t g_IsCMOSInUTC = 0;
-int32_t g_UTCDelta = 0;
-
-timespec MONOTONICLast = {};
-uint32_t printed_SettingCMOS = 0;
-uint32_t printed_SetError = 0;
-
-namespace read_cmos {
-tm CMOSTimePrev = {};
-float sum = 0, average = 0, count = 0;
-}  // namespace read_cmos
 
 namespace {
+
+// ---- settings only the writes read ----
+int32_t g_IsCMOSInUTC = 0;  // 1: the CMOS clock keeps UTC; 0: local time
+int32_t g_UTCDelta = 0;     // local time minus UTC in seconds, at configuration time
+
+// ---- state of the writes (only the CMOS thread touches it) ----
+timespec MONOTONICLast = {};       // monotonic time of the last write; 0 s = none yet
+uint32_t printed_SettingCMOS = 0;  // setting lines written (at most 10)
+uint32_t printed_SetError = 0;     // interval mismatches seen
+
+// ---- state of Read_CMOS_UntilChange ----
+tm CMOSTimePrev = {};                   // last CMOS reading; tm_sec 0 = none
+float sum = 0, average = 0, count = 0;  // running statistics of the edges
 
 constexpr const char kRateMinutes[] = "TORVANEX_CMOS_CLOCK_UPDATE_RATE_MINUTES";
 constexpr const char kRatePrivate[] = "TORVANEX_CMOS_CLOCK_UPDATE_RATE_PRIVATE";
@@ -213,7 +215,6 @@ KAVRO_API int32_t Set_CMOS_From_OSTime(int32_t fd) {
 }
 
 KAVRO_API int32_t Read_CMOS_UntilChange(int32_t fd, int32_t reset) {
-    using namespace kavro::detail::read_cmos;
     if (reset != 0) CMOSTimePrev = tm{};
 
     timeval wall{};

@@ -21,13 +21,6 @@ namespace {
 // Written by the loop before each callback, read by that callback only.
 timespec servedDeadline{};
 
-timespec advance(timespec t, int64_t ns) {
-    int64_t nsec = static_cast<int64_t>(t.tv_nsec) + ns;
-    t.tv_sec += static_cast<time_t>(nsec / kNsPerSec);
-    t.tv_nsec = static_cast<long>(nsec % kNsPerSec);
-    return t;
-}
-
 [[noreturn]] void fail_get_time() {
     const int e = errno;
     GP_printf("KAVRO: ERROR: Failed to get time: %d\n", e);
@@ -80,7 +73,7 @@ PassOutcome native_pass(NativeLoopState &s, const timespec &now) {
     if (missed > s.MSM) s.MSM = missed;
     s.intervalSumNs += static_cast<uint64_t>(to_ns(now) - to_ns(s.previous));
 
-    s.target = advance(s.target, static_cast<int64_t>(missed + 1) * kTickNs);
+    s.target = add_ns(s.target, static_cast<int64_t>(missed + 1) * kTickNs);
     s.previous = now;
     s.skippedSleep = false;
 
