@@ -15,6 +15,7 @@
 #include "timer/cmos.hpp"
 #include "frame/internal.hpp"
 #include "kavro_rt/log.h"
+#include "timer/clock.hpp"
 
 namespace kavro::detail {
 
@@ -187,7 +188,7 @@ KAVRO_API int32_t Set_CMOS_From_OSTime(int32_t fd) {
     timeval wall{};
     gettimeofday(&wall, nullptr);
     timespec mono{};
-    clock_gettime(CLOCK_MONOTONIC, &mono);
+    sys_clock_gettime(CLOCK_MONOTONIC, &mono);
 
     if (printed_SettingCMOS <= 9) {
         diag(fn, "KMX Setting CMOS clock now! %u\n", static_cast<unsigned>(wall.tv_sec));

@@ -12,11 +12,11 @@
 #include <cstring>
 
 #include "frame/internal.hpp"
-#include "kavro_rt/clock.h"
 #include "kavro_rt/log.h"
 #include "kavro_rt/mem.h"
 #include "kavro_rt/report.h"
 #include "kavro_rt/sem.h"
+#include "timer/clock.hpp"
 #include "timer/tmr.hpp"
 
 extern "C" {
@@ -161,11 +161,11 @@ KAVRO_STATUS start_posix_timer() {
     sig1.sigev_notify = SIGEV_SIGNAL;
     sig1.sigev_signo = SIGRTMIN;
     sig1.sigev_value.sival_ptr = &TMR_Data;
-    if (timer_create(TMR_Data.clockSource, &sig1, &TMR_Data.timeId) != 0)
+    if (sys_timer_create(TMR_Data.clockSource, &sig1, &TMR_Data.timeId) != 0)
         MYperror(kModule, __LINE__, "timer_create(TMR_Data.clockSource, &sig1, &TMR_Data.timeId)");
 
     timespec now{};
-    if (clock_gettime(TMR_Data.clockSource, &now) != 0) {
+    if (sys_clock_gettime(TMR_Data.clockSource, &now) != 0) {
         std::perror("Failed to get current time");
         return kFail;
     }
@@ -175,7 +175,7 @@ KAVRO_STATUS start_posix_timer() {
     TMR_Data.tValue.it_interval.tv_nsec = 2000000;
     TMR_Data.tValue.it_value.tv_sec = now.tv_sec;
     TMR_Data.tValue.it_value.tv_nsec = 0;
-    if (timer_settime(TMR_Data.timeId, TIMER_ABSTIME, &TMR_Data.tValue, nullptr) != 0)
+    if (sys_timer_settime(TMR_Data.timeId, TIMER_ABSTIME, &TMR_Data.tValue, nullptr) != 0)
         MYperror(kModule, __LINE__, "timer_settime(TMR_Data.timeId, TIMER_ABSTIME, &TMR_Data.tValue, NULL)");
     sourceRunning = true;
     return kOk;
@@ -186,7 +186,7 @@ KAVRO_STATUS start_tick_source() {
     if (native_wanted(g_ClockRtcOverride, HVR_Hypervisor != nullptr)) {
         GP_printf("KAVRO: Using native clock\n");
         timespec res{};
-        const bool resRead = clock_getres(CLOCK_MONOTONIC, &res) == 0;
+        const bool resRead = sys_clock_getres(CLOCK_MONOTONIC, &res) == 0;
         const SourceChoice c =
             choose_tick_source(g_ClockRtcOverride, HVR_Hypervisor != nullptr, resRead, res.tv_nsec, false);
         if (c.refusal == NativeRefusal::NoResolution) {
@@ -436,12 +436,8 @@ KAVRO_API KAVRO_STATUS TMR_Wait(double microseconds) {
     ts.tv_nsec = nanoseconds_field(microseconds);
     timespec rs{};
     // clang-format off
-    const int line = __LINE__; int rc = clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs);
+    const int line = __LINE__; const int rc = sys_clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs);
     // clang-format on
-    if (rc > 0) {  // the C library's convention, should its function be the one bound
-        errno = rc;
-        rc = -1;
-    }
     const char *call = "clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs)";
     if (rc == -1)
         MY_c_perror(0, kModule, line, call);

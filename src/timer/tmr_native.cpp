@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "frame/internal.hpp"
-#include "kavro_rt/clock.h"
+#include "timer/clock.hpp"
 #include "kavro_rt/log.h"
 #include "timer/tmr.hpp"
 
@@ -100,7 +100,7 @@ void *TMR_HandlerNative(void *) {
         std::exit(rc);
     }
     timespec now{};
-    if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) fail_get_time();
+    if (sys_clock_gettime(CLOCK_MONOTONIC, &now) != 0) fail_get_time();
 
     NativeLoopState s;
     native_start(s, now, g_TimerProfilePeriodSec, minTimeToTargetUs);
@@ -116,17 +116,12 @@ void *TMR_HandlerNative(void *) {
                       (unsigned long long)p.ED);
         }
 
-        if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) fail_get_time();
+        if (sys_clock_gettime(CLOCK_MONOTONIC, &now) != 0) fail_get_time();
         const PassOutcome o = native_pass(s, now);
         if (o.negativeDiff) GP_printf("KAVRO: ERROR: Negative diff %lld.\n", (long long)o.lateness);
         if (!o.sleep) continue;
 
-        int r = clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &s.target, nullptr);
-        if (r > 0) {  // the C library's convention, should its function be the one bound
-            errno = r;
-            r = -1;
-        }
-        if (r != 0) {
+        if (sys_clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &s.target, nullptr) != 0) {
             const int e = errno;
             GP_printf("KAVRO: ERROR: sleep failed: %s: diff %lld : missed %llu : next s %lld  : ns %lld ",
                       std::strerror(e), (long long)(o.negativeDiff ? 0 : o.lateness),

@@ -11,9 +11,9 @@
 
 #include "timer/cmos.hpp"
 #include "frame/internal.hpp"
-#include "kavro_rt/clock.h"
 #include "kavro_rt/cmos.h"
 #include "kavro_rt/log.h"
+#include "timer/clock.hpp"
 #include "timer/tmr.hpp"
 
 namespace kavro::detail {
@@ -219,7 +219,7 @@ void *TMR_CMOS(void *) {
         const int32_t interval = g_WriteIntervalTime_sec;
         if (interval == 0) continue;
         timespec mono{};
-        clock_gettime(CLOCK_MONOTONIC, &mono);
+        sys_clock_gettime(CLOCK_MONOTONIC, &mono);
         timeval wall{};
         gettimeofday(&wall, nullptr);
         if (cmos_write_due(&s_Previous_CMOS_Set_Time_sec, static_cast<uint32_t>(mono.tv_sec),
