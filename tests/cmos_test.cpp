@@ -123,7 +123,12 @@ TEST(CmosEnvironment, VariablesSetIntervalOffsetAndReport) {
         {{{kMin, "11xyz"}, {kOff, "250000"}},
          fn + "KMX CMOS UPDATE Interval =11 minutes\n" + fn + "KMX CMOS UPDATE OFFSET =250000 \n" + local,
          "660 250000"},
-        {{{kMin, "-3"}}, fn + "WARNING: Ignoring negative CMOS update rate -3 from " + kMin + "\n", "0 500000"},
+        // Negative rates are taken, reported unsigned, and the interval follows.
+        {{{kMin, "-3"}}, fn + "KMX CMOS UPDATE Interval =4294967293 minutes\n" + local, "-180 500000"},
+        {{{kSec, "-30"}},
+         fn + "WARNING: Using update rates of less than 1 minute (4294967266 seconds) might cause performance "
+              "issues\n" + fn + "KMX CMOS UPDATE Interval =4294967266 seconds\n" + local,
+         "-30 500000"},
         {{{kMin, "99999999999"}}, fn + "KMX CMOS UPDATE Interval =35791394 minutes\n" + local,
          "2147483647 500000"},
     };
@@ -140,6 +145,10 @@ TEST(CmosEnvironment, VariablesSetIntervalOffsetAndReport) {
         ASSERT_EQ(r.status, 0) << r.err;
         EXPECT_EQ(r.err + "|" + r.out, c.err + "|" + c.out) << (c.env.empty() ? "no variable" : c.env.back().second);
     }
+    // A negative interval means the unsigned number reported: no write falls due.
+    uint32_t start = 0;
+    EXPECT_FALSE(cmos_write_due(&start, 100, 600000, -180, 500000) ||
+                 cmos_write_due(&start, 90000, 600000, -180, 500000));
 }
 
 TEST(CmosEnvironment, LocalDeltaFollowsTheTimeZone) {

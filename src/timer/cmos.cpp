@@ -58,13 +58,6 @@ To same_fields(const From &f) {
     return t;
 }
 
-bool refuse_negative(const char *name, int32_t v) {
-    if (v >= 0) return false;
-    diag("CMOS_GetEnvironment", "WARNING: Ignoring negative CMOS update rate %d from %s\n", v,
-         name);
-    return true;
-}
-
 constexpr const char *kTrueWords[] = {"true", "True", "TRUE", "yes", "Yes", "YES"};
 constexpr const char *kFalseWords[] = {"false", "False", "FALSE", "no", "No", "NO"};
 
@@ -142,9 +135,9 @@ KAVRO_API int32_t CMOS_GetEnvironment(void) {
     bool inSeconds = false;
 
     int32_t v = 0;
-    if (env_strtol(kRateMinutes, &v) && !refuse_negative(kRateMinutes, v))
-        g_WriteIntervalTime_sec = v > INT32_MAX / 60 ? INT32_MAX : v * 60;
-    if (env_strtol(kRatePrivate, &v) && v != 0 && !refuse_negative(kRatePrivate, v)) {
+    if (env_strtol(kRateMinutes, &v))
+        g_WriteIntervalTime_sec = v > INT32_MAX / 60 ? INT32_MAX : v < INT32_MIN / 60 ? INT32_MIN : v * 60;
+    if (env_strtol(kRatePrivate, &v) && v != 0) {
         if (v <= 59)
             diag(fn,
                  "WARNING: Using update rates of less than 1 minute (%u seconds) might cause "

@@ -121,7 +121,9 @@ bool cmos_write_due(uint32_t *periodStartSec, uint32_t monoSec, uint32_t wallUse
         *periodStartSec = monoSec;  // the first interval starts at the first look
         return false;
     }
-    if (monoSec < *periodStartSec + static_cast<uint32_t>(intervalSec)) return false;
+    // The interval counts as the unsigned number the configuration reports; a
+    // sum past 32 bits does not wrap round to "due".
+    if (monoSec < uint64_t{*periodStartSec} + static_cast<uint32_t>(intervalSec)) return false;
     if (offsetUsec == 0 || wallUsec < offsetUsec) return false;
     *periodStartSec = monoSec;
     return true;
