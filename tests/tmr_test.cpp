@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -211,6 +212,33 @@ TEST(TmrWait, SignalEndsTheWaitEarlyWithTheRemainingTime) {
         return st == KAVRO_E_FAIL ? 0 : 1;
     });
     EXPECT_TRUE(r.status == 0 && has(r.err, "\033[1;31m(0s, ") && has(r.err, "ns)\n\033[0;39m")) << r.err;
+}
+
+}  // namespace
+
+namespace {
+
+// Up again after the last exit, the caller gets what the first caller got: the environment read again, SCHED_FIFO 99
+// and locked memory; the tick source that runs already serves the new slot.
+TEST(TmrInit, UpAgainAfterTheLastExitReadsTheEnvironmentRaisesAndLocks) {
+    KAVRO_REQUIRE_RT();
+    ChildOutput r = run_captured([] {
+        setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
+        if (TMR_Init() != 0 || TMR_Exit() != 0) return 1;
+        sched_param sp{};
+        if (sched_setscheduler(0, SCHED_OTHER, &sp) != 0 || munlockall() != 0) return 2;
+        setenv("TORVANEX_TMR_PROFILE_PERIOD", "2", 1);
+        if (TMR_Init() != 0 || g_TimerProfilePeriodSec != 120) return 3;
+        int policy = -1;
+        pthread_getschedparam(pthread_self(), &policy, &sp);
+        if (policy != SCHED_FIFO || sp.sched_priority != 99) return 4;
+        if (has(kavro::test::read_file("/proc/self/status"), "VmLck:\t       0 kB")) return 5;
+        TmrTimer *t = nullptr;
+        return TMR_Create(&t, 2.0, nop, 0) == 0 && t != nullptr ? 0 : 6;
+    });
+    EXPECT_EQ(r.status, 0) << r.err;
+    const std::string started = "Using native clock\n";
+    EXPECT_EQ(r.err.find(started), r.err.rfind(started)) << r.err;  // one tick source
 }
 
 }  // namespace

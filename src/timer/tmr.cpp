@@ -353,12 +353,6 @@ KAVRO_API KAVRO_STATUS TMR_Init(void) {
     HVR_Hypervisor = nullptr;
     MEM_Init();
     SEM_Init();
-    if (sourceRunning) {
-        // Up again after the last TMR_Exit: the tick source never stopped.
-        make_table();
-        return kOk;
-    }
-
     detect_vm();
     read_tuning_env();
 
@@ -367,6 +361,12 @@ KAVRO_API KAVRO_STATUS TMR_Init(void) {
     if (sched_setscheduler(0, SCHED_FIFO, &sp) != 0) return kFail;
     mlockall(MCL_CURRENT | MCL_FUTURE);
 
+    if (sourceRunning) {
+        // Up again after the last TMR_Exit: the tick source never stopped
+        // and serves the new slot.
+        make_table();
+        return kOk;
+    }
     return start_tick_source();
 }
 
