@@ -10,8 +10,8 @@
 #include <cstring>
 
 #include "frame/internal.hpp"
-#include "timer/clock.hpp"
 #include "kavro_rt/log.h"
+#include "timer/clock.hpp"
 #include "timer/tmr.hpp"
 
 namespace kavro::detail {
