@@ -302,15 +302,15 @@ void read_tuning_env() {
     }
     if (env_strtol("TORVANEX_TMR_PROFILE_PERIOD", &v)) {
         if (v >= 1 && v <= 60) {
-            g_TimerProfilePeriodSec = v * 60;
+            tuning_store(g_TimerProfilePeriodSec, v * 60);
             GP_printf("KAVRO: Timer profile period set to %d minutes. \n", v);
         } else {
-            g_TimerProfilePeriodSec = 60;
+            tuning_store(g_TimerProfilePeriodSec, 60);
             GP_printf("KAVRO: Timer profile period (%d) out of range. Ignoring. \n", v);
         }
     }
     if (env_strtol("TORVANEX_TMR_PROFILE_PRINT", &v)) {
-        g_TimerProfilePrint = v == 1 ? 1 : 0;
+        tuning_store(g_TimerProfilePrint, v == 1 ? 1u : 0u);
         if (v == 1) GP_printf("KAVRO: Timer profile print enabled. \n");
     }
     if (env_strtol("TORVANEX_TMR_MIN_TIME2TGT", &v) && v >= 100 && v <= 300) {

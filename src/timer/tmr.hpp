@@ -38,6 +38,17 @@ extern std::atomic<TmrTimer *> timers;
 
 extern pthread_cond_t g_Condition;
 
+// The exported tuning globals are plain variables that a running native loop
+// reads at every pass; the engine's own reads and writes of them are atomic.
+template <class T>
+T tuning_load(T &global) {
+    return std::atomic_ref<T>(global).load(std::memory_order_relaxed);
+}
+template <class T>
+void tuning_store(T &global, T value) {
+    std::atomic_ref<T>(global).store(value, std::memory_order_relaxed);
+}
+
 // ---- the slot, as the tick sources use it ---------------------------------------
 
 // How a tick treats an armed timer.

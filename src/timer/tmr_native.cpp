@@ -103,13 +103,13 @@ void *TMR_HandlerNative(void *) {
     if (sys_clock_gettime(CLOCK_MONOTONIC, &now) != 0) fail_get_time();
 
     NativeLoopState s;
-    native_start(s, now, g_TimerProfilePeriodSec, minTimeToTargetUs);
+    native_start(s, now, tuning_load(g_TimerProfilePeriodSec), minTimeToTargetUs);
     for (;;) {
         servedDeadline = s.target;
         serve_slot(SlotTick::EveryTick);
 
         ProfileLine p;
-        if (native_profile(s, g_TimerProfilePeriodSec, &p) && g_TimerProfilePrint != 0) {
+        if (native_profile(s, tuning_load(g_TimerProfilePeriodSec), &p) && tuning_load(g_TimerProfilePrint) != 0) {
             GP_printf("KAVRO: TC:%llu PM:%llu TM:%llu MSM:%llu AT:%llu TBT:%llu ED:%llu\n",
                       (unsigned long long)p.TC, (unsigned long long)p.PM, (unsigned long long)p.TM,
                       (unsigned long long)p.MSM, (unsigned long long)p.AT, (unsigned long long)p.TBT,
