@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -123,7 +124,7 @@ TEST(TmrInit, RecognisedHypervisorTakesTheNativeLoopOnce) {
         pthread_getschedparam(pthread_self(), &policy, &sp);
         if (policy != SCHED_FIFO || sp.sched_priority != 99) return 2;
         if (!has(kavro::test::read_file("/proc/self/status"), "VmLck:")) return 3;
-        if (TMR_Init() != 0 || cRefs != 1 || rtcEnabled != 1) return 4;  // not counted, nothing more
+        if (TMR_Init() != 0 || tmrRefs != 1 || rtcEnabled != 1) return 4;  // not counted, nothing more
         return HVR_Hypervisor != nullptr ? 0 : 5;
     });
     EXPECT_EQ(r.status, 0) << r.err;
@@ -139,7 +140,7 @@ TEST(TmrInit, RefusedRealTimePriorityFailsOnceAndStartsNothing) {
         if (syscall(SYS_capset, &hdr, none) != 0) return 90;  // SCHED_FIFO refused even to root
         setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
         if (TMR_Init() != KAVRO_E_FAIL) return 1;
-        if (TMR_Init() != 0 || cRefs != 1) return 2;
+        if (TMR_Init() != 0 || tmrRefs != 1) return 2;
         TmrTimer *t = nullptr;
         return TMR_Create(&t, 2.0, [](uint32_t) { return 0; }, 0) == 0 && t == nullptr ? 0 : 3;
     });
@@ -153,7 +154,7 @@ int32_t nop(uint32_t) { return 0; }
 
 TEST(TmrSlot, ArmDisarmReuseAndFree) {
     EXPECT_EQ(TMR_Exit(), -1);  // without Init: only counted down
-    cRefs = 0;
+    tmrRefs = 0;
     KAVRO_REQUIRE_RT();
     const int status = run_in_child([] {
         setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
@@ -211,6 +212,35 @@ TEST(TmrWait, SignalEndsTheWaitEarlyWithTheRemainingTime) {
         return st == KAVRO_E_FAIL ? 0 : 1;
     });
     EXPECT_TRUE(r.status == 0 && has(r.err, "\033[1;31m(0s, ") && has(r.err, "ns)\n\033[0;39m")) << r.err;
+}
+
+}  // namespace
+
+namespace {
+
+// Up again after the last exit, the caller gets what the first caller got: the environment read again, SCHED_FIFO 99
+// and locked memory; the tick source that runs already serves the new slot.
+TEST(TmrInit, UpAgainAfterTheLastExitReadsTheEnvironmentRaisesAndLocks) {
+    KAVRO_REQUIRE_RT();
+    ChildOutput r = run_captured([] {
+        const auto locked = [] { return !has(kavro::test::read_file("/proc/self/status"), "VmLck:\t       0 kB"); };
+        setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
+        if (TMR_Init() != 0 || TMR_Exit() != 0) return 1;
+        const bool lockedFirst = locked();  // a sanitizer's reservations can make the lock fail: not checked
+        sched_param sp{};
+        if (sched_setscheduler(0, SCHED_OTHER, &sp) != 0 || munlockall() != 0) return 2;
+        setenv("TORVANEX_TMR_PROFILE_PERIOD", "2", 1);
+        if (TMR_Init() != 0 || g_TimerProfilePeriodSec != 120) return 3;
+        int policy = -1;
+        pthread_getschedparam(pthread_self(), &policy, &sp);
+        if (policy != SCHED_FIFO || sp.sched_priority != 99) return 4;
+        if (locked() != lockedFirst) return 5;
+        TmrTimer *t = nullptr;
+        return TMR_Create(&t, 2.0, nop, 0) == 0 && t != nullptr ? 0 : 6;
+    });
+    EXPECT_EQ(r.status, 0) << r.err;
+    const std::string started = "Using native clock\n";
+    EXPECT_EQ(r.err.find(started), r.err.rfind(started)) << r.err;  // one tick source
 }
 
 }  // namespace

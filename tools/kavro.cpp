@@ -256,6 +256,7 @@ int cmd_ipc(const Options &o) {
 // after recording has stopped and no callback is inside (see stop_recording).
 kavro::tool::LatencyStats stats;
 int64_t firstTickNs = -1;
+int64_t worstAtNs = 0;  // when the worst tick came
 std::atomic<bool> recording{true};
 std::atomic<int> inTick{0};
 std::atomic<uint64_t> liveTicks{0};  // for the progress line while recording
@@ -275,7 +276,9 @@ int32_t on_tick(uint32_t) {
     if (recording.load()) {
         const int64_t t = now_ns();
         if (firstTickNs < 0) firstTickNs = t;
-        stats.add(kavro::tool::grid_lateness_ns(t, firstTickNs, 2000000, 1000000));
+        const int64_t late = kavro::tool::grid_lateness_ns(t, firstTickNs, 2000000, 1000000);
+        if (stats.count == 0 || late > stats.maxNs) worstAtNs = t;
+        stats.add(late);
         liveTicks.store(stats.count, std::memory_order_relaxed);
         liveMaxNs.store(stats.maxNs, std::memory_order_relaxed);
     }
@@ -357,9 +360,10 @@ int cmd_latency(const Options &o) {
     std::printf("tick lateness over %.1f s%s (2 ms grid, SCHED_FIFO 99, cpu_dma_latency %s)\n", seconds,
                 interrupted.load() ? ", ended by Ctrl-C" : "", dmaLatency >= 0 ? "held at 0" : "untouched");
     stats.print(stdout);
-    std::printf("RESULT min_us=%.1f avg_us=%.1f p99_us=%lld max_us=%.1f ticks=%llu\n", stats.minNs / 1000.0,
-                stats.mean_us(), static_cast<long long>(stats.percentile_us(0.99)), stats.maxNs / 1000.0,
-                static_cast<unsigned long long>(stats.count));
+    std::printf("RESULT min_us=%.1f avg_us=%.1f p99_us=%lld max_us=%.1f ticks=%llu max_at_s=%.3f\n",
+                stats.minNs / 1000.0, stats.mean_us(), static_cast<long long>(stats.percentile_us(0.99)),
+                stats.maxNs / 1000.0, static_cast<unsigned long long>(stats.count),
+                firstTickNs < 0 ? 0.0 : static_cast<double>(worstAtNs - firstTickNs) / 1e9);
 
     kavro::cli::RunInfo info;
     utsname u{};

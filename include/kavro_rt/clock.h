@@ -6,10 +6,12 @@
  * `timer_gettime`, `timer_getoverrun`, `timer_delete`, `clock_settime`,
  * `clock_gettime`, `clock_getres` and `clock_nanosleep`, with the standard
  * names and exactly the prototypes of `<time.h>` (which this header includes
- * and which declares them). The timer engine uses them; because they are
- * exported under the standard names, a program that links the library gets
- * these definitions in place of the C library's for its own calls too. That
- * is intended.
+ * and which declares them). Because they are exported under the standard
+ * names, a program that links the library gets these definitions in place
+ * of the C library's for its own calls too. That is intended. The library's
+ * own timer engine and CMOS thread make the same system calls through
+ * internal entries bound inside the library, so whichever definition of
+ * these names a program ends up with, the engine's calls keep one behaviour.
  *
  * Each call passes its arguments to the kernel unchanged (on 32-bit x86
  * through software interrupt 0x80 with system calls 259 to 267, on x86_64

@@ -24,10 +24,13 @@
  * Diagnostics are lines "KAVRO:<operation>: ..." through `GP_printf`.
  *
  * Decisions:
- * - A negative value of either rate variable is ignored, as if the variable
- *   were absent, with the line "KAVRO:CMOS_GetEnvironment: WARNING: Ignoring
- *   negative CMOS update rate <value> from <variable>".
- * - An interval in minutes whose seconds exceed 2147483647 is cut to that.
+ * - A negative rate is taken like any other: the interval becomes negative,
+ *   the report shows it as an unsigned number (a negative value in seconds
+ *   also draws the warning about rates below one minute), and the writes
+ *   treat it as that unsigned number of seconds (more than 68 years), so no
+ *   write falls due.
+ * - An interval in minutes whose seconds lie outside -2147483648..2147483647
+ *   is cut to the nearer end.
  * - Numbers beyond 32 bits read as the nearest 32-bit value.
  * - Each call of `CMOS_GetEnvironment` starts from "no writes": an
  *   interval set by an earlier call does not survive a call without either

@@ -60,9 +60,15 @@
  * - `TMR_Exit` empties the slot before freeing the record and waits (at most
  *   about one second) for a tick pass that is using the timer to finish, so
  *   a running tick source never touches a freed record.
- * - After the last `TMR_Exit`, `TMR_Init` brings the family up again (a new
- *   slot and lock) without detecting or starting anything: the tick source
- *   that already runs serves the new slot, so no second source ever starts.
+ * - After the last `TMR_Exit`, `TMR_Init` brings the engine up again as the
+ *   first call did: it detects the virtual machine and reads the environment
+ *   again (with their lines), raises the calling thread to SCHED_FIFO 99
+ *   (KAVRO_E_FAIL and no new slot when that is refused) and locks all memory.
+ *   It then makes a new slot and lock but starts no second tick source: the
+ *   one that already runs serves the new slot. What the running source took
+ *   once at its start stays: the tick source chosen, and the native loop's
+ *   minimum time to target; a new profile period and print setting take
+ *   effect at the loop's next profile boundary.
  * - The engine's threads carry the names "TMR_Native", "TMR_Handler",
  *   "TMR_CMOS" and "TMR_Watchdog" (as `ps -L` and `top -H` show them).
  * - `TMR_Wait` with a time that gives more nanoseconds than fit a 32-bit
@@ -116,7 +122,9 @@ KAVRO_API extern int32_t g_TimerMinTimeToTargetUs;
  * Bring the timer engine up and start its tick source (once per process).
  *
  * Further calls return 0 at once and are not counted. The calling thread is
- * left at SCHED_FIFO 99 and all memory of the process stays locked.
+ * left at SCHED_FIFO 99 and all memory of the process stays locked. After
+ * the last `TMR_Exit` a call brings the engine up again the same way, except
+ * that the tick source already running is kept (see the decisions above).
  *
  * @retval 0          the engine runs (or ran already)
  * @retval KAVRO_E_FAIL SCHED_FIFO 99 was refused for the calling thread (no

@@ -85,6 +85,11 @@ inline timespec from_ns(int64_t ns) {
     }
     return t;
 }
+// Absolute wall-clock deadline `ms` from `now` (the arithmetic of
+// _ULX_MakeAbsTime), and from the current time of day.
+timespec make_abs_time(const timeval &now, uint32_t ms);
+timespec wall_deadline(uint32_t ms);
+
 // The memory family's unexported counters (bytes requested, frees, generic frees).
 struct MemCounters {
     uint32_t memcnt;
@@ -92,10 +97,5 @@ struct MemCounters {
     uint32_t memgenfreecalls;
 };
 MemCounters mem_counters();
-
-// Absolute wall-clock deadline `ms` from `now` (the arithmetic of
-// _ULX_MakeAbsTime), and from the current time of day.
-timespec make_abs_time(const timeval &now, uint32_t ms);
-timespec wall_deadline(uint32_t ms);
 
 }  // namespace kavro::detail

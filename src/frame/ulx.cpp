@@ -19,28 +19,6 @@ namespace {
 int32_t cRefs = 0;
 }
 
-namespace kavro::detail {
-
-timespec make_abs_time(const timeval &now, uint32_t ms) {
-    timespec t{};
-    t.tv_sec = now.tv_sec + static_cast<time_t>(ms / 1000);
-    // Both terms stay below 10^9, so one carry is always enough.
-    t.tv_nsec = static_cast<long>(ms % 1000) * 1000000L + static_cast<long>(now.tv_usec) * 1000L;
-    if (t.tv_nsec > kNsPerSec - 1) {
-        t.tv_sec += 1;
-        t.tv_nsec -= kNsPerSec;
-    }
-    return t;
-}
-
-timespec wall_deadline(uint32_t ms) {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    return make_abs_time(now, ms);
-}
-
-}  // namespace kavro::detail
-
 extern "C" {
 
 KAVRO_API int32_t ULX_Init(void) {

@@ -14,6 +14,7 @@
 
 #include "kavro_rt/clock.h"
 #include "kavro_rt/status.h"
+#include "timer/clock.hpp"
 
 namespace {
 
@@ -105,12 +106,9 @@ inline long arg(T *p) {
 
 }  // namespace
 
-// The prototypes are <time.h>'s exactly (hence noexcept where the C library
-// declares them non-throwing).
-extern "C" {
+namespace kavro::detail {
 
-KAVRO_API int timer_create(clockid_t clock_id, struct sigevent *__restrict evp,
-                           timer_t *__restrict timerid) noexcept {
+int sys_timer_create(clockid_t clock_id, sigevent *evp, timer_t *timerid) {
 #if defined(__x86_64__)
     if (timerid == nullptr) return finish(raw(kTimerCreate, clock_id, arg(evp), 0));
     int kid = 0;
@@ -122,9 +120,34 @@ KAVRO_API int timer_create(clockid_t clock_id, struct sigevent *__restrict evp,
 #endif
 }
 
+int sys_timer_settime(timer_t timerid, int flags, const itimerspec *value, itimerspec *ovalue) {
+    return finish(raw(kTimerSettime, kernel_timer(timerid), flags, arg(value), arg(ovalue)));
+}
+
+int sys_clock_gettime(clockid_t clock_id, timespec *tp) { return finish(raw(kClockGettime, clock_id, arg(tp))); }
+
+int sys_clock_getres(clockid_t clock_id, timespec *res) { return finish(raw(kClockGetres, clock_id, arg(res))); }
+
+int sys_clock_nanosleep(clockid_t clock_id, int flags, const timespec *req, timespec *rem) {
+    return finish(raw(kClockNanosleep, clock_id, flags, arg(req), arg(rem)));
+}
+
+}  // namespace kavro::detail
+
+using namespace kavro::detail;
+
+// The prototypes are <time.h>'s exactly (hence noexcept where the C library
+// declares them non-throwing).
+extern "C" {
+
+KAVRO_API int timer_create(clockid_t clock_id, struct sigevent *__restrict evp,
+                           timer_t *__restrict timerid) noexcept {
+    return sys_timer_create(clock_id, evp, timerid);
+}
+
 KAVRO_API int timer_settime(timer_t timerid, int flags, const struct itimerspec *__restrict value,
                             struct itimerspec *__restrict ovalue) noexcept {
-    return finish(raw(kTimerSettime, kernel_timer(timerid), flags, arg(value), arg(ovalue)));
+    return sys_timer_settime(timerid, flags, value, ovalue);
 }
 
 KAVRO_API int timer_gettime(timer_t timerid, struct itimerspec *value) noexcept {
@@ -144,16 +167,16 @@ KAVRO_API int clock_settime(clockid_t clock_id, const struct timespec *tp) noexc
 }
 
 KAVRO_API int clock_gettime(clockid_t clock_id, struct timespec *tp) noexcept {
-    return finish(raw(kClockGettime, clock_id, arg(tp)));
+    return sys_clock_gettime(clock_id, tp);
 }
 
 KAVRO_API int clock_getres(clockid_t clock_id, struct timespec *res) noexcept {
-    return finish(raw(kClockGetres, clock_id, arg(res)));
+    return sys_clock_getres(clock_id, res);
 }
 
 KAVRO_API int clock_nanosleep(clockid_t clock_id, int flags, const struct timespec *req,
                               struct timespec *rem) {
-    return finish(raw(kClockNanosleep, clock_id, flags, arg(req), arg(rem)));
+    return sys_clock_nanosleep(clock_id, flags, req, rem);
 }
 
 }  // extern "C"

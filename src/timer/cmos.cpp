@@ -15,24 +15,27 @@
 #include "timer/cmos.hpp"
 #include "frame/internal.hpp"
 #include "kavro_rt/log.h"
+#include "timer/clock.hpp"
 
 namespace kavro::detail {
 
 int32_t g_WriteIntervalTime_sec = 0;
 uint32_t g_TimeOffset_usec = kDefaultCmosOffsetUsec;
-int32_t g_IsCMOSInUTC = 0;
-int32_t g_UTCDelta = 0;
-
-timespec MONOTONICLast = {};
-uint32_t printed_SettingCMOS = 0;
-uint32_t printed_SetError = 0;
-
-namespace read_cmos {
-tm CMOSTimePrev = {};
-float sum = 0, average = 0, count = 0;
-}  // namespace read_cmos
 
 namespace {
+
+// ---- settings only the writes read ----
+int32_t g_IsCMOSInUTC = 0;  // 1: the CMOS clock keeps UTC; 0: local time
+int32_t g_UTCDelta = 0;     // local time minus UTC in seconds, at configuration time
+
+// ---- state of the writes (only the CMOS thread touches it) ----
+timespec MONOTONICLast = {};       // monotonic time of the last write; 0 s = none yet
+uint32_t printed_SettingCMOS = 0;  // setting lines written (at most 10)
+uint32_t printed_SetError = 0;     // interval mismatches seen
+
+// ---- state of Read_CMOS_UntilChange ----
+tm CMOSTimePrev = {};                   // last CMOS reading; tm_sec 0 = none
+float sum = 0, average = 0, count = 0;  // running statistics of the edges
 
 constexpr const char kRateMinutes[] = "TORVANEX_CMOS_CLOCK_UPDATE_RATE_MINUTES";
 constexpr const char kRatePrivate[] = "TORVANEX_CMOS_CLOCK_UPDATE_RATE_PRIVATE";
@@ -53,13 +56,6 @@ To same_fields(const From &f) {
     t.tm_yday = f.tm_yday;
     t.tm_isdst = f.tm_isdst;
     return t;
-}
-
-bool refuse_negative(const char *name, int32_t v) {
-    if (v >= 0) return false;
-    diag("CMOS_GetEnvironment", "WARNING: Ignoring negative CMOS update rate %d from %s\n", v,
-         name);
-    return true;
 }
 
 constexpr const char *kTrueWords[] = {"true", "True", "TRUE", "yes", "Yes", "YES"};
@@ -139,9 +135,9 @@ KAVRO_API int32_t CMOS_GetEnvironment(void) {
     bool inSeconds = false;
 
     int32_t v = 0;
-    if (env_strtol(kRateMinutes, &v) && !refuse_negative(kRateMinutes, v))
-        g_WriteIntervalTime_sec = v > INT32_MAX / 60 ? INT32_MAX : v * 60;
-    if (env_strtol(kRatePrivate, &v) && v != 0 && !refuse_negative(kRatePrivate, v)) {
+    if (env_strtol(kRateMinutes, &v))
+        g_WriteIntervalTime_sec = v > INT32_MAX / 60 ? INT32_MAX : v < INT32_MIN / 60 ? INT32_MIN : v * 60;
+    if (env_strtol(kRatePrivate, &v) && v != 0) {
         if (v <= 59)
             diag(fn,
                  "WARNING: Using update rates of less than 1 minute (%u seconds) might cause "
@@ -185,7 +181,7 @@ KAVRO_API int32_t Set_CMOS_From_OSTime(int32_t fd) {
     timeval wall{};
     gettimeofday(&wall, nullptr);
     timespec mono{};
-    clock_gettime(CLOCK_MONOTONIC, &mono);
+    sys_clock_gettime(CLOCK_MONOTONIC, &mono);
 
     if (printed_SettingCMOS <= 9) {
         diag(fn, "KMX Setting CMOS clock now! %u\n", static_cast<unsigned>(wall.tv_sec));
@@ -213,7 +209,6 @@ KAVRO_API int32_t Set_CMOS_From_OSTime(int32_t fd) {
 }
 
 KAVRO_API int32_t Read_CMOS_UntilChange(int32_t fd, int32_t reset) {
-    using namespace kavro::detail::read_cmos;
     if (reset != 0) CMOSTimePrev = tm{};
 
     timeval wall{};

@@ -1,5 +1,5 @@
-// The CMOS clock synchronisation's settings and state, shared with the timer
-// engine's CMOS thread, and the clock-file scan that tests reach directly.
+// The CMOS clock synchronisation's settings that the timer engine's CMOS
+// thread reads, and the clock-file scan that tests reach directly.
 #pragma once
 
 #include <cstddef>
@@ -17,25 +17,8 @@ namespace kavro::detail {
 extern int32_t g_WriteIntervalTime_sec;
 // Microsecond of the wall-clock second at or after which a write is made.
 extern uint32_t g_TimeOffset_usec;
-// 1: the CMOS clock keeps UTC; 0: local time.
-extern int32_t g_IsCMOSInUTC;
-// Local time minus UTC in seconds, at configuration time.
-extern int32_t g_UTCDelta;
 
 inline constexpr uint32_t kDefaultCmosOffsetUsec = 500000;
-
-// ---- state of the writes (only the CMOS thread touches it) --------------------
-
-extern timespec MONOTONICLast;         // monotonic time of the last write; 0 s = none yet
-extern uint32_t printed_SettingCMOS;   // setting lines written (at most 10)
-extern uint32_t printed_SetError;      // interval mismatches seen
-
-// ---- state of Read_CMOS_UntilChange -------------------------------------------
-
-namespace read_cmos {
-extern tm CMOSTimePrev;                // last CMOS reading; tm_sec 0 = none
-extern float sum, average, count;      // running statistics of the edges
-}  // namespace read_cmos
 
 // ---- the distribution's clock file ------------------------------------------------
 

@@ -12,11 +12,11 @@
 #include <cstring>
 
 #include "frame/internal.hpp"
-#include "kavro_rt/clock.h"
 #include "kavro_rt/log.h"
 #include "kavro_rt/mem.h"
 #include "kavro_rt/report.h"
 #include "kavro_rt/sem.h"
+#include "timer/clock.hpp"
 #include "timer/tmr.hpp"
 
 extern "C" {
@@ -42,18 +42,41 @@ namespace kavro::detail {
 
 TmrData TMR_Data = {timer_t{}, CLOCK_MONOTONIC, 2.0, {}};
 
-int32_t cRefs = 0;
+int32_t tmrRefs = 0;
 const HV_DATA *HVR_Hypervisor = nullptr;
 uint32_t rtcEnabled = 1;
 uint32_t Kavro_ClockCatchUp = 0;
 
 std::atomic<TmrTimer *> timers{nullptr};
-void *tableLock = nullptr;
-std::atomic<uint32_t> slotInUse{0};
 
 pthread_cond_t g_Condition;
 
 namespace {
+
+// Serialises TMR_Create and TMR_Delete; the tick sources never take it.
+void *tableLock = nullptr;
+// Raised by a tick while it reads the slot's record (serve_slot), so that
+// TMR_Exit can wait for it before freeing the record.
+std::atomic<uint32_t> slotInUse{0};
+
+// The timer's fields are shared with the tick sources without a lock.
+template <class T>
+std::atomic_ref<T> shared(T &field) {
+    return std::atomic_ref<T>(field);
+}
+
+// One tick's count-down of an armed timer: stores the new remainingMs and
+// returns true when the callback is due (*r: the value before reloading).
+bool count_down(TmrTimer *t, double periodMs, int32_t *r) {
+    const int32_t next = static_cast<int32_t>(shared(t->remainingMs).load(std::memory_order_relaxed) - periodMs);
+    *r = next;
+    if (next > 0) {
+        shared(t->remainingMs).store(next, std::memory_order_relaxed);
+        return false;
+    }
+    shared(t->remainingMs).store(static_cast<int32_t>(periodMs), std::memory_order_relaxed);
+    return true;
+}
 
 constexpr const char kModule[] = "source/PEL_tmrulx";
 
@@ -138,11 +161,11 @@ KAVRO_STATUS start_posix_timer() {
     sig1.sigev_notify = SIGEV_SIGNAL;
     sig1.sigev_signo = SIGRTMIN;
     sig1.sigev_value.sival_ptr = &TMR_Data;
-    if (timer_create(TMR_Data.clockSource, &sig1, &TMR_Data.timeId) != 0)
+    if (sys_timer_create(TMR_Data.clockSource, &sig1, &TMR_Data.timeId) != 0)
         MYperror(kModule, __LINE__, "timer_create(TMR_Data.clockSource, &sig1, &TMR_Data.timeId)");
 
     timespec now{};
-    if (clock_gettime(TMR_Data.clockSource, &now) != 0) {
+    if (sys_clock_gettime(TMR_Data.clockSource, &now) != 0) {
         std::perror("Failed to get current time");
         return kFail;
     }
@@ -152,7 +175,7 @@ KAVRO_STATUS start_posix_timer() {
     TMR_Data.tValue.it_interval.tv_nsec = 2000000;
     TMR_Data.tValue.it_value.tv_sec = now.tv_sec;
     TMR_Data.tValue.it_value.tv_nsec = 0;
-    if (timer_settime(TMR_Data.timeId, TIMER_ABSTIME, &TMR_Data.tValue, nullptr) != 0)
+    if (sys_timer_settime(TMR_Data.timeId, TIMER_ABSTIME, &TMR_Data.tValue, nullptr) != 0)
         MYperror(kModule, __LINE__, "timer_settime(TMR_Data.timeId, TIMER_ABSTIME, &TMR_Data.tValue, NULL)");
     sourceRunning = true;
     return kOk;
@@ -163,7 +186,7 @@ KAVRO_STATUS start_tick_source() {
     if (native_wanted(g_ClockRtcOverride, HVR_Hypervisor != nullptr)) {
         GP_printf("KAVRO: Using native clock\n");
         timespec res{};
-        const bool resRead = clock_getres(CLOCK_MONOTONIC, &res) == 0;
+        const bool resRead = sys_clock_getres(CLOCK_MONOTONIC, &res) == 0;
         const SourceChoice c =
             choose_tick_source(g_ClockRtcOverride, HVR_Hypervisor != nullptr, resRead, res.tv_nsec, false);
         if (c.refusal == NativeRefusal::NoResolution) {
@@ -210,6 +233,27 @@ long nanoseconds_field(double microseconds) {
 }
 
 }  // namespace
+
+void serve_slot(SlotTick how, CountDownHook hook) {
+    slotInUse.store(1);
+    TMR_CALLBACK cb = nullptr;
+    uint32_t arg = 0;
+    TmrTimer *t = timers.load();
+    if (t != nullptr && shared(t->active).load(std::memory_order_acquire) != 0) {
+        bool due = true;
+        if (how == SlotTick::CountDown) {
+            int32_t r = 0;
+            due = count_down(t, TMR_Data.periodMs, &r);
+            if (hook != nullptr) hook(r);
+        }
+        if (due) {
+            cb = shared(t->callback).load(std::memory_order_relaxed);
+            arg = shared(t->callbackArg).load(std::memory_order_relaxed);
+        }
+    }
+    slotInUse.store(0, std::memory_order_release);
+    if (cb != nullptr) cb(arg);
+}
 
 // ---- pure decisions ------------------------------------------------------------------
 
@@ -258,15 +302,15 @@ void read_tuning_env() {
     }
     if (env_strtol("TORVANEX_TMR_PROFILE_PERIOD", &v)) {
         if (v >= 1 && v <= 60) {
-            g_TimerProfilePeriodSec = v * 60;
+            tuning_store(g_TimerProfilePeriodSec, v * 60);
             GP_printf("KAVRO: Timer profile period set to %d minutes. \n", v);
         } else {
-            g_TimerProfilePeriodSec = 60;
+            tuning_store(g_TimerProfilePeriodSec, 60);
             GP_printf("KAVRO: Timer profile period (%d) out of range. Ignoring. \n", v);
         }
     }
     if (env_strtol("TORVANEX_TMR_PROFILE_PRINT", &v)) {
-        g_TimerProfilePrint = v == 1 ? 1 : 0;
+        tuning_store(g_TimerProfilePrint, v == 1 ? 1u : 0u);
         if (v == 1) GP_printf("KAVRO: Timer profile print enabled. \n");
     }
     if (env_strtol("TORVANEX_TMR_MIN_TIME2TGT", &v) && v >= 100 && v <= 300) {
@@ -304,17 +348,11 @@ using namespace kavro::detail;
 extern "C" {
 
 KAVRO_API KAVRO_STATUS TMR_Init(void) {
-    if (cRefs != 0) return kOk;
-    cRefs = 1;
+    if (tmrRefs != 0) return kOk;
+    tmrRefs = 1;
     HVR_Hypervisor = nullptr;
     MEM_Init();
     SEM_Init();
-    if (sourceRunning) {
-        // Up again after the last TMR_Exit: the tick source never stopped.
-        make_table();
-        return kOk;
-    }
-
     detect_vm();
     read_tuning_env();
 
@@ -323,11 +361,17 @@ KAVRO_API KAVRO_STATUS TMR_Init(void) {
     if (sched_setscheduler(0, SCHED_FIFO, &sp) != 0) return kFail;
     mlockall(MCL_CURRENT | MCL_FUTURE);
 
+    if (sourceRunning) {
+        // Up again after the last TMR_Exit: the tick source never stopped
+        // and serves the new slot.
+        make_table();
+        return kOk;
+    }
     return start_tick_source();
 }
 
 KAVRO_API int32_t TMR_Exit(void) {
-    if (--cRefs != 0) return cRefs;
+    if (--tmrRefs != 0) return tmrRefs;
     if (TmrTimer *t = timers.exchange(nullptr)) {
         wait_slot_idle();
         KAVRO_OBJ_Free(t, 0);
@@ -343,7 +387,7 @@ KAVRO_API int32_t TMR_Exit(void) {
 
 KAVRO_API KAVRO_STATUS TMR_Create(TmrTimer **phTimer, double periodMs, TMR_CALLBACK callback,
                                   uint32_t callbackArg) {
-    if (cRefs < 1) return kNoTimer;
+    if (tmrRefs < 1) return kNoTimer;
     if (periodMs < 2.0) return kInvalidArg;  // NaN passes, as it always has
     if (callback == nullptr || phTimer == nullptr) return kInvalidArg;
 
@@ -354,16 +398,16 @@ KAVRO_API KAVRO_STATUS TMR_Create(TmrTimer **phTimer, double periodMs, TMR_CALLB
             slot = static_cast<TmrTimer *>(KAVRO_OBJ_Alloc(sizeof(TmrTimer), KAVRO_TAG_TMR, 0));
             if (slot != nullptr) timers.store(slot);
             t = slot;
-        } else if (__atomic_load_n(&slot->active, __ATOMIC_ACQUIRE) == 0) {
+        } else if (shared(slot->active).load(std::memory_order_acquire) == 0) {
             t = slot;
         }
         if (t != nullptr) {
             t->interval = 2;
-            __atomic_store_n(&t->remainingMs, 2000, __ATOMIC_RELAXED);
-            __atomic_store_n(&t->callback, callback, __ATOMIC_RELAXED);
-            __atomic_store_n(&t->callbackArg, callbackArg, __ATOMIC_RELAXED);
-            // Last, so that a tick loop that sees it armed sees all of it.
-            __atomic_store_n(&t->active, 1u, __ATOMIC_RELEASE);
+            shared(t->remainingMs).store(2000, std::memory_order_relaxed);
+            shared(t->callback).store(callback, std::memory_order_relaxed);
+            shared(t->callbackArg).store(callbackArg, std::memory_order_relaxed);
+            // Last, so that a tick that sees it armed sees all of it.
+            shared(t->active).store(1u, std::memory_order_release);
         }
         SEM_Post(tableLock);
     }
@@ -373,13 +417,13 @@ KAVRO_API KAVRO_STATUS TMR_Create(TmrTimer **phTimer, double periodMs, TMR_CALLB
 
 KAVRO_API KAVRO_STATUS TMR_Delete(TmrTimer *hTimer) {
     const bool locked = SEM_Pend(tableLock, KAVRO_WAIT_FOREVER) == 0;
-    if (hTimer != nullptr) __atomic_store_n(&hTimer->active, 0u, __ATOMIC_RELEASE);
+    if (hTimer != nullptr) shared(hTimer->active).store(0u, std::memory_order_release);
     if (locked) SEM_Post(tableLock);
     return kOk;
 }
 
 KAVRO_API KAVRO_STATUS TMR_SetTime(TmrTimer *hTimer, double) {
-    if (!has_tag(hTimer, KAVRO_TAG_TMR) || __atomic_load_n(&hTimer->active, __ATOMIC_ACQUIRE) == 0)
+    if (!has_tag(hTimer, KAVRO_TAG_TMR) || shared(hTimer->active).load(std::memory_order_acquire) == 0)
         return kInvalidArg;
     hTimer->interval = 2;
     return kOk;
@@ -392,12 +436,8 @@ KAVRO_API KAVRO_STATUS TMR_Wait(double microseconds) {
     ts.tv_nsec = nanoseconds_field(microseconds);
     timespec rs{};
     // clang-format off
-    const int line = __LINE__; int rc = clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs);
+    const int line = __LINE__; const int rc = sys_clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs);
     // clang-format on
-    if (rc > 0) {  // the C library's convention, should its function be the one bound
-        errno = rc;
-        rc = -1;
-    }
     const char *call = "clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs)";
     if (rc == -1)
         MY_c_perror(0, kModule, line, call);

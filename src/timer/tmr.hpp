@@ -16,7 +16,7 @@
 
 namespace kavro::detail {
 
-// ---- shared state (timer.cpp) ----------------------------------------------
+// ---- shared state (tmr.cpp) ------------------------------------------------
 
 // The engine's shared record.
 struct TmrData {
@@ -27,22 +27,45 @@ struct TmrData {
 };
 extern TmrData TMR_Data;
 
-extern int32_t cRefs;
+// The engine's reference count (TMR_Init / TMR_Exit).
+extern int32_t tmrRefs;
 extern const HV_DATA *HVR_Hypervisor;
 extern uint32_t rtcEnabled;          // 1: RTC loop, 0: POSIX timer (role of TMR_Handler)
 extern uint32_t Kavro_ClockCatchUp;  // RTC loop makes missed ticks up
 
-// The one-slot table. The tick loops read it without tableLock.
+// The one-slot table. Only serve_slot reads it on behalf of the tick sources.
 extern std::atomic<TmrTimer *> timers;
-extern void *tableLock;
-// Set by a tick pass while it uses the slot, so that TMR_Exit can wait for
-// it before freeing the record.
-extern std::atomic<uint32_t> slotInUse;
 
 extern pthread_cond_t g_Condition;
-extern std::atomic<int32_t> g_fd;                // /dev/rtc, -1 until the RTC loop opens it
-extern std::atomic<uint32_t> rtcTickCount;       // interrupts since the watchdog looked
-extern int32_t tmrThreshold;                     // early-dispatch margin, microseconds
+
+// The exported tuning globals are plain variables that a running native loop
+// reads at every pass; the engine's own reads and writes of them are atomic.
+template <class T>
+T tuning_load(T &global) {
+    return std::atomic_ref<T>(global).load(std::memory_order_relaxed);
+}
+template <class T>
+void tuning_store(T &global, T value) {
+    std::atomic_ref<T>(global).store(value, std::memory_order_relaxed);
+}
+
+// ---- the slot, as the tick sources use it ---------------------------------------
+
+// How a tick treats an armed timer.
+enum class SlotTick {
+    EveryTick,  // native loop: the callback at every tick
+    CountDown,  // RTC loop and signal role: remainingMs counted down by the tick, the callback when it runs out
+};
+
+// Called with the count-down value while the tick still holds the slot.
+using CountDownHook = void (*)(int32_t remainingMs);
+
+// One tick's use of the slot, the only way a tick source touches the timer
+// record: mark the slot in use, read an armed timer (counting it down and
+// calling `hook` for SlotTick::CountDown), copy its callback when due, drop
+// the mark, and only then call the copy. TMR_Exit waits for the mark to drop
+// before it frees the record. No lock, no allocation, no system call.
+void serve_slot(SlotTick how, CountDownHook hook = nullptr);
 
 // ---- thread entries ----------------------------------------------------------
 
@@ -127,10 +150,6 @@ bool native_profile(NativeLoopState &s, int32_t profilePeriodSec, ProfileLine *l
 // Everything a pass does with the clock reading `now`.
 PassOutcome native_pass(NativeLoopState &s, const timespec &now);
 
-// The deadline the native loop is serving; valid inside the callback on the
-// native path (read by measuring tools).
-timespec native_served_deadline();
-
 // ---- the RTC loop's decision --------------------------------------------------
 
 inline constexpr int32_t kRtcTickUs = 2000;
@@ -150,13 +169,6 @@ struct RtcStep {
 void rtc_start(RtcGrid &g, const timeval &now);
 // Whether the interrupt read at `now` serves a tick. Pure.
 RtcStep rtc_decide(RtcGrid &g, const timeval &now, bool catchUp, int32_t threshold);
-
-// One tick's count-down of an armed timer: stores the new remainingMs and
-// returns true when the callback is due (r is the value before reloading).
-bool count_down(TmrTimer *t, double periodMs, int32_t *r);
-
-// Serves the slot for one tick: count-down and callback (RTC role).
-void rtc_dispatch();
 
 // Whether TMR_CMOS writes now; updates *periodStartSec. Pure.
 bool cmos_write_due(uint32_t *periodStartSec, uint32_t monoSec, uint32_t wallUsec,

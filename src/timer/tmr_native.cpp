@@ -10,44 +10,18 @@
 #include <cstring>
 
 #include "frame/internal.hpp"
-#include "kavro_rt/clock.h"
 #include "kavro_rt/log.h"
+#include "timer/clock.hpp"
 #include "timer/tmr.hpp"
 
 namespace kavro::detail {
 
 namespace {
 
-// Written by the loop before each callback, read by that callback only.
-timespec servedDeadline{};
-
-timespec advance(timespec t, int64_t ns) {
-    int64_t nsec = static_cast<int64_t>(t.tv_nsec) + ns;
-    t.tv_sec += static_cast<time_t>(nsec / kNsPerSec);
-    t.tv_nsec = static_cast<long>(nsec % kNsPerSec);
-    return t;
-}
-
 [[noreturn]] void fail_get_time() {
     const int e = errno;
     GP_printf("KAVRO: ERROR: Failed to get time: %d\n", e);
     std::exit(e);
-}
-
-// Calls the armed timer's callback. The fields are copied out before the
-// call so that the record is not touched while the callback runs.
-inline void serve_slot() {
-    slotInUse.store(1);
-    TMR_CALLBACK cb = nullptr;
-    uint32_t arg = 0;
-    if (TmrTimer *t = timers.load()) {
-        if (__atomic_load_n(&t->active, __ATOMIC_ACQUIRE) != 0) {
-            cb = __atomic_load_n(&t->callback, __ATOMIC_RELAXED);
-            arg = __atomic_load_n(&t->callbackArg, __ATOMIC_RELAXED);
-        }
-    }
-    slotInUse.store(0, std::memory_order_release);
-    if (cb != nullptr) cb(arg);
 }
 
 }  // namespace
@@ -96,7 +70,7 @@ PassOutcome native_pass(NativeLoopState &s, const timespec &now) {
     if (missed > s.MSM) s.MSM = missed;
     s.intervalSumNs += static_cast<uint64_t>(to_ns(now) - to_ns(s.previous));
 
-    s.target = advance(s.target, static_cast<int64_t>(missed + 1) * kTickNs);
+    s.target = add_ns(s.target, static_cast<int64_t>(missed + 1) * kTickNs);
     s.previous = now;
     s.skippedSleep = false;
 
@@ -110,8 +84,6 @@ PassOutcome native_pass(NativeLoopState &s, const timespec &now) {
     return o;
 }
 
-timespec native_served_deadline() { return servedDeadline; }
-
 void *TMR_HandlerNative(void *) {
     pthread_setname_np(pthread_self(), "TMR_Native");
     const int32_t minTimeToTargetUs = g_TimerMinTimeToTargetUs;
@@ -123,33 +95,27 @@ void *TMR_HandlerNative(void *) {
         std::exit(rc);
     }
     timespec now{};
-    if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) fail_get_time();
+    if (sys_clock_gettime(CLOCK_MONOTONIC, &now) != 0) fail_get_time();
 
     NativeLoopState s;
-    native_start(s, now, g_TimerProfilePeriodSec, minTimeToTargetUs);
+    native_start(s, now, tuning_load(g_TimerProfilePeriodSec), minTimeToTargetUs);
     for (;;) {
-        servedDeadline = s.target;
-        serve_slot();
+        serve_slot(SlotTick::EveryTick);
 
         ProfileLine p;
-        if (native_profile(s, g_TimerProfilePeriodSec, &p) && g_TimerProfilePrint != 0) {
+        if (native_profile(s, tuning_load(g_TimerProfilePeriodSec), &p) && tuning_load(g_TimerProfilePrint) != 0) {
             GP_printf("KAVRO: TC:%llu PM:%llu TM:%llu MSM:%llu AT:%llu TBT:%llu ED:%llu\n",
                       (unsigned long long)p.TC, (unsigned long long)p.PM, (unsigned long long)p.TM,
                       (unsigned long long)p.MSM, (unsigned long long)p.AT, (unsigned long long)p.TBT,
                       (unsigned long long)p.ED);
         }
 
-        if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) fail_get_time();
+        if (sys_clock_gettime(CLOCK_MONOTONIC, &now) != 0) fail_get_time();
         const PassOutcome o = native_pass(s, now);
         if (o.negativeDiff) GP_printf("KAVRO: ERROR: Negative diff %lld.\n", (long long)o.lateness);
         if (!o.sleep) continue;
 
-        int r = clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &s.target, nullptr);
-        if (r > 0) {  // the C library's convention, should its function be the one bound
-            errno = r;
-            r = -1;
-        }
-        if (r != 0) {
+        if (sys_clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &s.target, nullptr) != 0) {
             const int e = errno;
             GP_printf("KAVRO: ERROR: sleep failed: %s: diff %lld : missed %llu : next s %lld  : ns %lld ",
                       std::strerror(e), (long long)(o.negativeDiff ? 0 : o.lateness),

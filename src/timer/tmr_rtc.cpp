@@ -11,18 +11,18 @@
 
 #include "timer/cmos.hpp"
 #include "frame/internal.hpp"
-#include "kavro_rt/clock.h"
 #include "kavro_rt/cmos.h"
 #include "kavro_rt/log.h"
+#include "timer/clock.hpp"
 #include "timer/tmr.hpp"
 
 namespace kavro::detail {
 
-std::atomic<int32_t> g_fd{-1};
-std::atomic<uint32_t> rtcTickCount{0};
-int32_t tmrThreshold = 244;
-
 namespace {
+
+std::atomic<int32_t> g_fd{-1};          // /dev/rtc, -1 until the RTC loop opens it
+std::atomic<uint32_t> rtcTickCount{0};  // interrupts since the watchdog looked
+constexpr int32_t tmrThreshold = 244;   // early-dispatch margin, microseconds
 
 constexpr unsigned long kRtcRate = 4096;
 constexpr unsigned kWatchdogPeriodSec = 5;
@@ -45,28 +45,19 @@ void sleep_seconds(unsigned s) {
     }
 }
 
-// The signal role: serves the slot directly at each THM_SIGNAL. Everything
-// here is async-signal-safe: atomics, a stack buffer and write(2).
+// The signal role's per-tick line. Async-signal-safe: a stack buffer and write(2).
+void write_period_line(int32_t r) {
+    char line[32];
+    const int n = format_period_line(line, sizeof line, r);
+    if (write(STDOUT_FILENO, line, static_cast<size_t>(n)) < 0) {
+    }
+}
+
+// The signal role: serves the slot directly at each THM_SIGNAL; a signal
+// that arrives while another is being served is dropped.
 void serve_signal() {
     if (running.exchange(1, std::memory_order_acquire) != 0) return;
-    slotInUse.store(1);
-    TMR_CALLBACK cb = nullptr;
-    uint32_t arg = 0;
-    if (TmrTimer *t = timers.load()) {
-        if (__atomic_load_n(&t->active, __ATOMIC_ACQUIRE) != 0) {
-            int32_t r = 0;
-            if (count_down(t, TMR_Data.periodMs, &r)) {
-                cb = __atomic_load_n(&t->callback, __ATOMIC_RELAXED);
-                arg = __atomic_load_n(&t->callbackArg, __ATOMIC_RELAXED);
-            }
-            char line[32];
-            const int n = format_period_line(line, sizeof line, r);
-            if (write(STDOUT_FILENO, line, static_cast<size_t>(n)) < 0) {
-            }
-        }
-    }
-    slotInUse.store(0, std::memory_order_release);
-    if (cb != nullptr) cb(arg);
+    serve_slot(SlotTick::CountDown, write_period_line);
     running.store(0, std::memory_order_release);
 }
 
@@ -124,40 +115,15 @@ RtcStep rtc_decide(RtcGrid &g, const timeval &now, bool catchUp, int32_t thresho
     return step;
 }
 
-bool count_down(TmrTimer *t, double periodMs, int32_t *r) {
-    const int32_t remaining = __atomic_load_n(&t->remainingMs, __ATOMIC_RELAXED);
-    const int32_t next = static_cast<int32_t>(remaining - periodMs);
-    *r = next;
-    if (next > 0) {
-        __atomic_store_n(&t->remainingMs, next, __ATOMIC_RELAXED);
-        return false;
-    }
-    __atomic_store_n(&t->remainingMs, static_cast<int32_t>(periodMs), __ATOMIC_RELAXED);
-    return true;
-}
-
-void rtc_dispatch() {
-    slotInUse.store(1);
-    TMR_CALLBACK cb = nullptr;
-    uint32_t arg = 0;
-    if (TmrTimer *t = timers.load()) {
-        int32_t r = 0;
-        if (__atomic_load_n(&t->active, __ATOMIC_ACQUIRE) != 0 && count_down(t, TMR_Data.periodMs, &r)) {
-            cb = __atomic_load_n(&t->callback, __ATOMIC_RELAXED);
-            arg = __atomic_load_n(&t->callbackArg, __ATOMIC_RELAXED);
-        }
-    }
-    slotInUse.store(0, std::memory_order_release);
-    if (cb != nullptr) cb(arg);
-}
-
 bool cmos_write_due(uint32_t *periodStartSec, uint32_t monoSec, uint32_t wallUsec, int32_t intervalSec,
                     uint32_t offsetUsec) {
     if (*periodStartSec == 0) {
         *periodStartSec = monoSec;  // the first interval starts at the first look
         return false;
     }
-    if (monoSec < *periodStartSec + static_cast<uint32_t>(intervalSec)) return false;
+    // The interval counts as the unsigned number the configuration reports; a
+    // sum past 32 bits does not wrap round to "due".
+    if (monoSec < uint64_t{*periodStartSec} + static_cast<uint32_t>(intervalSec)) return false;
     if (offsetUsec == 0 || wallUsec < offsetUsec) return false;
     *periodStartSec = monoSec;
     return true;
@@ -219,7 +185,7 @@ void *TMR_Handler(void *) {
         rtcTickCount.fetch_add(1, std::memory_order_relaxed);
         gettimeofday(&now, nullptr);
         pthread_cond_signal(&g_Condition);
-        if (rtc_decide(grid, now, catchUp, tmrThreshold).dispatch) rtc_dispatch();
+        if (rtc_decide(grid, now, catchUp, tmrThreshold).dispatch) serve_slot(SlotTick::CountDown);
     }
 }
 
@@ -255,7 +221,7 @@ void *TMR_CMOS(void *) {
         const int32_t interval = g_WriteIntervalTime_sec;
         if (interval == 0) continue;
         timespec mono{};
-        clock_gettime(CLOCK_MONOTONIC, &mono);
+        sys_clock_gettime(CLOCK_MONOTONIC, &mono);
         timeval wall{};
         gettimeofday(&wall, nullptr);
         if (cmos_write_due(&s_Previous_CMOS_Set_Time_sec, static_cast<uint32_t>(mono.tv_sec),
