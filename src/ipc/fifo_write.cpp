@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "frame/internal.hpp"
+#include "frame/publish.hpp"
 #include "kavro_rt/ipc.h"
 #include "ipc/fifo.hpp"
 
@@ -153,7 +154,9 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t, uint32_t key, int32_t msgTag, c
     }
 
     *written = static_cast<int32_t>(write(fds[1 + rank], buffer, length));
+    kavro::pub::ChannelCounters *counted = kavro::pub::channel_counters(fds[0]);
     if (*written == -1) {
+        if (counted != nullptr) count_up(counted->failed);
         int err = errno;
         if (err == EPIPE || err == EBADF) {
             mark_key_removed(key, isStreams);
@@ -175,9 +178,11 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t, uint32_t key, int32_t msgTag, c
     const int err = errno;
     if (OruDebug == 1) send_trace(buffer, length, isStreams);
     if (r == 1) {
+        if (counted != nullptr) count_up(counted->messages), count_up(counted->bytes, length);
         pthread_mutex_unlock(&fifo_lock);
         return 0;
     }
+    if (counted != nullptr) count_up(counted->failed);
     if (err == EPIPE || err == EBADF) {
         mark_key_removed(key, isStreams);
         pthread_mutex_unlock(&fifo_lock);

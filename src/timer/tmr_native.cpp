@@ -12,6 +12,7 @@
 #include "frame/internal.hpp"
 #include "kavro_rt/clock.h"
 #include "kavro_rt/log.h"
+#include "frame/publish.hpp"
 #include "timer/tmr.hpp"
 
 namespace kavro::detail {
@@ -141,6 +142,7 @@ void *TMR_HandlerNative(void *) {
 
         if (clock_gettime(CLOCK_MONOTONIC, &now) != 0) fail_get_time();
         const PassOutcome o = native_pass(s, now);
+        kavro::pub::tick_served(o.lateness, o.missed);
         if (o.negativeDiff) GP_printf("KAVRO: ERROR: Negative diff %lld.\n", (long long)o.lateness);
         if (!o.sleep) continue;
 
