@@ -10,7 +10,10 @@
  * it saw: ticks served and their lateness, messages through each path, and
  * anything lost (which must be nothing).
  *
- *   kavro-demo [--daemon] [--report FILE] [--seconds N] [--no-sandbox]
+ *   kavro-demo [--daemon] [--report FILE] [--seconds N] [--hold MS] [--no-sandbox]
+ *
+ * --hold keeps every thread, the task lock and the channel busy for MS
+ * milliseconds after its work, so that `kavro top` can be shown them.
  *
  * Unless --no-sandbox is given and when it may, it works in a private mount
  * namespace with an empty /usr/torvanex, so the host's own product files are
@@ -45,6 +48,11 @@
 static FILE *report;
 static int failures;
 static int lost;
+static uint32_t hold_ms;
+
+static void linger(void) {
+    if (hold_ms) THREAD_Sleep(hold_ms);
+}
 
 static void say(const char *fmt, ...) {
     va_list ap;
@@ -111,6 +119,11 @@ static void lock_worker(void *ctx) {
     LCK_Lock_2();
     ++lock_threads_done;
     LCK_Unlock_2();
+    if (hold_ms) { /* one holds the task lock, the others wait for it */
+        LCK_Lock(NULL);
+        linger();
+        LCK_Unlock(NULL);
+    }
 }
 
 /* ---- a mailbox pipeline: producer -> filter -> consumer -------------------- */
@@ -137,6 +150,7 @@ static void producer(void *ctx) {
         m.stage = 1;
         if (MBX_Post(stage1, &m, 5000) != 0) break;
     }
+    linger();
 }
 
 static void filter(void *ctx) {
@@ -148,6 +162,7 @@ static void filter(void *ctx) {
         m.stage = 2;
         if (MBX_Post(stage2, &m, 5000) != 0) break;
     }
+    linger();
 }
 
 static void consumer(void *ctx) {
@@ -161,6 +176,7 @@ static void consumer(void *ctx) {
         ++pipeline_received;
     }
     pipeline_done = 1;
+    linger();
 }
 
 static ThreadObj *start_thread(const char *name, uint32_t priority, THREAD_UserFn fn) {
@@ -223,6 +239,7 @@ static int writer_process(void) {
             usleep(200);
         if (st != 0) return 11;
     }
+    linger();
     IPC_FIFO_Exit();
     return 0;
 }
@@ -322,8 +339,9 @@ int main(int argc, char **argv) {
         else if (strcmp(argv[i], "--no-sandbox") == 0) sandbox = 0;
         else if (strcmp(argv[i], "--report") == 0 && i + 1 < argc) report_path = argv[++i];
         else if (strcmp(argv[i], "--seconds") == 0 && i + 1 < argc) seconds = atoi(argv[++i]);
+        else if (strcmp(argv[i], "--hold") == 0 && i + 1 < argc) hold_ms = (uint32_t)atoi(argv[++i]);
         else {
-            fprintf(stderr, "usage: kavro-demo [--daemon] [--report FILE] [--seconds N] [--no-sandbox]\n");
+            fprintf(stderr, "usage: kavro-demo [--daemon] [--report FILE] [--seconds N] [--hold MS] [--no-sandbox]\n");
             return 2;
         }
     }

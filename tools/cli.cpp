@@ -31,6 +31,7 @@ std::string usage() {
            "  latency [--seconds N] [--svg FILE] [--quiet] [--idle]\n"
            "                                          measure the 2 ms tick's lateness here\n"
            "                                          (--idle: let the CPU enter deep idle states)\n"
+           "  top [--once] [--json] [--pid N]         live view of every process using the library\n"
            "  help                                    this text\n";
 }
 

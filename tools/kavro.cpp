@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "cli.hpp"
+#include "top.hpp"
 #include "frame/internal.hpp"
 #include "kavro_rt/kavro_rt.h"
 #include "util/reg.hpp"
@@ -226,6 +227,7 @@ int cmd_latency(const Options &o) {
 
 int main(int argc, char **argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
+    if (!args.empty() && args[0] == "top") return kavro::top::run({args.begin() + 1, args.end()});
     Options o;
     std::string error;
     if (!kavro::cli::parse(args, &o, &error)) {
