@@ -43,7 +43,8 @@ pthread_mutex_t regLock;
 pthread_cond_t wake;
 pthread_once_t regOnce = PTHREAD_ONCE_INIT;
 std::unordered_map<const void *, Entry> *objects = nullptr;
-std::vector<Row> rows;  // the publisher's own
+// The publisher's own; never destroyed, since the publisher may still run at exit.
+std::vector<Row> *rows = new std::vector<Row>();
 Header header{};
 uint64_t seq = 0;
 pid_t publisherPid = 0;  // the process whose publisher runs (a forked child has none)
@@ -61,7 +62,7 @@ void unlock() { pthread_mutex_unlock(&regLock); }
 void child_after_fork() {
     pthread_mutex_init(&regLock, nullptr);
     objects = new std::unordered_map<const void *, Entry>();
-    new (&rows) std::vector<Row>();
+    rows = new std::vector<Row>();
     publisherPid = 0;
     tickOn = false;
     tickStats = TickStats{};
@@ -169,6 +170,7 @@ void thread_from_system(Row &r) {
 
 
 void snapshot() {
+    std::vector<Row> &rows = *kavro::pub::rows;
     rows.clear();
     lock();
     for (const auto &[handle, e] : *objects) {
@@ -221,6 +223,7 @@ void snapshot() {
 // The sequence word is odd while the file is being rewritten.
 void write_file() {
     if (!open_file()) return;
+    const std::vector<Row> &rows = *kavro::pub::rows;
     const size_t body = rows.size() * sizeof(Row);
     header.seq = ++seq * 2 - 1;
     if (pwrite(fileFd, &header, sizeof header, 0) != static_cast<ssize_t>(sizeof header)) return;
