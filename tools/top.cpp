@@ -271,20 +271,25 @@ void print_table(const std::vector<Snapshot> &all) {
                     s.h.tickSource != 0 ? (std::to_string(s.h.worstUs) + "us").c_str() : "-",
                     s.h.tickSource != 0 ? (std::to_string(percentile_us(s.h, 0.99)) + "us").c_str() : "-");
     }
-    std::printf("LCK/W task locks/waited for, MBX/F mailboxes/full, CHN/NR channels/without reader\n");
+    std::printf("LCK/W locks/waited for  MBX/F mailboxes/full  CHN/NR channels/without reader\n");
 }
 
 void print_process(const Snapshot &s) {
     std::printf("process %u %s%s\n", s.h.pid, s.h.comm, s.gone ? " gone, snapshot removed" : "");
     if (s.gone) return;
-    std::printf("timer: source %s, ticks served %llu, skipped %llu, worst %uus, p99 %lluus\n",
+    if (s.h.tickSource != 0)
+        std::printf("timer: source %s, ticks served %llu, skipped %llu, worst %uus, p99 %lluus\n",
                 source_name(s.h.tickSource), static_cast<unsigned long long>(s.h.ticksServed),
                 static_cast<unsigned long long>(s.h.ticksSkipped), s.h.worstUs,
                 static_cast<unsigned long long>(percentile_us(s.h, 0.99)));
     if (s.h.ticksServed != 0) {
         std::printf("lateness:");
-        for (int b = 0; b < kavro::pub::kHistBuckets; ++b)
-            if (s.h.hist[b] != 0) std::printf(" <%lluus:%u", 1ull << b, s.h.hist[b]);
+        int shown = 0;
+        for (int b = 0; b < kavro::pub::kHistBuckets; ++b) {
+            if (s.h.hist[b] == 0) continue;
+            if (shown++ % 6 == 5) std::printf("\n         ");
+            std::printf(" <%lluus:%u", 1ull << b, s.h.hist[b]);
+        }
         std::printf("\n");
     }
     const auto section = [&](uint32_t kind, const char *title) {
@@ -296,7 +301,7 @@ void print_process(const Snapshot &s) {
             const auto &v = r.v;
             switch (kind) {
                 case kavro::pub::Thread:
-                    std::printf("  %-16.16s %3lld %3lld %-5s %c %5lld %-16.16s %7lld%s\n", r.name[0] ? r.name : "-",
+                    std::printf("  %-16.16s %3lld %3lld %-6s %c %5lld %-16.16s %7lld%s\n", r.name[0] ? r.name : "-",
                                 (long long)v[0], (long long)v[1], policy_name(v[2]), v[3] ? static_cast<char>(v[3]) : '?',
                                 (long long)v[4], v[5] != 0 ? "task lock" : "-", (long long)v[6],
                                 v[7] ? " suspended" : "");
@@ -306,17 +311,17 @@ void print_process(const Snapshot &s) {
                                 (long long)v[1], (long long)v[2]);
                     break;
                 case kavro::pub::Semaphore:
-                    std::printf("  %#-18llx %-9s %7lld %7lld\n", (unsigned long long)r.id,
+                    std::printf("  0x%-16llx %-9s %7lld %7lld\n", (unsigned long long)r.id,
                                 v[0] == 0 ? "counter" : v[0] == 1 ? "posix" : "system-v", (long long)v[1],
                                 (long long)v[2]);
                     break;
                 case kavro::pub::Mailbox:
-                    std::printf("  %#-18llx %5lld %5lld %5lld %8lld %6lld%s\n", (unsigned long long)r.id, (long long)v[0],
+                    std::printf("  0x%-16llx %5lld %5lld %5lld %8lld %6lld%s\n", (unsigned long long)r.id, (long long)v[0],
                                 (long long)v[1], (long long)v[2], (long long)v[3], (long long)v[4],
                                 v[0] > 0 && v[1] >= v[0] ? "  FULL" : "");
                     break;
                 case kavro::pub::Channel:
-                    std::printf("  %10lld %-7s %-6s %10lld %12lld %7lld\n", (long long)v[0], v[1] ? "streams" : "pipes",
+                    std::printf("  %13lld %-7s %-6s %10lld %12lld %7lld\n", (long long)v[0], v[1] ? "streams" : "pipes",
                                 v[2] ? "yes" : "NO", (long long)v[3], (long long)v[4], (long long)v[5]);
                     break;
                 default: break;
@@ -325,9 +330,9 @@ void print_process(const Snapshot &s) {
     };
     section(kavro::pub::Thread, "THREADS            PRI SYS POLICY S DEPTH WAITS FOR            TID");
     section(kavro::pub::Lock, "TASK LOCKS         HOLDER             DEPTH WAITERS");
-    section(kavro::pub::Semaphore, "SEMAPHORES         KIND        COUNT WAITERS");
-    section(kavro::pub::Mailbox, "MAILBOXES          SLOTS DEPTH  HIGH TIMEOUTS  MSGSZ");
-    section(kavro::pub::Channel, "CHANNELS        KEY KIND    READER   MESSAGES        BYTES  FAILED");
+    section(kavro::pub::Semaphore, "SEMAPHORES           KIND        COUNT WAITERS");
+    section(kavro::pub::Mailbox, "MAILBOXES            SLOTS DEPTH  HIGH TIMEOUTS  MSGSZ");
+    section(kavro::pub::Channel, "CHANNELS    KEY KIND    READER   MESSAGES        BYTES  FAILED");
 }
 
 void json_string(const char *s) {
