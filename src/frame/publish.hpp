@@ -9,6 +9,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 namespace kavro::pub {
@@ -63,6 +64,11 @@ struct Row {
     char name[32];
     int64_t v[10];
 };
+
+// Every 64-bit field on an 8-byte boundary: the i386 and x86_64 builds
+// write the same layout, so either tool reads either process.
+static_assert(sizeof(Header) == 160 && offsetof(Header, seq) == 24 && offsetof(Header, ticksServed) == 80);
+static_assert(sizeof(Row) == 128 && offsetof(Row, v) == 48);
 
 // ---- registration (families) ------------------------------------------------------
 
