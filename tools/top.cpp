@@ -39,7 +39,8 @@ struct Snapshot {
     uint64_t lateTicks = 0;
     int fullMailboxes = 0, waitedLocks = 0, channelsNoReader = 0;
     int count(uint32_t kind) const {
-        return static_cast<int>(std::count_if(rows.begin(), rows.end(), [kind](const Row &r) { return r.kind == kind; }));
+        return static_cast<int>(
+            std::count_if(rows.begin(), rows.end(), [kind](const Row &r) { return r.kind == kind; }));
     }
 };
 
@@ -302,12 +303,14 @@ void print_process(const Snapshot &s) {
             switch (kind) {
                 case kavro::pub::Thread:
                     std::printf("  %-16.16s %3lld %3lld %-6s %c %5lld %-16.16s %7lld%s\n", r.name[0] ? r.name : "-",
-                                (long long)v[0], (long long)v[1], policy_name(v[2]), v[3] ? static_cast<char>(v[3]) : '?',
+                                (long long)v[0], (long long)v[1], policy_name(v[2]),
+                                v[3] ? static_cast<char>(v[3]) : '?',
                                 (long long)v[4], v[5] != 0 ? "task lock" : "-", (long long)v[6],
                                 v[7] ? " suspended" : "");
                     break;
                 case kavro::pub::Lock:
-                    std::printf("  %-16.16s %-18.18s %5lld %7lld\n", r.name, thread_name(s, static_cast<uint64_t>(v[0])).c_str(),
+                    std::printf("  %-16.16s %-18.18s %5lld %7lld\n", r.name,
+                                thread_name(s, static_cast<uint64_t>(v[0])).c_str(),
                                 (long long)v[1], (long long)v[2]);
                     break;
                 case kavro::pub::Semaphore:
@@ -316,7 +319,8 @@ void print_process(const Snapshot &s) {
                                 (long long)v[2]);
                     break;
                 case kavro::pub::Mailbox:
-                    std::printf("  0x%-16llx %5lld %5lld %5lld %8lld %6lld%s\n", (unsigned long long)r.id, (long long)v[0],
+                    std::printf("  0x%-16llx %5lld %5lld %5lld %8lld %6lld%s\n", (unsigned long long)r.id,
+                                (long long)v[0],
                                 (long long)v[1], (long long)v[2], (long long)v[3], (long long)v[4],
                                 v[0] > 0 && v[1] >= v[0] ? "  FULL" : "");
                     break;

@@ -234,7 +234,8 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Exit(void) {
     FifoKeyEntry *pipes = pFifoFdArray, *streams = pFifoStrFdArray;
     set_tables(nullptr, nullptr);
     pthread_mutex_unlock(&fifo_lock);
-    for (int i = 0; kavro::pub::enabled() && i < kFifoTableSize; ++i) kavro::pub::remove(&pipes[i]), kavro::pub::remove(&streams[i]);
+    for (int i = 0; kavro::pub::enabled() && i < kFifoTableSize; ++i)
+        kavro::pub::remove(&pipes[i]), kavro::pub::remove(&streams[i]);
     MEM_Free2(pipes);
     MEM_Free2(streams);
     MEM_Exit();
