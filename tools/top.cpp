@@ -328,6 +328,10 @@ void print_process(const Snapshot &s) {
                     std::printf("  %13lld %-7s %-6s %10lld %12lld %7lld\n", (long long)v[0], v[1] ? "streams" : "pipes",
                                 v[2] ? "yes" : "NO", (long long)v[3], (long long)v[4], (long long)v[5]);
                     break;
+                case kavro::pub::SysV:
+                    std::printf("  %-16.16s %10lld 0x%08llx %12lld\n", r.name, (long long)v[1],
+                                (unsigned long long)static_cast<uint32_t>(v[2]), (long long)v[3]);
+                    break;
                 default: break;
             }
         }
@@ -337,6 +341,7 @@ void print_process(const Snapshot &s) {
     section(kavro::pub::Semaphore, "SEMAPHORES           KIND        COUNT WAITERS");
     section(kavro::pub::Mailbox, "MAILBOXES            SLOTS DEPTH  HIGH TIMEOUTS  MSGSZ");
     section(kavro::pub::Channel, "CHANNELS    KEY KIND    READER   MESSAGES        BYTES  FAILED");
+    section(kavro::pub::SysV, "SYSTEM V                   ID KEY        SIZE/MESSAGES");
 }
 
 void json_string(const char *s) {
@@ -374,7 +379,7 @@ void print_json(const std::vector<Snapshot> &all) {
                 {"kind", "count", "waiters"},
                 {"slots", "depth", "high_water", "timed_out_pends", "message_size"},
                 {"key", "streams", "reader", "messages", "bytes", "failed_writes"},
-                {"type", "id", "key"},
+                {"type", "id", "key", "size"},
             };
             for (size_t j = 0; j < s.rows.size(); ++j) {
                 const Row &r = s.rows[j];

@@ -56,7 +56,8 @@ struct Header {
 //  Semaphore: 0 kind (0 counter, 1 POSIX, 2 System V), 1 count, 2 waiters (-1 unknown)
 //  Mailbox:   0 slots, 1 depth, 2 high-water mark, 3 timed-out pends, 4 message size
 //  Channel:   0 key, 1 streams, 2 reader present, 3 messages, 4 bytes, 5 failed writes
-//  SysV:      0 type (0 shared memory, 1 message queue, 2 semaphore), 1 id, 2 key
+//  SysV:      0 type (0 shared memory, 1 message queue), 1 id, 2 key, 3 size (bytes; queue: messages)
+//             (System V semaphores are listed as semaphores)
 struct Row {
     uint32_t kind;
     uint32_t pad;
