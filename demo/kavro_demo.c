@@ -10,7 +10,10 @@
  * it saw: ticks served and their lateness, messages through each path, and
  * anything lost (which must be nothing).
  *
- *   kavro-demo [--daemon] [--report FILE] [--seconds N] [--no-sandbox]
+ *   kavro-demo [--daemon] [--report FILE] [--seconds N] [--hold MS] [--no-sandbox]
+ *
+ * --hold keeps every thread, the task lock and the channel busy for MS
+ * milliseconds after its work, so that `kavro top` can be shown them.
  *
  * Unless --no-sandbox is given and when it may, it works in a private mount
  * namespace with an empty /usr/torvanex, so the host's own product files are
@@ -36,10 +39,11 @@
 
 #define PRODUCT_ROOT "/usr/torvanex"
 #define USAGE                                                                          \
-    "usage: kavro-demo [--daemon] [--report FILE] [--seconds N] [--no-sandbox]\n"     \
+    "usage: kavro-demo [--daemon] [--report FILE] [--seconds N] [--hold MS] [--no-sandbox]\n" \
     "  --daemon       detach first; the report goes to /tmp/kavro-demo.report\n"     \
     "  --report FILE  write the report to FILE\n"                                    \
     "  --seconds N    let the 2 ms tick run N seconds (1 to 3600, default 3)\n"      \
+    "  --hold MS      keep threads, task lock and channel busy MS more, for `kavro top`\n" \
     "  --no-sandbox   work in the host's /usr/torvanex, not in a private copy\n"
 #define CHANNEL_KEY 4711
 #define CHANNEL_MESSAGES 3000
@@ -51,6 +55,11 @@
 static FILE *report;
 static int failures;
 static int lost;
+static uint32_t hold_ms;
+
+static void linger(void) {
+    if (hold_ms) THREAD_Sleep(hold_ms);
+}
 
 static void say(const char *fmt, ...) {
     va_list ap;
@@ -117,6 +126,11 @@ static void lock_worker(void *ctx) {
     LCK_Lock_2();
     ++lock_threads_done;
     LCK_Unlock_2();
+    if (hold_ms) { /* one holds the task lock, the others wait for it */
+        LCK_Lock(NULL);
+        linger();
+        LCK_Unlock(NULL);
+    }
 }
 
 /* ---- a mailbox pipeline: producer -> filter -> consumer -------------------- */
@@ -143,6 +157,7 @@ static void producer(void *ctx) {
         m.stage = 1;
         if (MBX_Post(stage1, &m, 5000) != 0) break;
     }
+    linger();
 }
 
 static void filter(void *ctx) {
@@ -154,6 +169,7 @@ static void filter(void *ctx) {
         m.stage = 2;
         if (MBX_Post(stage2, &m, 5000) != 0) break;
     }
+    linger();
 }
 
 static void consumer(void *ctx) {
@@ -167,6 +183,7 @@ static void consumer(void *ctx) {
         ++pipeline_received;
     }
     pipeline_done = 1;
+    linger();
 }
 
 static ThreadObj *start_thread(const char *name, uint32_t priority, THREAD_UserFn fn) {
@@ -229,6 +246,7 @@ static int writer_process(void) {
             usleep(200);
         if (st != 0) return 11;
     }
+    linger();
     IPC_FIFO_Exit();
     return 0;
 }
@@ -325,7 +343,7 @@ int main(int argc, char **argv) {
 
     for (i = 1; i < argc; ++i) {
         const char *a = argv[i], *value = NULL;
-        if (strncmp(a, "--report", 8) == 0 || strncmp(a, "--seconds", 9) == 0) {
+        if (strncmp(a, "--report", 8) == 0 || strncmp(a, "--seconds", 9) == 0 || strncmp(a, "--hold", 6) == 0) {
             const char *eq = strchr(a, '=');
             if (eq) value = eq + 1;
             else if (i + 1 < argc) value = argv[++i];
@@ -353,6 +371,16 @@ int main(int argc, char **argv) {
                 return 2;
             }
             seconds = (int)n;
+        } else if (strncmp(a, "--hold", 6) == 0 && (a[6] == '\0' || a[6] == '=')) {
+            char *end = NULL;
+            unsigned long n;
+            errno = 0;
+            n = strtoul(value, &end, 10);
+            if (end == value || *end != '\0' || errno != 0 || n > 3600000) {
+                fprintf(stderr, "kavro-demo: --hold takes milliseconds from 0 to 3600000, not '%s'\n", value);
+                return 2;
+            }
+            hold_ms = (uint32_t)n;
         } else {
             fprintf(stderr, "kavro-demo: unknown option '%s'\n%s", a, USAGE);
             return 2;

@@ -39,6 +39,9 @@ const CommandHelp kCommands[] = {
      "latency [--seconds=N] [--svg=FILE] [--png=FILE] [--csv=FILE] [--quiet] [--idle]\n"
      "                              the 2 ms tick's lateness on this host (Ctrl-C ends early);\n"
      "                              --idle lets the CPUs enter deep idle states\n"},
+    {"top", Command::Help,
+     "top [--once] [--json] [--pid=N]\n"
+     "                              live view of every process using the library\n"},
 };
 
 bool to_int(const char *s, int lo, int hi, int *out) {

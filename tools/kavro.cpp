@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "cli.hpp"
+#include "top.hpp"
 #include "kavro_rt/kavro_rt.h"
 
 namespace {
@@ -246,6 +247,8 @@ int cmd_ipc(const Options &o) {
         c.object(what, used && unused, "last users gone, no waiters",
                  [](long long sid) { return semctl(static_cast<int>(sid), 0, IPC_RMID) == 0; }, r[1]);
     }
+    // Snapshots left by processes that ended without removing theirs (`kavro top`).
+    if (o.clean && !o.dryRun) c.removed += kavro::top::remove_dead_snapshots(stdout);
     if (o.clean && !o.dryRun) std::printf("%d object(s) removed\n", c.removed);
     return c.failed == 0 ? 0 : 1;
 }
@@ -405,6 +408,7 @@ int run(const Options &o) {
 
 int main(int argc, char **argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
+    if (!args.empty() && args[0] == "top") return kavro::top::run({args.begin() + 1, args.end()});
     Options o;
     std::string error;
     if (!kavro::cli::parse(args, &o, &error)) {

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "frame/internal.hpp"
+#include "frame/publish.hpp"
 #include "kavro_rt/err.h"
 #include "kavro_rt/mem.h"
 #include "ipc/fifo.hpp"
@@ -126,6 +127,18 @@ int32_t search_key(uint32_t key, int32_t msgTag, int32_t isStreams, int32_t *ran
     return e.writefifo;
 }
 
+KAVRO_SAMPLER void sample_channel(const void *h, const uint32_t *, kavro::pub::Row &row) {
+    const auto *e = static_cast<const FifoKeyEntry *>(h);
+    row.v[0] = KAVRO_PEEK(e->key);
+    row.v[1] = row.name[0] == 's';  // the label says the kind
+    row.v[2] = KAVRO_PEEK(e->removed) == 0;
+    if (const kavro::pub::ChannelCounters *c = kavro::pub::channel_counters(KAVRO_PEEK(e->writefifo))) {
+        row.v[3] = KAVRO_PEEK(c->messages);
+        row.v[4] = KAVRO_PEEK(c->bytes);
+        row.v[5] = KAVRO_PEEK(c->failed);
+    }
+}
+
 uint32_t add_key(uint32_t key, int32_t msgTag, int32_t isStreams, int32_t writefifo,
                  int32_t rank0, int32_t rank1, int32_t rank2, int8_t *rank) {
     FifoKeyEntry *t = fifo_table(isStreams);
@@ -143,6 +156,8 @@ uint32_t add_key(uint32_t key, int32_t msgTag, int32_t isStreams, int32_t writef
         e.removed = 0;
         e.minTag = e.maxTag = msgTag;
         index_insert(kind_of(isStreams), t, key, i);
+        if (kavro::pub::ChannelCounters *c = kavro::pub::channel_counters(writefifo)) *c = {};
+        kavro::pub::add(kavro::pub::Channel, &e, isStreams != 0 ? "streams" : "pipes", sample_channel);
         *rank = 2;
         return key;
     }
@@ -163,6 +178,7 @@ void remove_key(uint32_t key, int32_t isStreams) {
     for (int i = 0; i < kFifoTableSize; ++i) {
         FifoKeyEntry &e = t[i];
         if (e.key != key) continue;
+        kavro::pub::remove(&e);
         close(e.writefifo);
         for (int32_t fd : e.rankFifo) close(fd);
         e.key = 0;
@@ -217,6 +233,8 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Exit(void) {
     FifoKeyEntry *pipes = pFifoFdArray, *streams = pFifoStrFdArray;
     set_tables(nullptr, nullptr);
     pthread_mutex_unlock(&fifo_lock);
+    for (int i = 0; kavro::pub::enabled() && i < kFifoTableSize; ++i)
+        kavro::pub::remove(&pipes[i]), kavro::pub::remove(&streams[i]);
     MEM_Free2(pipes);
     MEM_Free2(streams);
     MEM_Exit();

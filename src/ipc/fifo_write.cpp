@@ -12,6 +12,7 @@
 #include <mutex>
 
 #include "frame/internal.hpp"
+#include "frame/publish.hpp"
 #include "kavro_rt/ipc.h"
 #include "ipc/fifo.hpp"
 
@@ -153,8 +154,10 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t, uint32_t key, int32_t msgTag, c
     }
 
     *written = static_cast<int32_t>(write(fds[1 + rank], buffer, length));
+    kavro::pub::ChannelCounters *counted = kavro::pub::channel_counters(fds[0]);
     if (*written == -1) {
         const int err = errno;
+        if (counted != nullptr) count_up(counted->failed);
         if (err == EPIPE || err == EBADF) {
             mark_key_removed(key, isStreams);
             return kBrokenPipe;
@@ -169,7 +172,11 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t, uint32_t key, int32_t msgTag, c
     const ssize_t r = write(fds[0], &byte, 1);
     const int err = r == 1 ? 0 : errno;  // before the trace send can change it
     if (OruDebug == 1) send_trace(buffer, length, isStreams);
-    if (r == 1) return 0;
+    if (r == 1) {
+        if (counted != nullptr) count_up(counted->messages), count_up(counted->bytes, length);
+        return 0;
+    }
+    if (counted != nullptr) count_up(counted->failed);
     if (err == EPIPE || err == EBADF) {
         mark_key_removed(key, isStreams);
         return kBrokenPipe;

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "frame/internal.hpp"
+#include "frame/publish.hpp"
 #include "ipc/ipc.hpp"
 #include "kavro_rt/err.h"
 #include "kavro_rt/ipc.h"
@@ -43,6 +44,14 @@ bool queue_of(void *handle, int32_t *id) {
     if (!has_tag(handle, KAVRO_TAG_SEM) || static_cast<QueueRecord *>(handle)->kind != kQueueKind) return false;
     *id = static_cast<MessageQueueRecord *>(handle)->queueId;
     return true;
+}
+
+KAVRO_SAMPLER void sample_queue(const void *h, const uint32_t *counters, kavro::pub::Row &row) {
+    row.v[0] = 1;
+    row.v[1] = static_cast<const MessageQueueRecord *>(h)->queueId;
+    row.v[2] = counters[0];
+    msqid_ds ds{};
+    if (msgctl(static_cast<int>(row.v[1]), IPC_STAT, &ds) == 0) row.v[3] = static_cast<int64_t>(ds.msg_qnum);
 }
 
 }  // namespace
@@ -116,6 +125,8 @@ KAVRO_API KAVRO_STATUS IPC_MSGQ_Create(void **outHandle, uint32_t key, const cha
     if (q == nullptr) return kOutOfMemory;
     q->pub.queueId = id;
     q->kind = kQueueKind;
+    kavro::pub::add(kavro::pub::SysV, q, "message queue", sample_queue);
+    kavro::pub::bump(q, 0, key);  // its key, for the view
     *outHandle = q;
     return kOk;
 }
@@ -158,6 +169,7 @@ KAVRO_API KAVRO_STATUS IPC_MSGQ_Delete(void *handle) {
     // Identifier 0 through the null handle means "no queue"; a handle holds
     // a queue the kernel really made, even when it was given the number 0.
     if (id == 0 && handle == nullptr) return kInvalidArg;
+    kavro::pub::remove(handle);
     msgctl(id, IPC_RMID, nullptr);
     KAVRO_OBJ_Free(handle, 0);
     return kOk;

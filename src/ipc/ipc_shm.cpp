@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "frame/internal.hpp"
+#include "frame/publish.hpp"
 #include "ipc/ipc.hpp"
 #include "kavro_rt/err.h"
 #include "kavro_rt/ipc.h"
@@ -21,6 +22,13 @@ void *const kAttachError = reinterpret_cast<void *>(-1);
 
 SharedMemoryRecord *record_of(void *handle) {
     return has_tag(handle, KAVRO_TAG_SHM) ? static_cast<SharedMemoryRecord *>(handle) : nullptr;
+}
+
+KAVRO_SAMPLER void sample_shm(const void *h, const uint32_t *counters, kavro::pub::Row &row) {
+    const auto *rec = static_cast<const SharedMemoryRecord *>(h);
+    row.v[1] = rec->shmId;
+    row.v[2] = counters[0];
+    row.v[3] = rec->size;
 }
 
 }  // namespace
@@ -69,6 +77,8 @@ KAVRO_API KAVRO_STATUS IPC_SHM_Create(void **outHandle, uint32_t key, uint32_t s
     rec->shmId = id;
     rec->size = size;
     rec->address = address;
+    kavro::pub::add(kavro::pub::SysV, rec, "shared memory", sample_shm);
+    kavro::pub::bump(rec, 0, key);  // its key, for the view
     *outHandle = rec;
     return kOk;
 }
@@ -89,6 +99,7 @@ KAVRO_API KAVRO_STATUS IPC_SHM_Delete(void *handle) {
     if (handle == nullptr) return kOk;
     SharedMemoryRecord *rec = record_of(handle);
     if (rec == nullptr) return kFail;
+    kavro::pub::remove(rec);
     detachandremove(rec->shmId, rec->address);
     KAVRO_OBJ_Free(rec, 0);
     return kOk;

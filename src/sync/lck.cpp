@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "frame/internal.hpp"
+#include "frame/publish.hpp"
 #include "kavro_rt/lck.h"
 #include "kavro_rt/mem.h"
 #include "kavro_rt/sem.h"
@@ -33,6 +34,13 @@ void release(LckObj *lock) {
     sem_post(&lock->sem);
 }
 
+KAVRO_SAMPLER void sample_lock(const void *h, const uint32_t *, kavro::pub::Row &row) {
+    const auto *lock = static_cast<const LckObj *>(h);
+    const uintptr_t owner = KAVRO_PEEK(lock->owner);
+    row.v[0] = owner == kForeignOwner ? -1 : static_cast<int64_t>(owner);
+    row.v[3] = KAVRO_PEEK(lock->holdCount);
+}
+
 // Both locks are made by the bringing-up call; a later call fills in one
 // that could not be allocated then.
 void make_missing_locks() {
@@ -40,6 +48,7 @@ void make_missing_locks() {
     if (lock2 == nullptr) {
         lock2 = static_cast<LckObj *>(KAVRO_OBJ_Alloc(sizeof(LckObj), KAVRO_TAG_LCK, 0));
         if (lock2 != nullptr) sem_init(&lock2->sem, 0, 1);
+        kavro::pub::add(kavro::pub::Lock, lock2, "task lock 2", sample_lock);
     }
     if (firstLock == nullptr || lock2 == nullptr) diag("LCK_Init", "Error, failed to create the task locks\n");
 }
@@ -86,11 +95,13 @@ KAVRO_API KAVRO_STATUS LCK_Create(LckObj **phLock) {
     *phLock = lock;
     if (lock == nullptr) return kOutOfMemory;
     sem_init(&lock->sem, 0, 1);
+    kavro::pub::add(kavro::pub::Lock, lock, "task lock", sample_lock);
     return kOk;
 }
 
 KAVRO_API KAVRO_STATUS LCK_Delete(LckObj *hLock) {
     if (hLock == nullptr) return kInvalidArg;
+    kavro::pub::remove(hLock);
     KAVRO_OBJ_Free(hLock, 0);
     return kOk;
 }
@@ -110,7 +121,9 @@ KAVRO_API KAVRO_STATUS LCK_Lock(LckObj *hLock) {
     uint32_t changed = 0;
     THREAD_Set2Priority(self, LCK_PRIORITY, nullptr, &changed);  // raised before it may block
     if (nested) return kOk;
+    thread_set_waiting(self, lock);
     take(lock);
+    thread_set_waiting(self, nullptr);
     ++lock->holdCount;
     lock->owner = reinterpret_cast<uintptr_t>(self);
     return kOk;

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "frame/internal.hpp"
+#include "frame/publish.hpp"
 #include "kavro_rt/log.h"
 #include "kavro_rt/mbx.h"
 #include "kavro_rt/mem.h"
@@ -72,6 +73,15 @@ int wait(pthread_cond_t *cond, pthread_mutex_t *mutex, uint32_t timeoutMs, Ready
     }
 }
 
+KAVRO_SAMPLER void sample_mailbox(const void *h, const uint32_t *counters, kavro::pub::Row &row) {
+    const auto *m = static_cast<const MailboxRecord *>(h);
+    row.v[0] = KAVRO_PEEK(m->length);
+    row.v[1] = KAVRO_PEEK(m->count);
+    row.v[2] = KAVRO_PEEK(m->maxCount);
+    row.v[3] = counters[0];
+    row.v[4] = KAVRO_PEEK(m->msgSize);
+}
+
 // The last words of a failed creation. (This line and the data block's put
 // a blank before the colon, unlike the other diagnostics.)
 KAVRO_STATUS fail_creation(MailboxRecord *m, MBX_HANDLE *handle) {
@@ -134,6 +144,7 @@ KAVRO_API KAVRO_STATUS MBX_Create(MBX_HANDLE *handle, uint32_t msgSize, uint32_t
     pthread_cond_init(&m->notEmpty, nullptr);
     m->msgSize = msgSize;
     m->length = static_cast<int32_t>(slots);
+    kavro::pub::add(kavro::pub::Mailbox, m, nullptr, sample_mailbox);
     *handle = m;
     return kOk;
 }
@@ -155,6 +166,7 @@ KAVRO_API KAVRO_STATUS MBX_Delete(MBX_HANDLE handle) {
         MEM_Free2(m->msg);
         m->msg = nullptr;
     }
+    kavro::pub::remove(m);
     pthread_cond_destroy(&m->notFull);
     pthread_cond_destroy(&m->notEmpty);
     pthread_mutex_destroy(&m->mutex);
@@ -215,6 +227,7 @@ KAVRO_API KAVRO_STATUS MBX_Pend(MBX_HANDLE handle, void *buffer, uint32_t timeou
         }
         if (r != 0) {
             pthread_mutex_unlock(&m->mutex);
+            if (timeoutMs != 0) kavro::pub::bump(m, 0);  // a timed-out pend (a poll is not one)
             return kTimeout;
         }
     }

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "frame/internal.hpp"
+#include "frame/publish.hpp"
 #include "kavro_rt/log.h"
 #include "kavro_rt/mem.h"
 #include "kavro_rt/thread.h"
@@ -32,6 +33,8 @@ struct ThreadRecord {
     ThreadRecord *prev;
     int inheritPolicy;    // the creator's scheduling when the thread was made:
     int inheritPriority;  // what portable priority 0 stands for
+    const void *waitingFor;  // published: the task lock this thread waits for
+    long tid;                // published: the system's id of the thread
 };
 static_assert(offsetof(ThreadRecord, obj) == 0, "a handle is the record's address");
 
@@ -57,6 +60,15 @@ pthread_cond_t liveEnded = PTHREAD_COND_INITIALIZER;
 ThreadRecord *liveFirst = nullptr;
 uint32_t liveCount = 0;
 
+KAVRO_SAMPLER void sample_thread(const void *h, const uint32_t *, kavro::pub::Row &row) {
+    const auto *r = static_cast<const ThreadRecord *>(h);
+    row.v[0] = row.v[1] = KAVRO_PEEK(r->obj.priority);
+    row.v[4] = KAVRO_PEEK(r->obj.lockCount);
+    row.v[5] = static_cast<int64_t>(reinterpret_cast<uintptr_t>(KAVRO_PEEK(r->waitingFor)));
+    row.v[6] = KAVRO_PEEK(r->tid);
+    row.v[7] = KAVRO_PEEK(r->obj.suspended);
+}
+
 void live_add(ThreadRecord *r) {
     pthread_mutex_lock(&liveLock);
     r->prev = nullptr;
@@ -64,11 +76,13 @@ void live_add(ThreadRecord *r) {
     if (liveFirst != nullptr) liveFirst->prev = r;
     liveFirst = r;
     ++liveCount;
+    kavro::pub::add(kavro::pub::Thread, r, r->obj.name, sample_thread);
     pthread_mutex_unlock(&liveLock);
 }
 
 // Caller holds liveLock.
 void live_unlink(ThreadRecord *r) {
+    kavro::pub::remove(r);
     if (r->prev != nullptr) r->prev->next = r->next;
     else liveFirst = r->next;
     if (r->next != nullptr) r->next->prev = r->prev;
@@ -178,6 +192,7 @@ void *helperEntry(void *arg) {
     ThreadObj *o = &static_cast<ThreadRecord *>(arg)->obj;
     const long pid = processId.load(std::memory_order_relaxed);
     if (keyValid.load(std::memory_order_acquire)) pthread_setspecific(infoKey, o);
+    static_cast<ThreadRecord *>(arg)->tid = gettid();
     while (sem_wait(&o->startSem) != 0 && errno == EINTR) {
     }
     int32_t platform = 0;
@@ -354,6 +369,8 @@ const pthread_attr_t *platform_attrs(PlatformAttrs *want) {
 namespace kavro::detail {
 
 ThreadObj *thread_self() { return thread_self_record(); }
+
+void thread_set_waiting(ThreadObj *obj, const void *lock) { record_of(obj)->waitingFor = lock; }
 
 uint32_t thread_live_count() {
     pthread_mutex_lock(&liveLock);

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "frame/internal.hpp"
+#include "frame/publish.hpp"
 #include "kavro_rt/log.h"
 #include "kavro_rt/mem.h"
 #include "kavro_rt/report.h"
@@ -197,6 +198,7 @@ KAVRO_STATUS start_tick_source() {
             make_table();
             tableMade = true;
             pthread_t t;
+            kavro::pub::set_tick_source(kavro::pub::NativeTick);
             const int rc = pthread_create(&t, nullptr, TMR_HandlerNative, nullptr);
             if (rc == 0) {
                 sourceRunning = true;
@@ -211,8 +213,10 @@ KAVRO_STATUS start_tick_source() {
     Kavro_ClockCatchUp = env_present("PELOSCLOCKDRIFT") ? 1 : 0;
     if (rtcEnabled) {
         if (!tableMade) make_table();
+        kavro::pub::set_tick_source(kavro::pub::RtcTick);
         return start_rtc_loop();
     }
+    kavro::pub::set_tick_source(kavro::pub::PosixTick);
     const KAVRO_STATUS st = start_posix_timer();
     if (st == kOk && !tableMade) make_table();
     return st;

@@ -11,6 +11,7 @@
 
 #include "frame/internal.hpp"
 #include "kavro_rt/log.h"
+#include "frame/publish.hpp"
 #include "timer/clock.hpp"
 #include "timer/tmr.hpp"
 
@@ -112,6 +113,7 @@ void *TMR_HandlerNative(void *) {
 
         if (sys_clock_gettime(CLOCK_MONOTONIC, &now) != 0) fail_get_time();
         const PassOutcome o = native_pass(s, now);
+        kavro::pub::tick_served(o.lateness, o.missed);
         if (o.negativeDiff) GP_printf("KAVRO: ERROR: Negative diff %lld.\n", (long long)o.lateness);
         if (!o.sleep) continue;
 

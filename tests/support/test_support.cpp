@@ -311,3 +311,8 @@ std::string LogCatcher::next(int timeout_ms) {
 }
 
 }  // namespace kavro::test
+
+// Test processes publish no snapshots unless a test asks for them.
+namespace {
+const bool kNoPublishing = setenv("KAVRO_PUBLISH", "0", 0) == 0;
+}  // namespace
