@@ -19,6 +19,7 @@
 #include <span>
 
 #include "frame/internal.hpp"
+#include "frame/sysclock.hpp"
 
 namespace kavro::pub {
 
@@ -256,7 +257,7 @@ void snapshot() {
     h.pid = static_cast<uint32_t>(getpid());
     if (h.startTime == 0) h.startTime = start_time_of(getpid());
     timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
+    kavro::detail::sys_clock_gettime(CLOCK_REALTIME, &now);
     h.updatedNs = kavro::detail::to_ns(now);
     if (h.comm[0] == '\0') {
         FILE *f = std::fopen("/proc/self/comm", "re");
@@ -293,7 +294,7 @@ void *publisher(void *) {
     for (long waitNs = 100000000;; waitNs = kavro::detail::kNsPerSec) {  // the first soon, then each second
         lock();
         timespec until{};
-        clock_gettime(CLOCK_MONOTONIC, &until);
+        kavro::detail::sys_clock_gettime(CLOCK_MONOTONIC, &until);
         until = kavro::detail::add_ns(until, waitNs);
         while (!stopping && publisherPid == me && pthread_cond_timedwait(&wake, &regLock, &until) == 0) {
         }

@@ -15,7 +15,7 @@
 #include "timer/cmos.hpp"
 #include "frame/internal.hpp"
 #include "kavro_rt/log.h"
-#include "timer/clock.hpp"
+#include "frame/sysclock.hpp"
 
 namespace kavro::detail {
 

@@ -17,7 +17,7 @@
 #include "kavro_rt/mem.h"
 #include "kavro_rt/report.h"
 #include "kavro_rt/sem.h"
-#include "timer/clock.hpp"
+#include "frame/sysclock.hpp"
 #include "timer/tmr.hpp"
 
 extern "C" {

@@ -12,7 +12,7 @@
 #include "frame/internal.hpp"
 #include "kavro_rt/log.h"
 #include "frame/publish.hpp"
-#include "timer/clock.hpp"
+#include "frame/sysclock.hpp"
 #include "timer/tmr.hpp"
 
 namespace kavro::detail {

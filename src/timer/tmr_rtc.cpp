@@ -13,7 +13,7 @@
 #include "frame/internal.hpp"
 #include "kavro_rt/cmos.h"
 #include "kavro_rt/log.h"
-#include "timer/clock.hpp"
+#include "frame/sysclock.hpp"
 #include "timer/tmr.hpp"
 
 namespace kavro::detail {

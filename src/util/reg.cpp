@@ -15,6 +15,7 @@
 #include <ctime>
 
 #include "frame/internal.hpp"
+#include "frame/sysclock.hpp"
 #include "kavro_rt/reg.h"
 
 namespace kavro::detail {
@@ -65,7 +66,7 @@ bool fd_write(void *ctx, const char *p, size_t n) {
 // on the file that is still at the path.
 int open_locked(const char *path, int *err) {
     timespec start{};
-    clock_gettime(CLOCK_MONOTONIC, &start);
+    kavro::detail::sys_clock_gettime(CLOCK_MONOTONIC, &start);
     for (;;) {
         int fd = ::open(path, O_RDONLY | O_CLOEXEC);
         if (fd < 0) {
@@ -83,7 +84,7 @@ int open_locked(const char *path, int *err) {
         const int e = errno;
         ::close(fd);
         timespec t{};
-        clock_gettime(CLOCK_MONOTONIC, &t);
+        kavro::detail::sys_clock_gettime(CLOCK_MONOTONIC, &t);
         if (e != EWOULDBLOCK || (to_ns(t) - to_ns(start)) / 1000000 >= kLockWaitMs) {
             *err = e == EWOULDBLOCK ? EBUSY : e;
             return -1;
