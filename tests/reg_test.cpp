@@ -1,5 +1,5 @@
-// The registry: the record reader and writer on text, then the file itself
-// in a private /usr/torvanex (replacement, refusals, crashes, full disk).
+// The registry: record reader and writer on text, then the file itself in a
+// private /usr/torvanex (replacement, refusals, failures, crashes, writers).
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -11,12 +11,10 @@
 #include <algorithm>
 #include <cstring>
 #include <random>
-#include <string>
 
-#include "frame/internal.hpp"
 #include "kavro_rt/reg.h"
-#include "util/reg.hpp"
 #include "test_support.hpp"
+#include "util/reg.hpp"
 
 namespace {
 
@@ -29,88 +27,72 @@ using testing::internal::GetCapturedStderr;
 const char kReg[] = "/usr/torvanex/cfg/.registry";
 const char kTmp[] = "/usr/torvanex/cfg/.registry.1";
 
-std::string rec(const std::string &sub, const std::string &entry, const std::string &type, const std::string &value) {
-    return sub + "\n" + entry + "\n" + type + "\n" + value + "\n";
+std::string rec(const std::string &sub, const std::string &entry, const std::string &type, const std::string &v) {
+    return sub + "\n" + entry + "\n" + type + "\n" + v + "\n";
 }
-
 KAVRO_STATUS lookup(const std::string &text, const char *sub, const char *entry, void *value, uint32_t cap) {
     RegReader in(text.data(), text.size());
     return reg_lookup(in, sub, entry, value, cap);
 }
-
 // The DWORD found, or 0xAAAAAAAA when the lookup failed.
-uint32_t dword(const std::string &text, const char *sub, const char *entry) {
+uint32_t dword(const std::string &text, const char *sub = "A", const char *entry = "B") {
     uint32_t v = 0;
-    return lookup(text, sub, entry, &v, sizeof v) == kOk ? v : 0xAAAAAAAAu;
+    return lookup(text, sub, entry, &v, sizeof v) == KAVRO_OK ? v : 0xAAAAAAAAu;
 }
-
-KAVRO_STATUS rewrite(const std::string &text, const char *sub, const char *entry, uint32_t type, const void *value,
-                     std::string *out) {
-    RegReader in(text.data(), text.size());
-    RegWriter w([](void *ctx, const char *p, size_t n) { return static_cast<std::string *>(ctx)->append(p, n), true; },
-                out);
-    return reg_rewrite(in, w, sub, entry, type, value);
-}
-
-std::string set_sz(const std::string &text, const char *sub, const char *entry, const char *value) {
+// The rewritten text, or "<status>" when refused; *writes counts the sink's calls.
+std::string rewrite(const std::string &text, const char *sub, const char *entry, uint32_t type, const void *value,
+                    int *writes = nullptr) {
+    static int calls;
+    calls = 0;
     std::string out;
-    EXPECT_EQ(rewrite(text, sub, entry, kRegSz, value, &out), kOk);
-    return out;
+    RegReader in(text.data(), text.size());
+    RegWriter w([](void *o, const char *p, size_t n) { return ++calls, static_cast<std::string *>(o)->append(p, n), true; },
+                &out);
+    const KAVRO_STATUS st = reg_rewrite(in, w, sub, entry, type, value);
+    if (writes != nullptr) *writes = calls;
+    return st == KAVRO_OK ? out : "<" + std::to_string(st) + ">";
 }
+std::string set_sz(const std::string &text, const char *sub, const char *entry, const char *v) {
+    return rewrite(text, sub, entry, kRegSz, v);
+}
+const std::string kRefused = "<" + std::to_string(KAVRO_E_FAIL) + ">";
 
-TEST(RegRead, DwordIsHexAndNamesMatchByPrefix) {
+TEST(RegRead, ValuesNamesAndTypes) {
     const std::string text = rec("Tmr", "Period", "REG_DWORD", "10") + rec("Net", "Mtu", "REG_DWORD", " 0x5dc z");
     EXPECT_EQ(dword(text, "Tmr", "Period"), 0x10u);
     EXPECT_EQ(dword(text, "Net", "Mtu"), 1500u);
     EXPECT_EQ(dword(text, "TmrConfig", "PeriodMs"), 0x10u);  // the file line begins the wanted name
     EXPECT_EQ(dword(text, "Tm", "Period"), 0xAAAAAAAAu);     // ... not the other way round
     EXPECT_EQ(dword(rec("", "", "REG_DWORD", "1") + text, "Tmr", "Period"), 1u);  // empty matches; first wins
-    EXPECT_EQ(dword("A\nB\nREG_DWORD\n2a", "A", "B"), 0x2Au);                     // no final newline
-    EXPECT_EQ(reg_parse_hex("123456789", 9), 0xFFFFFFFFu);  // saturates on every architecture
-    EXPECT_EQ(reg_parse_hex("-1", 2), 0xFFFFFFFFu);
+    EXPECT_EQ(dword("A\nB\nREG_DWORD\n2a"), 0x2Au);                                // no final newline
+    EXPECT_EQ(reg_parse_hex("123456789", 9) & reg_parse_hex("-1", 2), 0xFFFFFFFFu);  // saturates; negates
     EXPECT_EQ(reg_parse_hex("zz\n", 3), 0u);
-}
-
-TEST(RegRead, StringIsFirstWordBoundedByTheBuffer) {
-    const std::string text = rec("App", "Greeting", "REG_SZ", "  hello world") + rec("App", "Empty", "REG_SZ", "");
-    char buf[16];
-    EXPECT_EQ(lookup(text, "App", "Greeting", buf, 6), kOk);  // exactly the word and its terminator
-    EXPECT_STREQ(buf, "hello");
-    EXPECT_EQ(lookup(text, "App", "Empty", buf, sizeof buf), kOk);
-    EXPECT_STREQ(buf, "");
-    EXPECT_EQ(lookup(rec("A", "B", "REG_", "w"), "A", "B", buf, sizeof buf), kOk);  // "REG_" begins REG_SZ
-    EXPECT_STREQ(buf, "w");
-
-    CaptureStderr();
-    std::memset(buf, 'x', sizeof buf);
-    EXPECT_EQ(lookup(text, "App", "Greeting", buf, 5), kInvalidArg);
-    EXPECT_EQ(std::string(buf, 6), std::string("\0xxxxx", 6));  // nothing past the stated size
-    uint32_t small = 0;
-    EXPECT_EQ(lookup(rec("A", "B", "REG_DWORD", "1"), "A", "B", &small, 3), kInvalidArg);
-    EXPECT_NE(GetCapturedStderr().find("KAVRO:REG_GetValue: value of [App] [Greeting] needs 6 bytes"),
-              std::string::npos);
-
-    char big[300];
-    EXPECT_EQ(lookup(rec("A", "B", "REG_SZ", std::string(10000, 'v')), "A", "B", big, sizeof big), kOk);
-    EXPECT_EQ(std::strlen(big), 254u);
-}
-
-TEST(RegRead, TypeWordsIncompleteRecordsAndLongLines) {
-    uint32_t v = 0;
-    CaptureStderr();
-    EXPECT_EQ(lookup(rec("A", "B", "REG_BINARY", "00ff"), "A", "B", &v, 4), kNotImpl);
-    EXPECT_EQ(lookup(rec("A", "B", "REG_QWORD", "1"), "A", "B", &v, 4), kFail);
-    EXPECT_EQ(lookup("A\nB\nREG_DWORD\n", "A", "B", &v, 4), kNotImpl);  // cut short: not found, no line
-    EXPECT_EQ(GetCapturedStderr(),
-              "KAVRO:REG_GetValue: (!strcmp(record.ValueType,REG_BINARY))\n"
-              "KAVRO:REG_GetValue: ValueType [REG_QWORD\n] is not valid\n");
-
+    EXPECT_EQ(reg_parse_hex("\t\v\f\r 7", 6), 7u);
     // 253 characters are one line; 254 make two and put what follows out of step.
     const std::string after = rec("A", "B", "REG_DWORD", "7");
-    EXPECT_EQ(dword(rec(std::string(253, 'k'), "E", "REG_DWORD", "1") + after, "A", "B"), 7u);
+    EXPECT_EQ(dword(rec(std::string(253, 'k'), "E", "REG_DWORD", "1") + after), 7u);
+
+    const std::string sz = rec("App", "Greeting", "REG_SZ", "  hello world") + rec("App", "Empty", "REG_SZ", "");
+    char buf[300];
+    EXPECT_TRUE(lookup(sz, "App", "Greeting", buf, 6) == KAVRO_OK && std::string(buf) == "hello");  // word + NUL
+    EXPECT_TRUE(lookup(sz, "App", "Empty", buf, 16) == KAVRO_OK && std::string(buf).empty());
+    EXPECT_TRUE(lookup(rec("A", "B", "REG_", "w"), "A", "B", buf, 16) == KAVRO_OK && std::string(buf) == "w");
+    EXPECT_TRUE(lookup(rec("A", "B", "REG_SZ", std::string(10000, 'v')), "A", "B", buf, 300) == KAVRO_OK &&
+                std::strlen(buf) == 254u);
+    std::memset(buf, 'x', 8);
+    uint32_t v;
     CaptureStderr();
-    EXPECT_EQ(dword(rec(std::string(254, 'k'), "E", "REG_DWORD", "1") + after, "A", "B"), 0xAAAAAAAAu);
-    GetCapturedStderr();
+    EXPECT_EQ(lookup(sz, "App", "Greeting", buf, 5), KAVRO_E_INVALIDARG);
+    EXPECT_EQ(std::string(buf, 6), std::string("\0xxxxx", 6));  // nothing past the stated size
+    EXPECT_EQ(lookup(after, "A", "B", &v, 3), KAVRO_E_INVALIDARG);
+    EXPECT_EQ(lookup(rec("A", "B", "REG_BINARY", "00ff"), "A", "B", &v, 4), KAVRO_E_NOTIMPL);
+    EXPECT_EQ(lookup(rec("A", "B", "REG_QWORD", "1"), "A", "B", &v, 4), KAVRO_E_FAIL);
+    EXPECT_EQ(lookup("A\nB\nREG_DWORD\n", "A", "B", &v, 4), KAVRO_E_NOTIMPL);  // cut short: not found, no line
+    EXPECT_EQ(dword(rec(std::string(254, 'k'), "E", "REG_DWORD", "1") + after), 0xAAAAAAAAu);
+    EXPECT_EQ(GetCapturedStderr(), "KAVRO:REG_GetValue: value of [App] [Greeting] needs 6 bytes, the buffer holds 5\n"
+                                   "KAVRO:REG_GetValue: value of [A] [B] needs 4 bytes, the buffer holds 3\n"
+                                   "KAVRO:REG_GetValue: (!strcmp(record.ValueType,REG_BINARY))\n"
+                                   "KAVRO:REG_GetValue: ValueType [REG_QWORD\n] is not valid\n");
 }
 
 long trickle(void *ctx, char *buf, size_t cap) {  // 1 to 3 bytes per read
@@ -118,7 +100,7 @@ long trickle(void *ctx, char *buf, size_t cap) {  // 1 to 3 bytes per read
     const size_t n = std::min({1 + src->second % 3, src->first->size() - src->second, cap});
     std::memcpy(buf, src->first->data() + src->second, n);
     src->second += n;
-    return static_cast<long>(n);
+    return long(n);
 }
 
 TEST(RegRead, StreamedAndRandomTextsNeverCrashAndSplitAlike) {
@@ -127,55 +109,55 @@ TEST(RegRead, StreamedAndRandomTextsNeverCrashAndSplitAlike) {
     CaptureStderr();
     for (int round = 0; round < 2000; ++round) {
         std::string text(rng() % 1200, '\0');
-        for (char &c : text) c = rng() % 8 ? alphabet[rng() % (sizeof alphabet - 1)] : static_cast<char>(rng());
+        for (char &c : text) c = rng() % 8 ? alphabet[rng() % (sizeof alphabet - 1)] : char(rng());
         if (round % 4 == 0) text.insert(rng() % (text.size() + 1), 200 + rng() % 400, 'L');
-
         std::pair<const std::string *, size_t> src{&text, 0};
         char sbuf[2 * kRegPieceMax];
         RegReader streamed(trickle, &src, sbuf, sizeof sbuf), whole(text.data(), text.size());
         RegLine a{}, b{};
         std::string joined;
         while (whole.next(&a)) {
-            ASSERT_TRUE(streamed.next(&b));
-            ASSERT_LE(a.n, kRegPieceMax);
-            ASSERT_EQ(std::string(a.p, a.n), std::string(b.p, b.n));
+            ASSERT_TRUE(streamed.next(&b) && a.n <= kRegPieceMax && std::string(a.p, a.n) == std::string(b.p, b.n));
             joined.append(a.p, a.n);
         }
-        ASSERT_FALSE(streamed.next(&b));
-        ASSERT_EQ(joined, text);
-
+        ASSERT_TRUE(!streamed.next(&b) && joined == text);
         char buf[64];
         const KAVRO_STATUS st = lookup(text, "AB", "B", buf, sizeof buf);
-        EXPECT_TRUE(st == kOk || st == kNotImpl || st == kFail || st == kInvalidArg) << std::hex << st;
-        std::string out;
-        rewrite(text, "AB", "B", kRegSz, "v", &out);
+        EXPECT_TRUE(st == KAVRO_OK || st == KAVRO_E_NOTIMPL || st == KAVRO_E_FAIL || st == KAVRO_E_INVALIDARG);
+        set_sz(text, "AB", "B", "v");
     }
     GetCapturedStderr();
 }
 
 TEST(RegWrite, ReplacesOnlyTheValueLinesOrAppendsTheRecord) {
     const std::string head = rec("Tmr", "Rate", "REG_DWORD", "5"), tail = rec("Net", "Name", "REG_SZ", "eth0  # x");
-    std::string out;
     const uint32_t ten = 10;
-    ASSERT_EQ(rewrite(head + rec("Tmr", "Period", "REG_SZ", "old") + tail, "Tmr", "Period", kRegDword, &ten, &out), kOk);
+    const std::string out = rewrite(head + rec("Tmr", "Period", "REG_SZ", "old") + tail, "Tmr", "Period", kRegDword, &ten);
     EXPECT_EQ(out, head + rec("Tmr", "Period", "REG_DWORD", "10") + tail);
     EXPECT_EQ(dword(out, "Tmr", "Period"), 16u);  // decimal out, hexadecimal in
-
-    // Names compare as the first word of the line, exactly; the first record wins.
-    EXPECT_EQ(set_sz("  Tmr  x\nPeriod\nREG_SZ\na\n", "Tmr", "Period", "b"), "  Tmr  x\nPeriod\nREG_SZ\nb\n");
-    EXPECT_EQ(set_sz(rec("Tmr", "P", "REG_SZ", "a"), "TmrConfig", "P", "b"),
-              rec("Tmr", "P", "REG_SZ", "a") + rec("TmrConfig", "P", "REG_SZ", "b"));
-    const std::string second = rec("A", "B", "REG_SZ", "2");
-    EXPECT_EQ(set_sz(rec("A", "B", "REG_SZ", "1") + second, "A", "B", "3"), rec("A", "B", "REG_SZ", "3") + second);
-
-    // Appended only behind whole records, else it would read out of step.
-    const std::string one = rec("X", "Y", "REG_SZ", "1");
-    EXPECT_EQ(set_sz("", "A", "B", "v"), rec("A", "B", "REG_SZ", "v"));
-    EXPECT_EQ(set_sz(one, "A", "B", "two words"), one + rec("A", "B", "REG_SZ", "two words"));
-    EXPECT_EQ(set_sz("X\nY\nREG_SZ\n1", "A", "B", "v"), one + rec("A", "B", "REG_SZ", "v"));  // last line ended
-    EXPECT_EQ(set_sz("X\nY", "X", "Y", "v"), rec("X", "Y", "REG_SZ", "v"));  // a found record completed
-    EXPECT_EQ(rewrite(one + "dangling\n", "A", "B", kRegSz, "v", &out), kFail);
-    EXPECT_EQ(rewrite("X\nY\nREG_SZ\n" + std::string(kRegPieceMax, 'v'), "A", "B", kRegSz, "v", &out), kFail);
+    const std::string one = rec("X", "Y", "REG_SZ", "1"), two = rec("A", "B", "REG_SZ", "2");
+    const std::string cut(kRegPieceMax - 1, ' ');  // "B" and this fill a whole piece without its newline
+    struct Case { std::string text; const char *sub, *value; std::string want; } cases[] = {
+        // Names compare as the first word of the line, exactly; the first record wins.
+        {"  Tmr  x\nB\nREG_SZ\na\n", "Tmr", "b", "  Tmr  x\nB\nREG_SZ\nb\n"},
+        {rec("Tmr", "B", "REG_SZ", "a"), "TmrConfig", "b", rec("Tmr", "B", "REG_SZ", "a") + rec("TmrConfig", "B", "REG_SZ", "b")},
+        {rec("A", "B", "REG_SZ", "1") + two, "A", "3", rec("A", "B", "REG_SZ", "3") + two},
+        // Appended only behind whole records, else it would read out of step.
+        {"", "A", "v", rec("A", "B", "REG_SZ", "v")},
+        {one, "A", "two words", one + rec("A", "B", "REG_SZ", "two words")},
+        {"X\nY\nREG_SZ\n1", "A", "v", one + rec("A", "B", "REG_SZ", "v")},  // the last line is ended
+        {"A\nB", "A", "v", rec("A", "B", "REG_SZ", "v")},                      // a found record completed
+        {one + "dangling\n", "A", "v", kRefused},
+        {"X\nY\nREG_SZ\n" + std::string(kRegPieceMax, 'v'), "A", "v", kRefused},
+        {"A\nB" + cut + "\nREG_SZ\nold\n", "A", "v", kRefused},  // a cut piece is not the entry line
+    };
+    for (const Case &c : cases) EXPECT_EQ(set_sz(c.text, c.sub, "B", c.value), c.want) << c.text;
+    // The writer gathers a large registry into few writes.
+    std::string big;
+    for (int i = 0; i < 700; ++i) big += rec("Sub" + std::to_string(i), "E", "REG_SZ", std::string(44, 'a'));
+    int writes = 0;
+    rewrite(big, "Sub600", "E", kRegDword, &ten, &writes);
+    EXPECT_LE(writes, int(big.size() / 2048) + 2);
 }
 
 // Runs body in a child with an empty private /usr/torvanex/cfg.
@@ -191,59 +173,38 @@ void in_private_torvanex(const std::function<void()> &body) {
 
 const std::string kSample = rec("Tmr", "Period", "REG_DWORD", "10") + rec("App", "Name", "REG_SZ", "hello world");
 
-// Many records, so that a rewrite takes several writes.
-std::string big_registry() {
+std::string big_registry() {  // many records, so that a rewrite takes several writes
     std::string text;
     for (int i = 0; i < 700; ++i) text += rec("Sub" + std::to_string(i), "E" + std::to_string(i), "REG_SZ", std::string(44, 'a'));
     return text;
 }
 
-TEST(RegFile, ReadWriteAndArguments) {
+TEST(RegFile, ReplacementKeepsModeAndRefusalsLeaveTheFile) {
     in_private_torvanex([] {
-        EXPECT_EQ(REG_Init(), 1);
         uint32_t v = 0, size = sizeof v;
         CaptureStderr();  // neither operation makes a registry
         EXPECT_EQ(REG_GetValue(nullptr, "Tmr", "Period", &v, &size), KAVRO_E_FAIL);
         EXPECT_EQ(REG_SetValue(nullptr, "Tmr", "Period", KAVRO_REG_DWORD, &v, &size), KAVRO_E_FAIL);
         GetCapturedStderr();
-
         ASSERT_TRUE(write_file(kReg, kSample));
         ASSERT_EQ(chmod(kReg, 0640), 0);
+        close(0);  // the registry may be opened as descriptor 0
         const uint32_t big = 4000000000u;
         EXPECT_EQ(REG_SetValue(nullptr, "Tmr", "Period", KAVRO_REG_DWORD, &big, &size), KAVRO_OK);
         EXPECT_EQ(REG_SetValue(&v, "New", "Entry", KAVRO_REG_SZ, "v1", &size), KAVRO_OK);  // handle ignored
         EXPECT_EQ(read_file(kReg), rec("Tmr", "Period", "REG_DWORD", "4000000000") +
                                        rec("App", "Name", "REG_SZ", "hello world") + rec("New", "Entry", "REG_SZ", "v1"));
+        char word[8];
+        uint32_t cap = sizeof word;
+        EXPECT_TRUE(REG_GetValue(nullptr, "App", "Name", word, &cap) == KAVRO_OK && std::string(word) == "hello");
         struct stat st{};
         EXPECT_TRUE(stat(kReg, &st) == 0 && (st.st_mode & 07777) == 0640u);  // the replacement keeps them
         EXPECT_NE(access(kTmp, F_OK), 0);
 
-        CaptureStderr();
-        EXPECT_EQ(REG_GetValue(nullptr, nullptr, "E", &v, &size), KAVRO_E_INVALIDARG);
-        EXPECT_EQ(REG_GetValue(nullptr, "S", "E", nullptr, &size), KAVRO_E_INVALIDARG);
-        EXPECT_EQ(REG_GetValue(&v, "Tmr", "Period", &v, &size), KAVRO_E_NOTIMPL);
-        EXPECT_EQ(GetCapturedStderr(), "KAVRO:REG_GetValue: (!pstrSubkey) || (!pstrEntry) || (!pdwValueSize)\n"
-                                       "KAVRO:REG_GetValue: (!pValue)\n"
-                                       "KAVRO:REG_GetValue: do not support valid key (phKey)\n");
-        CaptureStderr();  // names that could not be found again, values that would not read back
-        for (const std::string &bad : {std::string("My Key"), std::string(), std::string(254, 's')})
-            EXPECT_EQ(REG_SetValue(nullptr, bad.c_str(), "E", KAVRO_REG_SZ, "v", &size), KAVRO_E_INVALIDARG);
-        for (const std::string &bad : {std::string("two\nlines"), std::string(254, 'v')})
-            EXPECT_EQ(REG_SetValue(nullptr, "S", "E", KAVRO_REG_SZ, bad.c_str(), &size), KAVRO_E_INVALIDARG);
-        GetCapturedStderr();
-        EXPECT_EQ(REG_DeleteEntry(nullptr, "Tmr", "Period"), KAVRO_E_NOTIMPL);
-        EXPECT_EQ(REG_Exit(), 0);
-    });
-}
-
-TEST(RegFile, RefusalsLeaveTheFileAsItWas) {
-    in_private_torvanex([] {
         const std::string torn = kSample + "Tmr\nRate\n";
         ASSERT_TRUE(write_file(kReg, torn));
         struct stat before{}, after{};
         ASSERT_EQ(stat(kReg, &before), 0);
-        const uint32_t v = 1;
-        uint32_t size = 4;
         CaptureStderr();
         EXPECT_EQ(REG_SetValue(nullptr, "Tmr", "Period", KAVRO_REG_BINARY, &v, &size), KAVRO_E_NOTIMPL);
         EXPECT_EQ(REG_SetValue(nullptr, "New", "Entry", 7, &v, &size), KAVRO_E_FAIL);
@@ -257,6 +218,7 @@ TEST(RegFile, RefusalsLeaveTheFileAsItWas) {
         EXPECT_EQ(after.st_ino, before.st_ino);  // not even rewritten
         EXPECT_EQ(read_file(kReg), torn);
         EXPECT_NE(access(kTmp, F_OK), 0);
+        v = 1;
         EXPECT_EQ(REG_SetValue(nullptr, "Tmr", "Rate", KAVRO_REG_DWORD, &v, &size), KAVRO_OK);  // completes it
         EXPECT_EQ(read_file(kReg), kSample + rec("Tmr", "Rate", "REG_DWORD", "1"));
     });
@@ -273,8 +235,7 @@ TEST(RegFile, FullDiskOrAFailureAtAnyStepLeavesTheOldRegistry) {
         CaptureStderr();
         EXPECT_EQ(REG_SetValue(nullptr, "Sub1", "E1", KAVRO_REG_DWORD, &v, &size), KAVRO_E_FAIL);
         EXPECT_NE(GetCapturedStderr().find("No space left on device; the registry is unchanged"), std::string::npos);
-        EXPECT_EQ(read_file(kReg), text);
-        EXPECT_NE(access(kTmp, F_OK), 0);
+        EXPECT_TRUE(read_file(kReg) == text && access(kTmp, F_OK) != 0);
         ASSERT_EQ(umount("/usr/torvanex/cfg"), 0);
 
         ASSERT_TRUE(write_file(kReg, text));
@@ -286,15 +247,11 @@ TEST(RegFile, FullDiskOrAFailureAtAnyStepLeavesTheOldRegistry) {
             const KAVRO_STATUS st = REG_SetValue(nullptr, "Sub600", "E600", KAVRO_REG_DWORD, &v, &size);
             GetCapturedStderr();
             if (calls < fail_at) break;  // every step passed
-            EXPECT_EQ(st, KAVRO_E_FAIL) << "step " << fail_at;
-            EXPECT_EQ(read_file(kReg), text) << "step " << fail_at;
-            EXPECT_NE(access(kTmp, F_OK), 0);
+            EXPECT_TRUE(st == KAVRO_E_FAIL && read_file(kReg) == text && access(kTmp, F_OK) != 0) << fail_at;
         }
         reg_step_hook = nullptr;
         EXPECT_GE(fail_at, 8);  // opened, several chunks, synced, closed
-        std::string updated;
-        rewrite(text, "Sub600", "E600", kRegDword, &v, &updated);
-        EXPECT_EQ(read_file(kReg), updated);
+        EXPECT_EQ(read_file(kReg), rewrite(text, "Sub600", "E600", kRegDword, &v));
     });
 }
 
@@ -302,8 +259,7 @@ TEST(RegFile, WriterKilledAtAnyStepLeavesAWholeRegistry) {
     in_private_torvanex([] {
         const std::string text = big_registry();
         const uint32_t v = 12345;
-        std::string updated;
-        ASSERT_EQ(rewrite(text, "Sub600", "E600", kRegDword, &v, &updated), kOk);
+        const std::string updated = rewrite(text, "Sub600", "E600", kRegDword, &v);
         for (int kill_at = 1; kill_at < 40; ++kill_at) {
             ASSERT_TRUE(write_file(kReg, text));
             const int rc = kavro::test::run_in_child([kill_at, v] {
@@ -311,11 +267,10 @@ TEST(RegFile, WriterKilledAtAnyStepLeavesAWholeRegistry) {
                 at = kill_at;
                 reg_step_hook = [](RegStep) { return ++calls == at && raise(SIGKILL) == 0; };
                 uint32_t size = 4;
-                return static_cast<int>(REG_SetValue(nullptr, "Sub600", "E600", KAVRO_REG_DWORD, &v, &size));
+                return int(REG_SetValue(nullptr, "Sub600", "E600", KAVRO_REG_DWORD, &v, &size));
             });
             if (rc == 0) {  // finished before the kill point
-                EXPECT_EQ(read_file(kReg), updated);
-                EXPECT_GT(kill_at, 8);
+                EXPECT_TRUE(read_file(kReg) == updated && kill_at > 8);
                 return;
             }
             ASSERT_EQ(rc, 128 + SIGKILL) << "step " << kill_at;
@@ -337,13 +292,12 @@ TEST(RegFile, ConcurrentWritersLoseNoUpdate) {
             uint32_t size = 4, ok = 0;
             for (uint32_t i = 1; i <= kRounds; ++i)
                 ok += REG_SetValue(nullptr, ("W" + std::to_string(w)).c_str(), ("E" + std::to_string(i % 7)).c_str(),
-                                   KAVRO_REG_DWORD, &i, &size) == 0;
+                                   KAVRO_REG_DWORD, &i, &size) == KAVRO_OK;
             _exit(ok == kRounds ? 0 : 1);
         }
         std::string expected = kSample;  // every writer's last value of every entry, in any order
         for (int w = 0; w < kWriters; ++w) {
-            int status = -1;
-            EXPECT_TRUE(waitpid(pids[w], &status, 0) == pids[w] && status == 0);
+            EXPECT_EQ(kavro::test::reap(pids[w]), 0);
             for (uint32_t e = 0; e < 7; ++e)
                 expected += rec("W" + std::to_string(w), "E" + std::to_string(e), "REG_DWORD",
                                 std::to_string(kRounds - (kRounds - e) % 7));
