@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <set>
@@ -26,6 +27,8 @@ std::string parsed(const std::string &line) {
 }
 
 TEST(NetParse, NamesFromLines) {
+    char name[kNetNameSize];
+    EXPECT_FALSE(kavro::detail::parse_dev_line(nullptr, name));
     EXPECT_EQ(parsed("  eth0: 1234 5 0 0"), "eth0");
     EXPECT_EQ(parsed("    lo:    3267      29"), "<none>");
     EXPECT_EQ(parsed("lo0: 1"), "lo0");
@@ -59,7 +62,7 @@ TEST(NetParse, ReaderHandlesLongLinesAndBoundsSlots) {
     EXPECT_EQ(read(2), 2);
     EXPECT_EQ(read(6), 4);
     for (int i = 0; i < 4; ++i) EXPECT_EQ(std::string(slots[i]), "a" + std::to_string(i));
-    for (char c : slots[4]) EXPECT_EQ(c, 0);
+    EXPECT_TRUE(std::all_of(slots[4], slots[6], [](char c) { return c == 0; }));
 }
 
 TEST(Net, ArgumentsAndUnsupportedCalls) {
@@ -75,7 +78,7 @@ TEST(Net, ArgumentsAndUnsupportedCalls) {
         if (*name == '\0') std::memset(r.name, 'x', sizeof r.name);
         std::memset(text, 'M', sizeof text);
         EXPECT_EQ(NET_GetMacAddress(&r, text), KAVRO_E_FAIL) << name;
-        for (char c : text) EXPECT_EQ(c, 0);
+        EXPECT_TRUE(std::all_of(text, text + sizeof text, [](char c) { return c == 0; })) << name;
     }
 }
 
@@ -87,11 +90,8 @@ Names walk_all() {
     for (int i = 0; i < 64; ++i) {
         InterfaceRecord *rec = nullptr;
         const KAVRO_STATUS st = NET_GetInterface(&rec);
-        if (rec != nullptr) {
-            EXPECT_EQ(rec->tag, KAVRO_TAG_NET);
-            if (st == 0) names.insert(rec->name);
-            KAVRO_OBJ_Free(rec, 0);
-        }
+        if (rec != nullptr && rec->tag == KAVRO_TAG_NET && st == KAVRO_OK) names.insert(rec->name);
+        if (rec != nullptr) KAVRO_OBJ_Free(rec, 0);
         if (st != 0) return names;
     }
     ADD_FAILURE() << "the walk does not end";
@@ -127,7 +127,7 @@ TEST(NetNamespace, WalkReturnsUpInterfacesWithIPv4Only) {
         std::memset(text, 'M', sizeof text);
         EXPECT_EQ(NET_GetMacAddress(&v0, text), 0u);
         EXPECT_STREQ(text, "02:1A:2B:3C:4D:5E");
-        for (size_t i = 17; i < sizeof text; ++i) EXPECT_EQ(text[i], 0) << i;
+        EXPECT_TRUE(std::all_of(text + 17, text + sizeof text, [](char c) { return c == 0; }));
 
         // A shorter list replaces the longer one: no stale names come back.
         if (!sh("ip link del t0") || !sh("ip link del t1") || !sh("ip link set v1 up")) return 78;
