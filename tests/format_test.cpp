@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstring>
-#include <string>
 
 #include "kavro_rt/format.h"
 #include "test_support.hpp"
@@ -29,7 +28,8 @@ std::string fmt(const char *format, ...) {
     return std::string(buf, len);
 }
 
-TEST(Format, IntegerConversionsWidthAndZeroFill) {
+// Integers, strings, characters, the dialect's own conversions, the f conversion truncated to four digits.
+TEST(Format, Conversions) {
     EXPECT_EQ(fmt("%5d|%-5d|", 42, 42), "   42|42   |");
     EXPECT_EQ(fmt("%08x|%008x", 255, 255), "      ff|000000ff");  // the first 0 means nothing
     EXPECT_EQ(fmt("%#X %X", 255, 0xABCDEFu), "0Xff abcdef");    // digits stay lower case
@@ -39,9 +39,6 @@ TEST(Format, IntegerConversionsWidthAndZeroFill) {
     EXPECT_EQ(fmt("%d %i", INT_MIN, INT_MAX), "-2147483648 2147483647");
     EXPECT_EQ(fmt("%u %x %o", UINT_MAX, UINT_MAX, UINT_MAX), "4294967295 ffffffff 37777777777");
     EXPECT_EQ(fmt("%ld %Lu %3d", -7L, 7, 12345), "-7 7 12345");
-}
-
-TEST(Format, StringsCharactersAndLiteralConversions) {
     EXPECT_EQ(fmt("[%s]", static_cast<const char *>(nullptr)), "[(null)]");
     EXPECT_EQ(fmt("%c%c%%", 65, 0x142), "AB%");  // the low byte only
     EXPECT_EQ(fmt("%6s|%-6s|%2s|%005s", "abc", "abc", "abcdef", "ab"), "   abc|abc   |abcdef|ab");
@@ -49,9 +46,6 @@ TEST(Format, StringsCharactersAndLiteralConversions) {
     EXPECT_EQ(fmt("%.2f %d", 7), ".2f 7");
     EXPECT_EQ(fmt("%3y|%-3%|"), "  y|%  |");
     EXPECT_EQ(fmt("ab%-0#5"), "ab");  // ends inside a conversion
-}
-
-TEST(Format, FloatTruncatesToFourDigits) {
     EXPECT_EQ(fmt("%f %f %f", 3.14159, -2.5, 0.00001), "3.1415 -2.5000 0.0000");
     EXPECT_EQ(fmt("%f", 1.005), "1.0049");  // truncated, not rounded
     EXPECT_EQ(fmt("%10f|%-10f|", 1.5, 1.5), "    1.5000|1.5000    |");
