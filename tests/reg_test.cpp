@@ -39,7 +39,8 @@ uint32_t dword(const std::string &text, const char *sub = "A", const char *entry
 std::string rewrite(const std::string &text, const char *sub, const char *entry, uint32_t type, const void *value) {
     std::string out;
     RegReader in(text.data(), text.size());
-    RegWriter w([](void *o, const char *p, size_t n) { return static_cast<std::string *>(o)->append(p, n), true; }, &out);
+    RegWriter w([](void *o, const char *p, size_t n) { return static_cast<std::string *>(o)->append(p, n), true; },
+                &out);
     return reg_rewrite(in, w, sub, entry, type, value) == KAVRO_OK ? out : "<refused>";
 }
 

@@ -87,7 +87,7 @@ TEST_F(Threads, RefusalsLogOneLineAndAllocateNothing) {
         const char *line;
     } cases[] = {
         {{28, 1, 0, 0, -1, nullptr}, true, true, nullptr, KAVRO_E_INVALIDARG, "Error, invalid attribute length\n"},
-        {{24, 16, 0, 0, -1, nullptr}, true, true, nullptr, KAVRO_E_INVALIDARG, "invalid priority = 16, min = 0, max = 15"},
+        {{24, 16, 0, 0, -1, nullptr}, true, true, nullptr, KAVRO_E_INVALIDARG, "priority = 16, min = 0, max = 15"},
         {{20, 16, 0, 0, -1, nullptr}, true, true, nullptr, KAVRO_E_INVALIDARG, "invalid priority = 16"},
         {{24, 1, 0, 0, 9, nullptr}, true, true, lots, KAVRO_E_INVALIDARG, "invalid num of args = 9"},
         {{24, 1, 0, 0, -2, nullptr}, true, true, nullptr, KAVRO_E_INVALIDARG, "invalid num of args = -2"},
@@ -172,8 +172,9 @@ TEST_F(Threads, SuspendedStartWaitsForSetPriority) {
     THREAD_SetPriority(hLate, 16, nullptr);
     ASSERT_TRUE(late.done.wait());
     THREAD_Join(hLate);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "KAVRO:helperEntry: ERROR - started Thread pid=" +
-                                                          std::to_string(getpid()) + " tname=unknown BAD PRIORITY=16\n");
+    const std::string pid = std::to_string(getpid());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "KAVRO:helperEntry: ERROR - started Thread pid=" + pid + " tname=unknown BAD PRIORITY=16\n");
     EXPECT_EQ(late.sched.second, 16);
 }
 
