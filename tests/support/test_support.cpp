@@ -27,8 +27,9 @@
 
 namespace kavro::test {
 
-// The child's exit status, 128 + signal, or `killed` after a kill at timeout_s.
-static int wait_for(pid_t pid, int timeout_s, int killed) {
+// The one wait for a child: its exit status, or 128 + the signal that ended
+// it; a child still running after timeout_s is killed (128 + SIGKILL).
+int reap(pid_t pid, int timeout_s) {
     const time_t give_up = time(nullptr) + timeout_s;
     int status = 0;
     for (;;) {
@@ -38,13 +39,11 @@ static int wait_for(pid_t pid, int timeout_s, int killed) {
         if (time(nullptr) >= give_up) {
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
-            return killed;
+            break;
         }
         usleep(2000);
     }
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
 int run_in_child(const std::function<int()> &fn, int timeout_s) {
@@ -56,10 +55,8 @@ int run_in_child(const std::function<int()> &fn, int timeout_s) {
         std::fflush(nullptr);
         _exit(rc);
     }
-    return wait_for(pid, timeout_s, 128 + SIGKILL);
+    return reap(pid, timeout_s);
 }
-
-int reap(pid_t pid, int timeout_s) { return wait_for(pid, timeout_s, -1); }
 
 ChildOutput run_captured(const std::function<int()> &fn, int timeout_s) {
     ScratchDir dir;

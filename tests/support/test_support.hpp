@@ -82,8 +82,7 @@ private:
     int fd_ = -1;
 };
 
-// Exit status of the child pid (128 + signal); a child still running after
-// timeout_s seconds is killed and reported as -1.
+// Exit status of the child pid (128 + signal), as run_in_child reports it.
 int reap(pid_t pid, int timeout_s = 60);
 
 // What a child wrote to its standard output and error, and its status.
@@ -130,7 +129,7 @@ public:
     ForkedChild &operator=(const ForkedChild &) = delete;
     // True when the child said something within timeout_ms.
     bool said(int timeout_ms = 10000);
-    // Exit status (128 + signal), or -1 when it did not end within timeout_s.
+    // Exit status, as reap reports it.
     int exit_code(int timeout_s = 20);
     static void say(int fd);
     pid_t pid = -1;
