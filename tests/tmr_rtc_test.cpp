@@ -46,11 +46,10 @@ TEST(RtcDecision, SteadyInterruptsServeEveryBoundaryOnceAlternatelyEarlyAndLate)
     const auto d = feed(41, 4096, false);  // one second without a gap
     ASSERT_EQ(d.size(), 500u);
     const int64_t firstFive[] = {2197, 3906, 6103, 7812, 10009};
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(d[i].atUs, firstFive[i]) << i;
-    for (size_t i = 0; i < d.size(); ++i) {
-        EXPECT_EQ(d[i].served, i + 1);
-        EXPECT_LE(std::llabs(d[i].atUs - static_cast<int64_t>(i + 1) * 2000), 245) << i;  // one interrupt period
-    }
+    for (size_t i = 0; i < d.size(); ++i)  // within one interrupt period of the boundary
+        ASSERT_TRUE(d[i].served == i + 1 && (i < 5 ? d[i].atUs == firstFive[i]
+                                                   : std::llabs(d[i].atUs - static_cast<int64_t>(i + 1) * 2000) <= 245))
+            << i << " " << d[i].atUs;
 }
 
 TEST(RtcDecision, SevenMsGapDropsTicksOrCatchesThemUp) {
@@ -180,17 +179,18 @@ TEST(RtcLoop, FirstCallbackAfterAThousandTicksThenFiveHundredASecondAndCmosWrite
     EXPECT_TRUE(r.out.find("threads TMR_CMOS TMR_Handler TMR_Watchdog \n") != std::string::npos) << r.out;
     EXPECT_TRUE(firstMs > 1800 && firstMs < 2600 && n > 500 && n < 1000) << r.out;  // ~1.5 s at 500 a second
     EXPECT_TRUE(count_of(r.log, "IRQP_SET 4096") == 1 && count_of(r.err, "not ticking") == 0) << r.log << r.err;
-    // The CMOS thread wrote at or after the offset, once per monotonic second (the first may come early).
+    // The CMOS thread wrote at or after the offset, once per monotonic second.
     std::istringstream in(r.log);
-    std::vector<int64_t> sets;
+    int64_t last = 0;
+    int sets = 0;
     for (std::string line; std::getline(in, line);) {
         kavro_rtc_set s{};
         if (!kavro_rtc_parse_set(line.c_str(), &s)) continue;
-        EXPECT_GE(s.wall_usec, 250000) << line;
-        sets.push_back(s.wall_sec * 1000000 + s.wall_usec);
+        const int64_t at = s.wall_sec * 1000000 + s.wall_usec;
+        EXPECT_TRUE(s.wall_usec >= 250000 && (sets++ == 0 || at - last > 900000)) << line;
+        last = at;
     }
-    EXPECT_FALSE(sets.empty()) << r.log;
-    for (size_t i = 1; i < sets.size(); ++i) EXPECT_GT(sets[i] - sets[i - 1], 900000) << r.log;
+    EXPECT_GT(sets, 0) << r.log;
 }
 
 TEST(RtcLoop, StalledClockIsReportedAndReprogrammedOnce) {
