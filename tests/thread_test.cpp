@@ -158,7 +158,7 @@ TEST_F(Threads, SuspendedStartWaitsForSetPriority) {
     sa.sa_handler = [](int) {};
     sigaction(SIGUSR2, &sa, nullptr);
     for (int i = 0; i < 10; ++i) pthread_kill(h->systemHandle, SIGUSR2), usleep(20000);
-    EXPECT_FALSE(seen.done.wait(50));
+    ASSERT_FALSE(seen.done.wait(50)) << "started before its release";
     char name[THREAD_GETNAME_SIZE];
     EXPECT_TRUE(THREAD_GetName(h, name) == KAVRO_OK && std::strcmp(name, "unknown") == 0) << name;
     uint32_t prev = 0;
