@@ -29,17 +29,15 @@ std::string parsed(const std::string &line) {
 TEST(NetParse, NamesFromLines) {
     char name[kNetNameSize];
     EXPECT_FALSE(kavro::detail::parse_dev_line(nullptr, name));
-    EXPECT_EQ(parsed("  eth0: 1234 5 0 0"), "eth0");
-    EXPECT_EQ(parsed("    lo:    3267      29"), "<none>");
-    EXPECT_EQ(parsed("lo0: 1"), "lo0");
-    EXPECT_EQ(parsed("e t h 1 :1:2"), "eth1");  // the first ':' ends the name
-    EXPECT_EQ(parsed("Inter-|   Receive  |  Transmit"), "<none>");
-    EXPECT_EQ(parsed("   : 1 2 3"), "<none>");
-    EXPECT_EQ(parsed("l o : 1"), "<none>");  // blanks do not count: this is lo
-    EXPECT_EQ(parsed("eth0\n: 1"), "<none>");  // a ':' on the next line does not count
-    EXPECT_EQ(parsed(std::string(31, 'a') + ":"), std::string(31, 'a'));
-    EXPECT_EQ(parsed(std::string(32, 'a') + ":"), "<none>");
-    EXPECT_EQ(parsed(std::string(5000, ' ') + "v9:" + std::string(5000, '7')), "v9");
+    const std::pair<std::string, std::string> cases[] = {
+        {"  eth0: 1234 5 0 0", "eth0"}, {"    lo:    3267      29", "<none>"}, {"lo0: 1", "lo0"},
+        {"e t h 1 :1:2", "eth1"},  // blanks do not count; the first ':' ends the name
+        {"Inter-|   Receive  |  Transmit", "<none>"}, {"   : 1 2 3", "<none>"}, {"l o : 1", "<none>"},
+        {"eth0\n: 1", "<none>"},  // a ':' on the next line does not count
+        {std::string(31, 'a') + ":", std::string(31, 'a')}, {std::string(32, 'a') + ":", "<none>"},
+        {std::string(5000, ' ') + "v9:" + std::string(5000, '7'), "v9"},
+    };
+    for (const auto &[line, want] : cases) EXPECT_EQ(parsed(line), want) << line;
 }
 
 // Long lines are one line each, the slot count bounds the names, and the
