@@ -75,6 +75,7 @@ TEST_F(TaskLock, ForeignThreadsAreExcludedThroughSignals) {
     waiter.join();
     EXPECT_TRUE(inside && LCK_Unlock(nullptr) == KAVRO_OK);  // stray: must not free the lock twice
     EXPECT_TRUE(value_of(first) == 1 && first->holdCount == 0);
+    ASSERT_EQ(value_of(lck_lock2()), 1);  // free: the lock below does not wait
     EXPECT_TRUE(LCK_Unlock_2() == KAVRO_E_FAIL && LCK_Lock_2() == KAVRO_OK);
     EXPECT_TRUE(LCK_Unlock_2() == KAVRO_OK && LCK_Unlock_2() == KAVRO_E_FAIL);
 }
