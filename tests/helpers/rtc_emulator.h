@@ -2,7 +2,8 @@
  * An emulated real-time-clock device for the tick and CMOS tests, on machines
  * without /dev/rtc: the shared library `rtc_emulator`, preloaded
  * (LD_PRELOAD=KAVRO_RTC_EMULATOR_PATH) into a test process. There, opening
- * "/dev/rtc" gives the emulated device (one open at a time, else EBUSY):
+ * "/dev/rtc" with open() gives the emulated device (one open at a time, else
+ * EBUSY), as the library and the tests open it:
  * - ioctl RTC_IRQP_SET (powers of two 2..8192 Hz, else EINVAL) and RTC_PIE_ON
  *   start a train of periodic interrupts; a 4-byte read blocks until the next
  *   and returns RTC_PF | RTC_IRQF with the count since the last read above.
