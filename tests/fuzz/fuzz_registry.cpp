@@ -4,9 +4,9 @@
 // each ended by a NUL byte, then the registry text. The text is read twice,
 // in place and streamed in uneven chunks through the smallest buffer the
 // streamed reader allows; both readings must agree line for line, in the
-// lookup's result and in the rewritten registry. The rewritten registry
-// holds the new type and value lines, and a rewrite applied twice changes
-// nothing the second time.
+// lookup's result and in the rewritten registry. In the rewritten registry
+// the first record named by the subkey and entry holds the new type and
+// value, and a rewrite applied twice changes nothing the second time.
 #include <cstring>
 #include <string>
 
@@ -65,6 +65,26 @@ const char *take_string(const uint8_t *&p, const uint8_t *end) {
     if (nul == nullptr) return nullptr;
     p = static_cast<const uint8_t *>(nul) + 1;
     return s;
+}
+
+// The type and value lines of the first record whose subkey and entry lines
+// are whole lines (not pieces cut from longer ones) naming them as first word.
+bool record_lines(const std::string &reg, const char *subkey, const char *entry, std::string *type_value) {
+    auto names = [](const RegLine &l, const char *want) {
+        if (l.p[l.n - 1] != '\n' && l.n >= kRegPieceMax) return false;
+        size_t i = 0, w;
+        for (; i < l.n && is_space(l.p[i]); ++i) continue;
+        for (w = i; i < l.n && !is_space(l.p[i]) && l.p[i] != '\0'; ++i) continue;
+        return i - w == std::strlen(want) && std::memcmp(l.p + w, want, i - w) == 0;
+    };
+    RegReader in(reg.data(), reg.size());
+    for (RegLine l[4];;) {
+        size_t got = 0;
+        while (got < 4 && in.next(&l[got])) ++got;
+        if (got < 4) return false;
+        if (names(l[0], subkey) && names(l[1], entry))
+            return type_value->assign(l[2].p, l[2].n).append(l[3].p, l[3].n), true;
+    }
 }
 
 KAVRO_STATUS lookup(RegReader &in, const char *subkey, const char *entry, uint32_t capacity, std::string *value) {
@@ -156,9 +176,10 @@ int fuzz_registry(const uint8_t *data, size_t size) {
         const std::string rb = rewrite(s.in, subkey, entry, type, v, &sb);
         FUZZ_CHECK(sa == sb && ra == rb);
         if (sa == 0) {
-            const std::string record = type == kRegSz ? "\nREG_SZ\n" + std::string(value) + "\n"
-                                                      : "\nREG_DWORD\n" + std::to_string(dword) + "\n";
-            FUZZ_CHECK(ra.find(record) != std::string::npos);
+            std::string tv;
+            FUZZ_CHECK(record_lines(ra, subkey, entry, &tv));
+            const std::string want = type == kRegSz ? "REG_SZ\n" + std::string(value) : "REG_DWORD\n" + std::to_string(dword);
+            FUZZ_CHECK(tv == want + "\n");
             RegReader again(ra.data(), ra.size());
             KAVRO_STATUS s2;
             const std::string r2 = rewrite(again, subkey, entry, type, v, &s2);
