@@ -178,8 +178,8 @@ int fuzz_registry(const uint8_t *data, size_t size) {
         if (sa == 0) {
             std::string tv;
             FUZZ_CHECK(record_lines(ra, subkey, entry, &tv));
-            const std::string want = type == kRegSz ? "REG_SZ\n" + std::string(value) : "REG_DWORD\n" + std::to_string(dword);
-            FUZZ_CHECK(tv == want + "\n");
+            FUZZ_CHECK(tv == (type == kRegSz ? "REG_SZ\n" + std::string(value)
+                                             : "REG_DWORD\n" + std::to_string(dword)) + "\n");
             RegReader again(ra.data(), ra.size());
             KAVRO_STATUS s2;
             const std::string r2 = rewrite(again, subkey, entry, type, v, &s2);
