@@ -46,16 +46,9 @@ int reap(pid_t pid, int timeout_s) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
+// The one place that forks: run_in_child and its variants are a ForkedChild waited for at once.
 int run_in_child(const std::function<int()> &fn, int timeout_s) {
-    std::fflush(nullptr);
-    pid_t pid = fork();
-    if (pid < 0) return -1;
-    if (pid == 0) {
-        int rc = fn();
-        std::fflush(nullptr);
-        _exit(rc);
-    }
-    return reap(pid, timeout_s);
+    return ForkedChild([&](int) { return fn(); }).exit_code(timeout_s);
 }
 
 ChildOutput run_captured(const std::function<int()> &fn, int timeout_s) {
@@ -154,7 +147,7 @@ bool ForkedChild::said(int timeout_ms) {
 }
 
 int ForkedChild::exit_code(int timeout_s) {
-    const int rc = reap(pid, timeout_s);
+    const int rc = pid > 0 ? reap(pid, timeout_s) : -1;
     pid = -1;
     return rc;
 }
