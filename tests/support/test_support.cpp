@@ -22,6 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -168,30 +169,19 @@ GuardPage::~GuardPage() {
     if (map_ != nullptr) munmap(map_, 2 * sysconf(_SC_PAGESIZE));
 }
 
-static bool mkdirs(const std::string &path) {
-    for (size_t i = 1; i <= path.size(); ++i) {
-        if (i == path.size() || path[i] == '/') {
-            std::string part = path.substr(0, i);
-            if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return false;
-        }
-    }
-    return true;
+// False, with what failed and why in *why.
+static bool failed(std::string *why, const std::string &what) {
+    if (why) *why = what + ": " + std::strerror(errno);
+    return false;
 }
 
 bool private_mounts(std::initializer_list<const char *> dirs, std::string *why) {
-    if (unshare(CLONE_NEWNS) != 0) {
-        if (why) *why = std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno);
-        return false;
-    }
-    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        if (why) *why = std::string("making / private: ") + std::strerror(errno);
-        return false;
-    }
+    if (unshare(CLONE_NEWNS) != 0) return failed(why, "unshare(CLONE_NEWNS)");
+    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return failed(why, "making / private");
     for (const char *d : dirs) {
-        if (!mkdirs(d) || mount("tmpfs", d, "tmpfs", 0, "mode=0755") != 0) {
-            if (why) *why = std::string("tmpfs over ") + d + ": " + std::strerror(errno);
-            return false;
-        }
+        std::error_code ec;
+        std::filesystem::create_directories(d, ec);
+        if (mount("tmpfs", d, "tmpfs", 0, "mode=0755") != 0) return failed(why, std::string("tmpfs over ") + d);
     }
     return true;
 }
@@ -243,33 +233,20 @@ ScratchDir::ScratchDir() {
 }
 
 ScratchDir::~ScratchDir() {
-    if (path_ != "/tmp") {
-        std::string cmd = "rm -rf '" + path_ + "'";
-        if (std::system(cmd.c_str()) != 0) {
-        }
-    }
+    std::error_code ec;
+    if (path_ != "/tmp") std::filesystem::remove_all(path_, ec);
 }
 
 bool private_dev(std::string *why) {
     char keep[] = "/tmp/kavro-dev-XXXXXX";
-    if (mkdtemp(keep) == nullptr) {
-        if (why) *why = "mkdtemp failed";
-        return false;
-    }
+    if (mkdtemp(keep) == nullptr) return failed(why, "mkdtemp");
     if (!private_mounts({}, why)) return false;
-    if (mount("/dev", keep, nullptr, MS_BIND, nullptr) != 0 ||
-        mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0) {
-        if (why) *why = std::string("replacing /dev: ") + std::strerror(errno);
-        return false;
-    }
+    if (mount("/dev", keep, nullptr, MS_BIND, nullptr) != 0 || mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0)
+        return failed(why, "replacing /dev");
     for (const char *node : {"null", "zero", "urandom", "full"}) {
-        std::string from = std::string(keep) + "/" + node, to = std::string("/dev/") + node;
-        int fd = open(to.c_str(), O_CREAT | O_WRONLY, 0666);
-        if (fd >= 0) close(fd);
-        if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-            if (why) *why = "binding " + to + ": " + std::strerror(errno);
-            return false;
-        }
+        const std::string from = std::string(keep) + "/" + node, to = std::string("/dev/") + node;
+        if (int fd = open(to.c_str(), O_CREAT | O_WRONLY, 0666); fd >= 0) close(fd);
+        if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0) return failed(why, "binding " + to);
     }
     umount2(keep, MNT_DETACH);
     rmdir(keep);
