@@ -31,7 +31,7 @@ struct Seen {
     void *ctx = nullptr;
     int nwords = -1, detach = -1;
     size_t stack = 0;
-    uint32_t words[8] = {};
+    uint32_t words[8] = {}, priority = 99;
 };
 
 void context_fn(void *ctx) {
@@ -43,6 +43,7 @@ void context_fn(void *ctx) {
     if (pthread_getattr_np(pthread_self(), &a) == 0)
         pthread_attr_getdetachstate(&a, &s->detach), pthread_attr_getstacksize(&a, &s->stack), pthread_attr_destroy(&a);
     THREAD_Self(&s->self);
+    THREAD_GetPriority(s->self, &s->priority);  // the record is freed once the thread ends
     s->ctx = ctx;
     s->done.post();
 }
@@ -117,13 +118,11 @@ TEST_F(Threads, DefaultsContextStartLineAndPriority) {
     testing::internal::CaptureStdout();
     ASSERT_EQ(THREAD_Create(&h, context_fn, &seen, nullptr), KAVRO_OK);
     ASSERT_TRUE(seen.done.wait());
-    uint32_t prio = 0;
-    EXPECT_TRUE(THREAD_GetPriority(h, &prio) == KAVRO_OK && prio == 1);
     EXPECT_EQ(THREAD_Join(h), KAVRO_OK);
     std::fflush(stdout);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "KAVRO:helperEntry: started Thread pid=" + std::to_string(getpid()) + " tname= tpriority=1\n");
-    EXPECT_TRUE(seen.ctx == &seen && seen.self == h && seen.detach == PTHREAD_CREATE_DETACHED);
+    EXPECT_TRUE(seen.ctx == &seen && seen.self == h && seen.priority == 1 && seen.detach == PTHREAD_CREATE_DETACHED);
     EXPECT_EQ(seen.sched, Sched(SCHED_FIFO, 1));
 }
 
