@@ -47,22 +47,7 @@ private:
     std::string path_;
 };
 
-}  // namespace kavro::test
 
-// Skips the current test with its reason when real-time scheduling is refused.
-#define KAVRO_REQUIRE_RT()                                                        \
-    do {                                                                          \
-        if (!::kavro::test::rt_permitted())                                       \
-            GTEST_SKIP() << "real-time scheduling is not permitted for this user"; \
-    } while (0)
-
-// Skips the current test when it runs emulated.
-#define KAVRO_REQUIRE_NATIVE(why)                                        \
-    do {                                                                 \
-        if (::kavro::test::emulated()) GTEST_SKIP() << "emulated: " << why; \
-    } while (0)
-
-namespace kavro::test {
 // In a single-threaded process: a private mount namespace whose /dev is a
 // fresh tmpfs holding only null, zero, urandom and full from the real /dev,
 // so that a test may bind its own socket at /dev/log.
@@ -164,4 +149,17 @@ private:
             std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #c); \
             return 1;                                                                   \
         }                                                                               \
+    } while (0)
+
+// Skips the current test with its reason when real-time scheduling is refused.
+#define KAVRO_REQUIRE_RT()                                                        \
+    do {                                                                          \
+        if (!::kavro::test::rt_permitted())                                       \
+            GTEST_SKIP() << "real-time scheduling is not permitted for this user"; \
+    } while (0)
+
+// Skips the current test when it runs emulated.
+#define KAVRO_REQUIRE_NATIVE(why)                                        \
+    do {                                                                 \
+        if (::kavro::test::emulated()) GTEST_SKIP() << "emulated: " << why; \
     } while (0)
