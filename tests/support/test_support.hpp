@@ -47,7 +47,6 @@ private:
     std::string path_;
 };
 
-
 // In a single-threaded process: a private mount namespace whose /dev is a
 // fresh tmpfs holding only null, zero, urandom and full from the real /dev,
 // so that a test may bind its own socket at /dev/log.
