@@ -268,14 +268,15 @@ TEST_F(Threads, ForeignThreadOutputsAndObsoleteCalls) {
 // Counted life cycle; the stack size from the environment is used.
 TEST(ThreadFamily, CountedLifeCycleAndStackSize) {
     EXPECT_EQ(kavro::test::run_in_child([] {
-        setenv("PELOSSTACKSIZE", "4194304", 1);  // above the default, so no cached stack fits
+        setenv("PELOSSTACKSIZE", "3211264", 1);  // 3 MiB + 64 KiB: no default size, no cached stack
         ThreadAttr inherit = {24, 0, 0, 0, -1, nullptr};
         ThreadObj *h = nullptr;
         Seen seen, again;
         CHILD_CHECK(THREAD_Create(&h, context_fn, &seen, &inherit) == KAVRO_E_FAIL);  // family down
-        CHILD_CHECK(THREAD_Init() == 0 && PelStackSize == 4194304 && THREAD_Init() == 1);
+        CHILD_CHECK(THREAD_Init() == 0 && PelStackSize == 3211264 && THREAD_Init() == 1);
         THREAD_Exit();
-        CHILD_CHECK(seen_with(inherit, &seen)->stack >= 4194304);
+        const size_t stack = seen_with(inherit, &seen)->stack;
+        CHILD_CHECK(stack >= 3211264 && stack < 3211264 + 512 * 1024);
         THREAD_Exit();  // down: the key is gone
         CHILD_CHECK(THREAD_Self(&h) == KAVRO_OK && h == nullptr);
         CHILD_CHECK(THREAD_Create(&h, context_fn, &again, &inherit) == KAVRO_E_FAIL);
