@@ -3,13 +3,11 @@
 
 #include <dlfcn.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
-#include <cstdio>
-#include <ctime>
 #include <functional>
-#include <string>
 
 #include "kavro_rt/clock.h"
 #include "test_support.hpp"
@@ -24,7 +22,6 @@ int (*volatile set_time)(clockid_t, const timespec *) = clock_settime;
 int (*volatile sleep_rel)(clockid_t, int, const timespec *, timespec *) = clock_nanosleep;
 
 TEST(ClockCalls, GettimeAgreesWithTheCLibrary) {
-    // The test program's own definitions are the library's; the next one is the C library's.
     auto libc_gettime = reinterpret_cast<int (*)(clockid_t, timespec *)>(dlsym(RTLD_NEXT, "clock_gettime"));
     ASSERT_TRUE(libc_gettime != nullptr &&
                 reinterpret_cast<void *>(libc_gettime) != reinterpret_cast<void *>(&clock_gettime));
@@ -38,8 +35,7 @@ TEST(ClockCalls, GettimeAgreesWithTheCLibrary) {
     EXPECT_TRUE(clock_getres(CLOCK_MONOTONIC, &res) == 0 && res.tv_sec == 0 && res.tv_nsec > 0);
 }
 
-// Every call reports the kernel's refusal as -1 and errno (the C library's
-// clock_nanosleep would return the error number), and writes no remainder.
+// The kernel's refusal is -1 and errno (not clock_nanosleep's error number), with no remainder written.
 TEST(ClockCalls, KernelErrorsAreMinusOneAndErrno) {
     constexpr clockid_t kNoClock = 12345;
     timespec t{}, bad{0, 1000000000}, rem{7, 7}, *const wild = reinterpret_cast<timespec *>(8);
@@ -47,27 +43,22 @@ TEST(ClockCalls, KernelErrorsAreMinusOneAndErrno) {
     ev.sigev_notify = SIGEV_NONE;
     timer_t stale{};  // one the kernel does not know any more
     ASSERT_TRUE(timer_create(CLOCK_MONOTONIC, &ev, &stale) == 0 && timer_delete(stale) == 0);
-    itimerspec its{};
-    its.it_value.tv_sec = 1;
+    itimerspec its{{}, {1, 0}};
     const struct { const char *call; std::function<int()> fn; int err; } cases[] = {
         {"gettime", [&] { return clock_gettime(kNoClock, &t); }, EINVAL},
         {"getres", [&] { return clock_getres(kNoClock, &t); }, EINVAL},
-        {"settime", [&] { return clock_settime(kNoClock, &t); }, EINVAL},
-        {"settime monotonic", [&] { return clock_settime(CLOCK_MONOTONIC, &t); }, EINVAL},
-        {"nanosleep clock", [&] { return clock_nanosleep(kNoClock, 0, &t, &rem); }, EINVAL},
+        {"settime", [&] { return clock_settime(CLOCK_MONOTONIC, &t); }, EINVAL},
         {"nanosleep ns", [&] { return clock_nanosleep(CLOCK_MONOTONIC, 0, &bad, &rem); }, EINVAL},
-        {"nanosleep flag", [&] { return clock_nanosleep(CLOCK_MONOTONIC, 2, &bad, nullptr); }, EINVAL},
         {"nanosleep abs", [&] { return clock_nanosleep(INT_MAX, TIMER_ABSTIME, &t, nullptr); }, EINVAL},
         {"timer_create", [&] { return timer_create(kNoClock, &ev, &stale); }, EINVAL},
         {"timer_settime", [&] { return timer_settime(stale, 0, &its, nullptr); }, EINVAL},
         {"timer_gettime", [&] { return timer_gettime(stale, &its); }, EINVAL},
         {"timer_getoverrun", [&] { return timer_getoverrun(stale); }, EINVAL},
         {"timer_delete", [&] { return timer_delete(stale); }, EINVAL},
-        // A bad pointer is the kernel's EFAULT, not a crash (a user-mode emulator may not check it).
+        // A bad pointer is the kernel's EFAULT, not a crash (an emulator may not check it).
         {"gettime null", [&] { return get_time(CLOCK_REALTIME, nullptr); }, 0},
         {"settime null", [&] { return set_time(CLOCK_REALTIME, nullptr); }, 0},
         {"nanosleep null", [&] { return sleep_rel(CLOCK_MONOTONIC, 0, nullptr, nullptr); }, 0},
-        {"timer_create null", [&] { return timer_create(CLOCK_MONOTONIC, nullptr, nullptr); }, 0},
         {"getres bad", [&] { return kavro::test::emulated() ? -1 : clock_getres(CLOCK_MONOTONIC, wild); }, 0},
     };
     for (const auto &c : cases) {
@@ -78,19 +69,15 @@ TEST(ClockCalls, KernelErrorsAreMinusOneAndErrno) {
     EXPECT_TRUE(rem.tv_sec == 7 && rem.tv_nsec == 7);
 }
 
-// A signal timer made with these calls interrupts a relative sleep: -1,
-// EINTR and the time left; the timer reads back and counts no overrun.
 TEST(ClockCalls, SignalTimerInterruptsSleepWithTimeLeft) {
     const int rc = kavro::test::run_in_child([] {
         struct sigaction sa{};
         sa.sa_handler = [](int) {};  // no SA_RESTART
         sigaction(SIGUSR1, &sa, nullptr);
         sigevent ev{};
-        ev.sigev_notify = SIGEV_SIGNAL;
-        ev.sigev_signo = SIGUSR1;
+        ev.sigev_notify = SIGEV_SIGNAL, ev.sigev_signo = SIGUSR1;
         timer_t id{};
-        itimerspec its{}, left{};
-        its.it_value.tv_nsec = 50000000;
+        itimerspec its{{}, {0, 50000000}}, left{};
         CHILD_CHECK(timer_create(CLOCK_MONOTONIC, &ev, &id) == 0 && timer_settime(id, 0, &its, nullptr) == 0);
         CHILD_CHECK(timer_gettime(id, &left) == 0 && left.it_value.tv_sec == 0 && left.it_value.tv_nsec > 0);
         timespec req{5, 0}, rem{}, now{};
@@ -105,13 +92,8 @@ TEST(ClockCalls, SignalTimerInterruptsSleepWithTimeLeft) {
 
 // A program linked against the shared library gets the library's calls, not the C library's.
 TEST(ClockCalls, ProgramsLinkingTheLibraryGetItsDefinitions) {
-    FILE *p = popen(KAVRO_CLOCK_PROBE_PATH, "r");
-    ASSERT_NE(p, nullptr);
-    std::string out;
-    char buf[256];
-    while (fgets(buf, sizeof buf, p) != nullptr) out += buf;
-    ASSERT_EQ(pclose(p), 0) << out;
-    EXPECT_EQ(out, "nanosleep -1 22 rem 7.7\ngettime 0\ntimer 0 0\n");
+    const auto c = kavro::test::run_captured([] { return execl(KAVRO_CLOCK_PROBE_PATH, "probe", nullptr), 127; });
+    EXPECT_TRUE(c.status == 0 && c.out == "nanosleep -1 22 rem 7.7\ngettime 0\ntimer 0 0\n") << c.out;
 }
 
 }  // namespace
