@@ -1,5 +1,4 @@
-/* The emulated real-time-clock device, preloaded into a test process (see
- * rtc_emulator.h). */
+/* The emulated real-time-clock device (see rtc_emulator.h). */
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
 #endif
@@ -53,17 +52,12 @@ static uint64_t raised(int64_t now) {
     return n < dev.stall_after ? n : dev.stall_after;
 }
 
-static void start_train(int64_t now) {
-    dev.before = raised(now);
-    dev.start = now;
-}
+static void start_train(int64_t now) { dev.before = raised(now), dev.start = now; }
 
 static int failing(int which) {
-    if (dev.fail_from[which] != 0 && ++dev.calls[which] >= dev.fail_from[which]) {
-        errno = fail_errno[which];
-        return 1;
-    }
-    return 0;
+    const int fail = dev.fail_from[which] != 0 && ++dev.calls[which] >= dev.fail_from[which];
+    if (fail) errno = fail_errno[which];
+    return fail;
 }
 
 static void log_event(const char *fmt, ...) {
@@ -77,10 +71,7 @@ static void log_event(const char *fmt, ...) {
     va_end(ap);
     n += snprintf(line + n, sizeof line - (size_t)n, " wall=%lld.%06ld\n", (long long)tv.tv_sec, (long)tv.tv_usec);
     const int fd = real_open(dev.log, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (fd < 0) return;
-    if (write(fd, line, (size_t)n) != n) {
-    }
-    real_close(fd);
+    if (fd >= 0) real_close(fd + 0 * (int)write(fd, line, (size_t)n));
 }
 
 /* Also on a first call that comes before the constructor has run. */
@@ -116,15 +107,10 @@ static int rtc_open(const char *path, int flags) {
     if (real_open == NULL) resolve();
     if (path == NULL || (strcmp(path, "/dev/rtc") != 0 && strcmp(path, "/dev/rtc0") != 0)) return -2;
     pthread_mutex_lock(&dev.lock);
-    int fd = -1;
-    if (failing(F_OPEN)) {
-    } else if (dev.fd >= 0) {
-        errno = EBUSY;
-    } else if ((fd = real_open("/dev/null", O_RDONLY | (flags & O_CLOEXEC))) >= 0) {
-        __atomic_store_n(&dev.fd, fd, __ATOMIC_RELEASE);
-        dev.pie = 0;
-        dev.taken = dev.before = 0;
-    }
+    const int fd = failing(F_OPEN) ? -1
+                   : dev.fd >= 0   ? (errno = EBUSY, -1)
+                                   : real_open("/dev/null", O_RDONLY | (flags & O_CLOEXEC));
+    if (fd >= 0) __atomic_store_n(&dev.fd, fd, __ATOMIC_RELEASE), dev.pie = 0, dev.taken = dev.before = 0;
     pthread_mutex_unlock(&dev.lock);
     return fd;
 }
@@ -137,23 +123,12 @@ static int rtc_ioctl(unsigned long req, void *arg) {
     pthread_mutex_lock(&dev.lock);
     const unsigned long hz = (unsigned long)arg;
     struct rtc_time *t = arg;
-    if (req == RTC_IRQP_SET) {
-        if (failing(F_IRQP)) {
-        } else if (hz < 2 || hz > 8192 || (hz & (hz - 1)) != 0) {
-            errno = EINVAL;
-        } else {
-            start_train(now);
-            dev.rate = (int)hz;
-            log_event("IRQP_SET %lu", hz);
-            rc = 0;
-        }
-    } else if (req == RTC_PIE_ON) {
-        if (!failing(F_PIE)) {
-            start_train(now);
-            dev.pie = 1;
-            log_event("PIE_ON");
-            rc = 0;
-        }
+    if (req == RTC_IRQP_SET && !failing(F_IRQP)) {
+        if (hz < 2 || hz > 8192 || (hz & (hz - 1)) != 0) errno = EINVAL;
+        else start_train(now), dev.rate = (int)hz, log_event("IRQP_SET %lu", hz), rc = 0;
+    } else if (req == RTC_PIE_ON && !failing(F_PIE)) {
+        start_train(now), dev.pie = 1, log_event("PIE_ON"), rc = 0;
+    } else if (req == RTC_IRQP_SET || req == RTC_PIE_ON) {
     } else if (req == RTC_RD_TIME) {
         const time_t s = (time_t)(dev.cmos_base + (now < dev.cmos_turn ? 0 : 1 + (now - dev.cmos_turn) / NS));
         struct tm b;
@@ -163,7 +138,6 @@ static int rtc_ioctl(unsigned long req, void *arg) {
         t->tm_mday = b.tm_mday, t->tm_mon = b.tm_mon, t->tm_year = b.tm_year;
         rc = 0;
     } else if (req == RTC_SET_TIME) {
-        /* Fields as the driver checks them (days of the month loosely). */
         if (t->tm_year < 70 || t->tm_mon < 0 || t->tm_mon > 11 || t->tm_mday < 1 || t->tm_mday > 31 ||
             t->tm_hour < 0 || t->tm_hour > 23 || t->tm_min < 0 || t->tm_min > 59 || t->tm_sec < 0 || t->tm_sec > 59) {
             errno = EINVAL;
@@ -189,10 +163,7 @@ static ssize_t rtc_read(int fd, void *buf, size_t n) {
     ssize_t rc = -1;
     pthread_mutex_lock(&dev.lock);
     for (int fail = failing(F_READ); !fail;) {
-        if (dev.fd != fd) {
-            errno = EBADF;
-            break;
-        }
+        if (dev.fd != fd && (errno = EBADF)) break;
         const uint64_t r = raised(mono_ns());
         if (r > dev.taken) {
             const uint32_t word = (uint32_t)(((r - dev.taken) & 0xFFFFFF) << 8) | RTC_PF | RTC_IRQF;
@@ -212,8 +183,6 @@ static ssize_t rtc_read(int fd, void *buf, size_t n) {
     pthread_mutex_unlock(&dev.lock);
     return rc;
 }
-
-/* ---- the interposed entry points (those the library and the tests call) ---- */
 
 API int open(const char *path, int flags, ...) {
     mode_t mode = 0;
