@@ -32,24 +32,15 @@ int value_of(LckObj *lock) {
     return v;
 }
 
-class TaskLock : public testing::Test {
-protected:
-    void SetUp() override { LCK_Init(); }
-    void TearDown() override { LCK_Exit(); }
-};
-
 TEST(TaskLockFamily, RefusedBeforeInitAndLifeCycleCoupled) {
     EXPECT_EQ(kavro::test::run_in_child([] {
-        CHILD_CHECK(LCK_Lock(nullptr) == KAVRO_E_FAIL && LCK_Lock_2() == KAVRO_E_FAIL);
-        CHILD_CHECK(LCK_Unlock(nullptr) == KAVRO_E_FAIL && LCK_Unlock_2() == KAVRO_E_FAIL);
+        CHILD_CHECK((LCK_Lock(nullptr) & LCK_Lock_2() & LCK_Unlock(nullptr) & LCK_Unlock_2()) == KAVRO_E_FAIL);
         CHILD_CHECK(LCK_Init() == 0 && LCK_Init() == 0);
         LckObj *first = lck_first_lock();
-        CHILD_CHECK(first != nullptr && first->tag == KAVRO_TAG_LCK && value_of(first) == 1);
-        CHILD_CHECK(lck_lock2() != nullptr && value_of(lck_lock2()) == 1);
+        CHILD_CHECK(first != nullptr && first->tag == KAVRO_TAG_LCK && value_of(first) == 1 && value_of(lck_lock2()) == 1);
         LCK_Exit();  // still up, and the thread family with it
         CHILD_CHECK(LCK_Lock(nullptr) == KAVRO_OK && LCK_Unlock(nullptr) == KAVRO_OK && THREAD_Init() == 1);
-        THREAD_Exit();
-        LCK_Exit();
+        THREAD_Exit(), LCK_Exit();
         CHILD_CHECK(LCK_Lock(nullptr) == KAVRO_E_FAIL && THREAD_Init() == 0);  // threads went down too
         THREAD_Exit();
         CHILD_CHECK(LCK_Init() == 0 && lck_first_lock() != first && lck_first_lock() != nullptr);  // new locks
@@ -59,7 +50,8 @@ TEST(TaskLockFamily, RefusedBeforeInitAndLifeCycleCoupled) {
 
 // Threads without a record: the lock excludes, a signal does not end the
 // wait, stray unlocks free nothing twice.
-TEST_F(TaskLock, ForeignThreadsAreExcludedThroughSignals) {
+TEST(TaskLock, ForeignThreadsAreExcludedThroughSignals) {
+    LCK_Init();
     LckObj *first = lck_first_lock();
     const Sched before = sched_of();
     ASSERT_EQ(LCK_Lock(nullptr), KAVRO_OK);
@@ -71,7 +63,7 @@ TEST_F(TaskLock, ForeignThreadsAreExcludedThroughSignals) {
     sigaction(SIGUSR2, &sa, nullptr);
     for (int i = 0; i < 10; ++i) pthread_kill(waiter.native_handle(), SIGUSR2), usleep(10000);
     EXPECT_FALSE(inside);
-    EXPECT_TRUE(LCK_Unlock(nullptr) == KAVRO_OK);
+    EXPECT_EQ(LCK_Unlock(nullptr), KAVRO_OK);
     waiter.join();
     EXPECT_TRUE(inside && LCK_Unlock(nullptr) == KAVRO_OK);  // stray: must not free the lock twice
     EXPECT_TRUE(value_of(first) == 1 && first->holdCount == 0);
@@ -94,8 +86,9 @@ void on_thread(uint32_t priority, Fn fn) {
 
 // 98 while held, across nesting (on any lock), back at the outermost exit;
 // an inheriting thread returns to what it inherited.
-TEST_F(TaskLock, RaisedTo98WhileHeldAndRestoredAtTheOutermostExit) {
+TEST(TaskLock, RaisedTo98WhileHeldAndRestoredAtTheOutermostExit) {
     KAVRO_REQUIRE_RT();
+    LCK_Init();
     const Sched kFifo98{SCHED_FIFO, 98}, mine = sched_of();
     on_thread(5, [&] {
         ThreadObj *self = nullptr;
@@ -106,8 +99,7 @@ TEST_F(TaskLock, RaisedTo98WhileHeldAndRestoredAtTheOutermostExit) {
         EXPECT_TRUE(sched_of() == kFifo98 && first->owner == uintptr_t(self) && first->holdCount == 1);
         // Nested entries, also on another lock, do not take a semaphore.
         EXPECT_TRUE(LCK_Lock(nullptr) == 0 && LCK_Lock(other) == 0 && other->holdCount == 0 && self->lockCount == 3);
-        EXPECT_TRUE(LCK_Unlock(other) == 0 && LCK_Unlock(nullptr) == 0 && first->holdCount == 1);
-        EXPECT_EQ(sched_of(), kFifo98);
+        EXPECT_TRUE(LCK_Unlock(other) == 0 && LCK_Unlock(nullptr) == 0 && first->holdCount == 1 && sched_of() == kFifo98);
         EXPECT_EQ(LCK_Unlock(nullptr), KAVRO_OK);
         EXPECT_TRUE(sched_of() == Sched(SCHED_FIFO, 5) && self->priority == 5 && first->owner == 0);
         EXPECT_TRUE(LCK_Unlock(nullptr) == 0 && self->lockCount == 0);  // stray: the depth stays
@@ -115,17 +107,15 @@ TEST_F(TaskLock, RaisedTo98WhileHeldAndRestoredAtTheOutermostExit) {
         LCK_Delete(other);
     });
     on_thread(0, [&] {
-        EXPECT_EQ(sched_of(), mine);
-        ASSERT_EQ(LCK_Lock(nullptr), KAVRO_OK);
-        EXPECT_EQ(sched_of(), kFifo98);
-        ASSERT_EQ(LCK_Unlock(nullptr), KAVRO_OK);
-        EXPECT_EQ(sched_of(), mine);
+        EXPECT_TRUE(sched_of() == mine && LCK_Lock(nullptr) == KAVRO_OK && sched_of() == kFifo98);
+        EXPECT_TRUE(LCK_Unlock(nullptr) == KAVRO_OK && sched_of() == mine);
     });
 }
 
 // A waiter is raised before it blocks and holds the lock after the holder's exit.
-TEST_F(TaskLock, WaiterIsRaisedBeforeItBlocks) {
+TEST(TaskLock, WaiterIsRaisedBeforeItBlocks) {
     KAVRO_REQUIRE_RT();
+    LCK_Init();
     struct Contender {
         Done locked, mayUnlock, started;
         std::atomic<pid_t> tid{0};
@@ -151,16 +141,13 @@ TEST_F(TaskLock, WaiterIsRaisedBeforeItBlocks) {
     ASSERT_EQ(THREAD_Create(&hb, contend, &b, &pb), KAVRO_OK);
     ASSERT_TRUE(b.started.wait());
     for (int i = 0; i < 1000 && sched_of(b.tid) != Sched(SCHED_FIFO, 98); ++i) usleep(5000);
-    EXPECT_EQ(sched_of(b.tid), Sched(SCHED_FIFO, 98));
-    EXPECT_FALSE(b.locked.wait(100));
+    EXPECT_TRUE(sched_of(b.tid) == Sched(SCHED_FIFO, 98) && !b.locked.wait(100));
     a.mayUnlock.post();
     ASSERT_TRUE(b.locked.wait());
     EXPECT_EQ(lck_first_lock()->owner, uintptr_t(b.self));
     b.mayUnlock.post();
-    ASSERT_TRUE(b.started.wait());
-    EXPECT_EQ(b.after, Sched(SCHED_FIFO, 3));
-    THREAD_Join(ha);
-    THREAD_Join(hb);
+    EXPECT_TRUE(b.started.wait() && b.after == Sched(SCHED_FIFO, 3));
+    THREAD_Join(ha), THREAD_Join(hb);
 }
 
 }  // namespace

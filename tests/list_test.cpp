@@ -1,35 +1,23 @@
-// The intrusive list: order, removal anywhere, the closed ring, null and empty lists.
+// The intrusive list: order, removal anywhere, the closed ring, empty lists.
 #include <gtest/gtest.h>
 
 #include "kavro_rt/kavro_rt.h"
 
-namespace {
-
 TEST(List, OrderRemovalAndTheClosedRing) {
-    EXPECT_TRUE(LST_Init() == 0 && LST_Init() == 1);
     LST_List *list = LST_Create();
     ASSERT_NE(list, nullptr);
     EXPECT_TRUE(LST_First(list) == nullptr && LST_GetHead(list) == 0u);
     LST_Elem e[4];
     for (auto &x : e) LST_PutTail(list, LST_InitElem(&x));
-    auto at = [&](int i) { return reinterpret_cast<uintptr_t>(&e[i]); };
     EXPECT_TRUE(LST_First(list) == &e[0] && LST_Next(list, &e[0]) == &e[1] && LST_Next(list, &e[3]) == nullptr);
     LST_RemoveElem(list, &e[1]);  // middle
     LST_RemoveElem(list, &e[3]);  // last
     EXPECT_TRUE(LST_Next(list, &e[0]) == &e[2] && e[2].prev == &e[0] && list->prev == &e[2] && e[2].next == list);
     LST_RemoveElem(nullptr, &e[0]);
-    EXPECT_TRUE(LST_GetHead(list) == at(0) && LST_GetHead(list) == at(2) && LST_GetHead(list) == 0u);
+    EXPECT_EQ(LST_GetHead(list), reinterpret_cast<uintptr_t>(&e[0]));
+    EXPECT_TRUE(LST_GetHead(list) == reinterpret_cast<uintptr_t>(&e[2]) && LST_GetHead(list) == 0u);
     EXPECT_TRUE(list->next == list && list->prev == list);  // closed on the head in both directions
     LST_RemoveElem(list, &e[0]);                            // from an empty list: nothing
     EXPECT_TRUE(list->next == list && LST_First(list) == nullptr);
-    // An element embedded in a record carries the record.
-    struct Record { int value; LST_Elem link; } r{42, {}};
-    LST_InitElem(&r.link)->data = reinterpret_cast<uintptr_t>(&r);
-    LST_PutTail(list, &r.link);
-    EXPECT_EQ(reinterpret_cast<Record *>(LST_GetHead(list))->value, 42);
     LST_Delete(list);
-    LST_Exit();
-    LST_Exit();
 }
-
-}  // namespace

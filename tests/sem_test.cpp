@@ -22,12 +22,12 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using Child = kavro::test::ForkedChild;
 
-int32_t count_of(SEM_HANDLE h) {
+int32_t count_of(SEM_HANDLE h) {  // waiters show as a negative count
     int32_t c = 12345;
     EXPECT_EQ(SEM_GetCount(h, &c), KAVRO_OK);
     return c;
 }
-bool count_reaches(SEM_HANDLE h, int32_t want) {  // waiters show as a negative count
+bool count_reaches(SEM_HANDLE h, int32_t want) {
     const auto end = Clock::now() + std::chrono::seconds(10);
     while (count_of(h) != want && Clock::now() < end) std::this_thread::sleep_for(milliseconds(1));
     return count_of(h) == want;
@@ -48,25 +48,22 @@ TEST(SemKinds, CountingOfEachKind) {
     const uint32_t created = sem_created, freed = sem_freed, local = pthr_sem_created;
     SEM_HANDLE c = nullptr, p = nullptr, v = nullptr;
     ASSERT_EQ(SEM_Create(&c, 1, 0, 0) | SEM_Create_2(&p, 3) | SEM_Create(&v, 0, 0, 1), KAVRO_OK);
-    EXPECT_EQ(static_cast<uint32_t *>(c)[0], KAVRO_TAG_SEM);
-    EXPECT_TRUE(kind_of(c) == -1 && kind_of(p) == -1 && kind_of(v) == 1);
+    EXPECT_TRUE(static_cast<uint32_t *>(c)[0] == KAVRO_TAG_SEM && kind_of(p) == -1 && kind_of(v) == 1);
     run_steps(c, {{'P', -1, KAVRO_OK, 0}, {'P', 0, KAVRO_E_TIMEOUT, 0}, {'t', 0, KAVRO_E_AGAIN, 0}});
     const auto t0 = Clock::now();
-    EXPECT_EQ(SEM_Pend(c, 120), KAVRO_E_TIMEOUT);
-    EXPECT_GE(Clock::now() - t0, milliseconds(119));
+    EXPECT_TRUE(SEM_Pend(c, 120) == KAVRO_E_TIMEOUT && Clock::now() - t0 >= milliseconds(119));
     run_steps(c, {{'p', 0, KAVRO_OK, 1}, {'t', 0, KAVRO_OK, 0}});  // the timed-out claim was given back
     run_steps(p, {{'P', 0, KAVRO_OK, 2}, {'t', 0, KAVRO_OK, 1}, {'t', 0, KAVRO_OK, 0}, {'t', 0, KAVRO_E_AGAIN, 0},
                   {'r', 4, KAVRO_OK, 4}, {'r', -1, KAVRO_OK, 0}});  // the timeout does not apply to this kind
     run_steps(v, {{'p', 0, KAVRO_OK, 1}, {'r', 3, KAVRO_OK, 3}, {'P', 0, KAVRO_OK, 2}});
     testing::internal::CaptureStderr();
     EXPECT_EQ(SEM_TryPend(v), KAVRO_E_FAIL);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "KAVRO: Function IPC_SEM_TryPend is not supported .... \n");
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("IPC_SEM_TryPend is not supported"), std::string::npos);
     const int id = static_cast<kavro::sem::SysVSemaphore *>(v)->semId;
     EXPECT_EQ(SEM_Create(nullptr, 1, 0, 0), KAVRO_E_INVALIDARG);  // failed, still counted
     EXPECT_TRUE(sem_created == created + 4 && pthr_sem_created == local + 3);
     EXPECT_EQ(SEM_Delete(c) | SEM_Delete(p) | SEM_Delete(v) | SEM_Delete(nullptr), KAVRO_OK);
-    EXPECT_EQ(sem_freed, freed + 3);
-    EXPECT_EQ(semctl(id, 0, GETVAL), -1);  // gone from the system
+    EXPECT_TRUE(sem_freed == freed + 3 && semctl(id, 0, GETVAL) == -1);  // gone from the system
 }
 
 TEST(SemCounter, PostWakesOneWaiterResetReleasesAll) {
@@ -80,43 +77,30 @@ TEST(SemCounter, PostWakesOneWaiterResetReleasesAll) {
     EXPECT_EQ(SEM_Post(h), KAVRO_OK);
     for (int i = 0; i < 5000 && done < 1; ++i) std::this_thread::sleep_for(milliseconds(2));
     std::this_thread::sleep_for(milliseconds(30));
-    EXPECT_TRUE(done == 1 && count_of(h) == -2);
-    EXPECT_EQ(SEM_Reset(h, 5), KAVRO_OK);
+    EXPECT_TRUE(done == 1 && count_of(h) == -2 && SEM_Reset(h, 5) == KAVRO_OK);
     for (auto &t : waiters) t.join();
-    EXPECT_TRUE(done == 3 && count_of(h) == 5);
-    EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
+    EXPECT_TRUE(done == 3 && count_of(h) == 5 && SEM_Delete(h) == KAVRO_OK);
 }
 
 // Every post is taken by exactly one of pends that keep timing out.
 TEST(SemCounter, NoUnitLostOrDuplicatedUnderTimeouts) {
     SEM_HANDLE h = nullptr;
     ASSERT_EQ(SEM_Create(&h, 0, 0, 0), KAVRO_OK);
-    constexpr int kPosts = 3 * 3000;
+    constexpr int kPosts = 9000;
     std::atomic<int> taken{0};
-    std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i)
+    for (int i = 0; i < 6; ++i)
         threads.emplace_back([&, i] {
-            while (!stop) {
+            for (int n = 0; i >= 3 && n < kPosts / 3; ++n)  // pauses let pends time out in between
+                if (SEM_Post(h) != KAVRO_OK || n % 64 == 0) std::this_thread::sleep_for(milliseconds(1));
+            for (auto end = Clock::now() + std::chrono::seconds(20); i < 3 && taken < kPosts && Clock::now() < end;) {
                 const KAVRO_STATUS s = i == 0 ? SEM_TryPend(h) : SEM_Pend(h, i);
                 if (s == KAVRO_OK) ++taken;
                 else EXPECT_TRUE(s == KAVRO_E_TIMEOUT || s == KAVRO_E_AGAIN) << std::hex << s;
             }
         });
-    std::vector<std::thread> posters;
-    for (int p = 0; p < 3; ++p)
-        posters.emplace_back([&] {
-            for (int n = 0; n < kPosts / 3; ++n) {
-                EXPECT_EQ(SEM_Post(h), KAVRO_OK);
-                if (n % 64 == 0) std::this_thread::sleep_for(milliseconds(1));
-            }
-        });
-    for (auto &t : posters) t.join();
-    for (int i = 0; i < 5000 && taken < kPosts; ++i) std::this_thread::sleep_for(milliseconds(2));
-    stop = true;
     for (auto &t : threads) t.join();
-    EXPECT_TRUE(taken == kPosts && count_of(h) == 0) << taken;
-    EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
+    EXPECT_TRUE(taken == kPosts && count_of(h) == 0 && SEM_Delete(h) == KAVRO_OK) << taken;
 }
 
 // In a private IPC namespace: the opener of a keyed set waits until the
@@ -161,8 +145,7 @@ TEST(SemSysV, PendSurvivesSignalsAndFailsOnRemovedSet) {
     ASSERT_TRUE(child.said(10000));
     for (int i = 0; i < 5; ++i, std::this_thread::sleep_for(milliseconds(40))) kill(child.pid, SIGUSR1);
     EXPECT_EQ(waitpid(child.pid, nullptr, WNOHANG), 0);  // still pending
-    EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
-    EXPECT_EQ(child.exit_code(), 0);
+    EXPECT_TRUE(SEM_Delete(h) == KAVRO_OK && child.exit_code() == 0);
 }
 
 }  // namespace
