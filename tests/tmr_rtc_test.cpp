@@ -5,12 +5,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <set>
 #include <sstream>
-#include <string>
 #include <vector>
 
 #include "frame/internal.hpp"
@@ -22,6 +18,7 @@
 namespace {
 
 using namespace kavro::detail;
+using namespace kavro::test;
 
 constexpr int64_t kOriginUs = 1000LL * 1000000;  // grid origin: 1000 s into the day
 
@@ -98,8 +95,7 @@ std::atomic<int64_t> firstCallNs{0};
 
 int64_t mono_ns() {
     timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return to_ns(now);
+    return clock_gettime(CLOCK_MONOTONIC, &now), to_ns(now);
 }
 
 int32_t on_tick(uint32_t) { return calls.fetch_add(1) == 0 ? firstCallNs.store(mono_ns()), 0 : 0; }
@@ -115,13 +111,12 @@ std::string engine_threads() {
     std::set<std::string> names;
     DIR *d = opendir("/proc/self/task");
     while (dirent *e = d ? readdir(d) : nullptr) {
-        std::string comm = kavro::test::read_file(std::string("/proc/self/task/") + e->d_name + "/comm");
+        std::string comm = read_file(std::string("/proc/self/task/") + e->d_name + "/comm");
         if (comm.rfind("TMR_", 0) == 0) names.insert(comm.substr(0, comm.size() - 1));
     }
-    if (d) closedir(d);
     std::string all;
     for (auto &n : names) all += n + " ";
-    return all;
+    return d ? closedir(d), all : all;
 }
 
 // A copy of this program started with KAVRO_TMR_ROLE runs the RTC path for KAVRO_TMR_RUN_MS and reports.
@@ -141,14 +136,12 @@ std::string engine_threads() {
     _exit(0);
 }
 
-struct RoleRun : kavro::test::ChildOutput {
-    std::string log;
-};
+struct RoleRun : ChildOutput { std::string log; };
 
 RoleRun run_rtc(const char *runMs, std::vector<std::pair<const char *, const char *>> env) {
-    kavro::test::ScratchDir dir;
+    ScratchDir dir;
     const std::string log = dir.path() + "/rtc.log";
-    RoleRun r{kavro::test::run_captured([&] {
+    RoleRun r{run_captured([&] {
         for (auto &[k, v] : env) setenv(k, v, 1);
         setenv("KAVRO_TMR_RUN_MS", runMs, 1);
         setenv("KAVRO_RTC_LOG", log.c_str(), 1);
@@ -157,7 +150,7 @@ RoleRun run_rtc(const char *runMs, std::vector<std::pair<const char *, const cha
         execl("/proc/self/exe", "tmr_rtc_test", static_cast<char *>(nullptr));
         return 127;
     }), {}};
-    r.log = kavro::test::read_file(log);
+    r.log = read_file(log);
     return r;
 }
 
@@ -172,10 +165,9 @@ TEST(RtcLoop, FirstCallbackAfterAThousandTicksThenFiveHundredASecondAndCmosWrite
     KAVRO_REQUIRE_NATIVE("tick timing");
     RoleRun r = run_rtc("3500", {{"TORVANEX_CMOS_CLOCK_UPDATE_RATE_PRIVATE", "1"},
                                  {"TORVANEX_CMOS_CLOCK_UPDATE_CMOS_OFFSET_USEC", "250000"}});
-    ASSERT_EQ(r.status, 0) << r.err;
     long long firstMs = 0;
     unsigned n = 0;
-    ASSERT_EQ(std::sscanf(r.out.c_str(), "first_ms %lld calls %u", &firstMs, &n), 2) << r.out;
+    ASSERT_TRUE(r.status == 0 && std::sscanf(r.out.c_str(), "first_ms %lld calls %u", &firstMs, &n) == 2) << r.err;
     EXPECT_TRUE(r.out.find("threads TMR_CMOS TMR_Handler TMR_Watchdog \n") != std::string::npos) << r.out;
     EXPECT_TRUE(firstMs > 1800 && firstMs < 2600 && n > 500 && n < 1000) << r.out;  // ~1.5 s at 500 a second
     EXPECT_TRUE(count_of(r.log, "IRQP_SET 4096") == 1 && count_of(r.err, "not ticking") == 0) << r.log << r.err;
@@ -219,7 +211,7 @@ TEST(RtcLoop, DeviceFailuresEndTheProcessWithTheErrorNumber) {
 
 TEST(PosixTimerPath, SignalRoleCountsDownPrintsEachTickAndCallsBackAtZero) {
     KAVRO_REQUIRE_RT();
-    const kavro::test::ChildOutput c = kavro::test::run_captured([&] {
+    const ChildOutput c = run_captured([&] {
         setenv("TORVANEX_TMR_USE_RTC", "1", 1);
         setenv("PELOSHRT", "", 1);
         if (TMR_Init() != 0) return 1;
