@@ -1,16 +1,10 @@
-// Every checked-in fuzz corpus file, crash inputs found earlier included,
-// replayed through its fuzz target in the ordinary builds: the parsers stay
-// free of the faults the fuzzer found, on both architectures and under the
-// sanitizers.
+// Every checked-in corpus file, crash inputs included, replayed through its target in the ordinary builds.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "fuzz/fuzz_targets.hpp"

@@ -1,12 +1,6 @@
-// The formatter on arbitrary formats with well-formed arguments.
-//
-// Input: the format up to the first NUL byte, then the bytes the arguments
-// are drawn from. The format is walked by the dialect's grammar
-// (`%[-][#0...][width][l|L]conv`) to learn which argument each conversion
-// takes and the most text it can give (its width, saturated at 65535, plus
-// 80); the call is made with exactly those types. Checked: the text stays
-// within that bound and is terminated, the guard bytes behind it are intact,
-// the list form gives the same text, and text without conversions is copied.
+// The formatter on arbitrary formats (up to a NUL) with well-typed arguments drawn from the bytes after it. Walking
+// `%[-][#0...][width][l|L]conv` gives each conversion's type and most text (width up to 65535, plus 80): the text
+// stays within it and is terminated, guard bytes hold, the list form agrees, text without conversions is copied.
 #include <algorithm>
 #include <cstdarg>
 #include <cstring>

@@ -1,12 +1,7 @@
-// The registry's record reader, lookup and rewrite on arbitrary text.
-//
-// Input: one control byte, then the subkey, the entry and the string value,
-// each ended by a NUL byte, then the registry text. The text is read twice,
-// in place and streamed in uneven chunks through the smallest buffer the
-// streamed reader allows; both readings must agree line for line, in the
-// lookup's result and in the rewritten registry. In the rewritten registry
-// the first record named by the subkey and entry holds the new type and
-// value, and a rewrite applied twice changes nothing the second time.
+// The registry reader, lookup and rewrite. Input: a control byte, subkey, entry and string value (each NUL-ended),
+// then the text, read in place and streamed in uneven chunks through the smallest buffer allowed: both agree in
+// every line, lookup and rewrite; the rewritten record holds the new value, and rewriting again changes nothing.
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -18,36 +13,23 @@ namespace {
 
 using namespace kavro::detail;
 
-// Streams the text in chunks of sizes drawn from a seed; with `fail_at`
-// set, the read that would pass that offset fails.
-struct Chunks {
-    const char *p;
-    size_t n;
-    size_t pos = 0;
-    uint32_t seed;
-    size_t fail_at = SIZE_MAX;
-};
+// Streams the text in chunks of sizes drawn from a seed; the read that would pass fail_at fails.
+struct Chunks { const char *p; size_t n, pos; uint32_t seed; size_t fail_at; };
 
 long chunk_read(void *ctx, char *buf, size_t cap) {
     auto *c = static_cast<Chunks *>(ctx);
     if (c->pos >= c->fail_at) return -1;
     if (c->pos == c->n) return 0;
     c->seed = c->seed * 1103515245u + 12345u;
-    size_t k = 1 + (c->seed >> 16) % 600;
-    if (k > cap) k = cap;
-    if (k > c->n - c->pos) k = c->n - c->pos;
+    const size_t k = std::min({size_t{1} + (c->seed >> 16) % 600, cap, c->n - c->pos});
     std::memcpy(buf, c->p + c->pos, k);
     c->pos += k;
     return static_cast<long>(k);
 }
 
-bool string_write(void *ctx, const char *p, size_t n) {
-    static_cast<std::string *>(ctx)->append(p, n);
-    return true;
-}
+bool string_write(void *ctx, const char *p, size_t n) { return static_cast<std::string *>(ctx)->append(p, n), true; }
 
-// A streamed reader over its own buffer of the smallest allowed size, so
-// that a read past the buffer is caught by the sanitizer.
+// A streamed reader over its own buffer of the smallest allowed size, so a read past it is caught.
 struct Streamed {
     Chunks chunks;
     char *buf = new char[2 * kRegPieceMax];
@@ -56,7 +38,6 @@ struct Streamed {
         : chunks{text.data(), text.size(), 0, seed, fail_at}, in(chunk_read, &chunks, buf, 2 * kRegPieceMax) {}
     ~Streamed() { delete[] buf; }
     Streamed(const Streamed &) = delete;
-    Streamed &operator=(const Streamed &) = delete;
 };
 
 const char *take_string(const uint8_t *&p, const uint8_t *end) {
@@ -67,8 +48,7 @@ const char *take_string(const uint8_t *&p, const uint8_t *end) {
     return s;
 }
 
-// The type and value lines of the first record whose subkey and entry lines
-// are whole lines (not pieces cut from longer ones) naming them as first word.
+// The type and value lines of the first record whose whole subkey and entry lines name them as first word.
 bool record_lines(const std::string &reg, const char *subkey, const char *entry, std::string *type_value) {
     auto names = [](const RegLine &l, const char *want) {
         if (l.p[l.n - 1] != '\n' && l.n >= kRegPieceMax) return false;
@@ -88,7 +68,6 @@ bool record_lines(const std::string &reg, const char *subkey, const char *entry,
 }
 
 KAVRO_STATUS lookup(RegReader &in, const char *subkey, const char *entry, uint32_t capacity, std::string *value) {
-    // The value buffer is exactly `capacity` bytes (at least one to point at).
     char *buf = new char[capacity == 0 ? 1 : capacity];
     std::memset(buf, 0x5A, capacity == 0 ? 1 : capacity);
     const KAVRO_STATUS st = reg_lookup(in, subkey, entry, buf, capacity);
@@ -116,11 +95,7 @@ int fuzz_registry(const uint8_t *data, size_t size) {
     const char *subkey = take_string(p, end);
     const char *entry = subkey ? take_string(p, end) : nullptr;
     const char *value = entry ? take_string(p, end) : nullptr;
-    if (value == nullptr) {
-        subkey = "Network";
-        entry = "Address";
-        value = "10.0.0.1";
-    }
+    if (value == nullptr) subkey = "Network", entry = "Address", value = "10.0.0.1";
     const std::string text(reinterpret_cast<const char *>(p), static_cast<size_t>(end - p));
     const uint32_t seed = control * 2654435761u + static_cast<uint32_t>(size);
 
@@ -142,8 +117,7 @@ int fuzz_registry(const uint8_t *data, size_t size) {
         FUZZ_CHECK(total == text.size() && !s.in.failed());
     }
 
-    // Lookup: in place and streamed alike; a read error is reported or the
-    // answer was found before it.
+    // Lookup: in place and streamed alike; a read error is reported or the answer was found before it.
     static const uint32_t kCapacities[] = {0, 1, 3, 4, 5, 16, 254, 255};
     const uint32_t capacity = kCapacities[control & 7];
     {

@@ -1,7 +1,5 @@
-// The "/etc/sysconfig/clock" scan on arbitrary bytes: the in-memory scan (the
-// one the tests use) gives the verdict of the same bytes read from a file
-// descriptor (as the library reads the file); text without "UTC=" has no tag;
-// a deciding first line decides whatever follows.
+// "/etc/sysconfig/clock": the in-memory scan agrees with the scan of a descriptor; no "UTC=" means no tag; a deciding
+// first line decides whatever follows.
 #include <sys/mman.h>
 #include <unistd.h>
 
