@@ -57,6 +57,6 @@ TEST(Env, DecimalReaderAcceptsOnlyWholeNumbersTheLenientOneClamps) {
         EXPECT_FALSE(setenv("KAVRO_T_NUM", bad, 1) == 0 && env_decimal("KAVRO_T_NUM", &v)) << bad;
     setenv("KAVRO_T_NUM", " -250 \n", 1);
     EXPECT_TRUE(v == 7 && env_decimal("KAVRO_T_NUM", &v) && v == -250 && env_present("KAVRO_T_NUM"));
-    for (auto [text, want] : {std::pair{"12abc", 12}, {"99999999999", INT32_MAX}, {"-99999999999", INT32_MIN}, {"x", 0}})
+    for (auto [text, want] : {std::pair{"12abc", 12}, {"9999999999", INT32_MAX}, {"-9999999999", INT32_MIN}, {"x", 0}})
         EXPECT_TRUE(setenv("KAVRO_T_NUM", text, 1) == 0 && env_strtol("KAVRO_T_NUM", &v) && v == want) << text;
 }

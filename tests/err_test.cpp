@@ -42,7 +42,7 @@ TEST(ErrExit, DaemonLinesGoToTheSystemLogWithTheirPriority) {
         CHILD_CHECK(info.rfind("<14>", 0) == 0 && info.find("info line 100%\n") != std::string::npos);
         CHILD_CHECK(kavro::test::run_in_child([]() -> int { errno = ENOENT, err_sys("fatal line"); }) == 1);
         const std::string err = log.next();
-        CHILD_CHECK(err.rfind("<11>", 0) == 0 && err.find("fatal line: No such file or directory\n") != std::string::npos);
+        CHILD_CHECK(err.rfind("<11>", 0) == 0 && err.find("fatal line: No such file or directory\n") != err.npos);
         return 0;
     });
     if (rc == 77) GTEST_SKIP() << "cannot catch the system log here";

@@ -100,21 +100,4 @@ TEST(MsgQueue, FullQueueWaitsForAReaderThroughSignals) {
     });
 }
 
-// Non-zero flags without IPC_NOWAIT wait in the kernel, across signals.
-TEST(MsgQueue, WaitingReceiverGetsALaterMessageDespiteSignals) {
-    KAVRO_REQUIRE_NATIVE("the emulator does not resume a blocking msgrcv interrupted by a signal");
-    in_private_ipc([](void *h) {
-        Child receiver([&](int fd) {
-            char buf[8];
-            uint32_t len = 0;
-            Child::say(fd);
-            return IPC_MSGQ_Rcv(h, buf, sizeof buf, &len, 5, MSG_NOERROR) == KAVRO_OK && len == 3 ? 0 : 1;
-        });
-        ASSERT_TRUE(receiver.said());
-        for (int i = 0; i < 5; ++i, usleep(20000)) kill(receiver.pid, SIGUSR1);
-        ASSERT_EQ(IPC_MSGQ_Send(h, "end", 3, 5, 0), KAVRO_OK);
-        EXPECT_EQ(receiver.exit_code(), 0);
-    });
-}
-
 }  // namespace

@@ -72,13 +72,13 @@ protected:
 
 TEST_F(Threads, RefusalsLogOneLineAndAllocateNothing) {
     const int lots[4] = {1, 2, 3, 4};
-    const struct { ThreadAttr attr; bool handle, fn; const void *ctx; KAVRO_STATUS status; const char *line; } cases[] = {
-        {{28, 1, 0, 0, -1, nullptr}, true, true, nullptr, KAVRO_E_INVALIDARG, "Error, invalid attribute length\n"},
-        {{24, 16, 0, 0, -1, nullptr}, true, true, nullptr, KAVRO_E_INVALIDARG, "priority = 16, min = 0, max = 15"},
-        {{20, 16, 0, 0, -1, nullptr}, true, true, nullptr, KAVRO_E_INVALIDARG, "invalid priority = 16"},
-        {{24, 1, 0, 0, 9, nullptr}, true, true, lots, KAVRO_E_INVALIDARG, "invalid num of args = 9"},
-        {{24, 1, 0, 0, -1, nullptr}, false, true, nullptr, KAVRO_E_POINTER, "pointer is NULL, phThreadObj = 0x0"},
-        {{24, 1, 0, 0, 3, nullptr}, true, true, nullptr, KAVRO_E_POINTER, "argument array is NULL, numArgs = 3"},
+    const struct { ThreadAttr attr; bool handle; const void *ctx; KAVRO_STATUS status; const char *line; } cases[] = {
+        {{28, 1, 0, 0, -1, nullptr}, true, nullptr, KAVRO_E_INVALIDARG, "Error, invalid attribute length\n"},
+        {{24, 16, 0, 0, -1, nullptr}, true, nullptr, KAVRO_E_INVALIDARG, "priority = 16, min = 0, max = 15"},
+        {{20, 16, 0, 0, -1, nullptr}, true, nullptr, KAVRO_E_INVALIDARG, "invalid priority = 16"},
+        {{24, 1, 0, 0, 9, nullptr}, true, lots, KAVRO_E_INVALIDARG, "invalid num of args = 9"},
+        {{24, 1, 0, 0, -1, nullptr}, false, nullptr, KAVRO_E_POINTER, "pointer is NULL, phThreadObj = 0x0"},
+        {{24, 1, 0, 0, 3, nullptr}, true, nullptr, KAVRO_E_POINTER, "argument array is NULL, numArgs = 3"},
     };
     for (const auto &c : cases) {
         const uint32_t allocs = memalloccalls, made = threadalloccalls;
@@ -93,8 +93,8 @@ TEST_F(Threads, RefusalsLogOneLineAndAllocateNothing) {
 }
 
 // Defaults: FIFO 1, the context handed on, a start line, detached; argument
-// words are passed exactly (none: no array needed).
-TEST_F(Threads, DefaultsStartLineAndArgumentWords) {
+// words are passed exactly (none: no array needed); the scheduling policy.
+TEST_F(Threads, DefaultsStartLineArgumentWordsAndPolicy) {
     KAVRO_REQUIRE_RT();
     Seen seen, w0, w8;
     std::fflush(stdout);
@@ -108,8 +108,15 @@ TEST_F(Threads, DefaultsStartLineAndArgumentWords) {
     uint32_t values[8] = {7, 8, 9, 10, 0xFFFFFFFFu, 0x80000000u, 13, 14};
     ThreadAttr none = {24, 2, 0, 0, 0, "words"}, eight = {24, 2, 0, 0, 8, "words"};
     ASSERT_TRUE(run(&none, g_seen = &w0, reinterpret_cast<THREAD_UserFn>(words0), nullptr) && w0.nwords == 0);
-    ASSERT_TRUE(run(&eight, g_seen = &w8, reinterpret_cast<THREAD_UserFn>(words8), values) && w8.nwords == 8);
+    const auto fn8 = reinterpret_cast<THREAD_UserFn>(reinterpret_cast<void (*)()>(words8));
+    ASSERT_TRUE(run(&eight, g_seen = &w8, fn8, values) && w8.nwords == 8);
     EXPECT_TRUE(std::equal(values, values + 8, w8.words));
+    Seen rr, other;  // the kernel time slice makes RR threads; priority 0 inherits this time-sharing thread's
+    ThreadAttr three = {24, 3, 0, 0, -1, nullptr}, inherit = {24, 0, 0, 0, -1, nullptr};
+    THREAD_KernelTimeSlice(1);
+    EXPECT_TRUE(run(&three, &rr) && rr.sched == Sched(SCHED_RR, 3));
+    THREAD_KernelTimeSlice(0);
+    EXPECT_TRUE(run(&inherit, &other) && other.sched == Sched(SCHED_OTHER, 0));
 }
 
 // A suspended thread waits, through signals, until SetPriority releases it;
@@ -134,26 +141,8 @@ TEST_F(Threads, SuspendedStartWaitsForSetPriority) {
     THREAD_SetPriority(hLate, 16, nullptr);
     EXPECT_TRUE(late.done.wait() && THREAD_Join(hLate) == KAVRO_OK && late.sched.second == 16);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "KAVRO:helperEntry: ERROR - started Thread pid=" + std::to_string(getpid()) + " tname=unknown BAD PRIORITY=16\n");
-}
-
-// Priority 0 inherits (from a FIFO 7 thread; from this time-sharing one);
-// the kernel time slice makes RR threads.
-TEST_F(Threads, PolicyFollowsTimeSliceAndPriorityZeroInherits) {
-    KAVRO_REQUIRE_RT();
-    Seen fromFifo7, rr, other;
-    ThreadAttr seven = {24, 7, 0, 0, -1, nullptr}, three = {24, 3, 0, 0, -1, nullptr};
-    ASSERT_TRUE(run(&seven, &fromFifo7, [](void *ctx) {
-        ThreadAttr inherit = {24, 0, 0, 0, -1, nullptr};
-        EXPECT_TRUE(run(&inherit, static_cast<Seen *>(ctx)));
-        static_cast<Seen *>(ctx)->done.post();
-    }, &fromFifo7));
-    EXPECT_EQ(fromFifo7.sched, Sched(SCHED_FIFO, 7));
-    THREAD_KernelTimeSlice(1);
-    EXPECT_TRUE(run(&three, &rr));
-    THREAD_KernelTimeSlice(0);
-    ThreadAttr inherit = {24, 0, 0, 0, -1, nullptr};
-    EXPECT_TRUE(rr.sched == Sched(SCHED_RR, 3) && run(&inherit, &other) && other.sched == Sched(SCHED_OTHER, 0));
+              "KAVRO:helperEntry: ERROR - started Thread pid=" + std::to_string(getpid()) +
+                  " tname=unknown BAD PRIORITY=16\n");
 }
 
 void ends_itself(void *ctx) {
@@ -189,12 +178,6 @@ TEST_F(Threads, RecordReleasedAtTheEndJoinNeverWaitsNameField) {
     EXPECT_EQ(THREAD_Join(h), KAVRO_OK);  // waits for the release
     EXPECT_TRUE(thread_live_count() == live && kavro::detail::mem_counters().memgenfreecalls == freed + 1);
     EXPECT_TRUE(THREAD_Join(h) == KAVRO_OK && seen.nwords == 0);  // gone: at once, without reading it
-    ThreadAttr shortName = {24, 0, 1, 0, -1, "short"};
-    ASSERT_EQ(THREAD_Create(&h, context_fn, &seen, &shortName), KAVRO_OK);
-    std::memset(field, '#', sizeof field);
-    EXPECT_TRUE(THREAD_GetName(h, field) == KAVRO_OK && std::string(field, 81) == "short" + std::string(75, '\0') + "#");
-    THREAD_SetPriority(h, 0, nullptr);
-    EXPECT_TRUE(seen.done.wait() && THREAD_Join(h) == KAVRO_OK);
 }
 
 // Counted life cycle; the stack size from the environment is used.
