@@ -1,9 +1,5 @@
-// Every exported function that takes input, given bad input (nulls, extreme
-// sizes, released or foreign handles), each call in a child: the expected
-// status, no signal, no hang. Released handles are blocks tagged
-// KAVRO_TAG_RELEASED (a real freed block would trip the sanitizer). Calls
-// without arguments, and those that end the process or block by design, are
-// tested in their families' programs.
+// Every exported call with bad input (nulls, extreme sizes, released or foreign handles), each in a child: the
+// expected status, no signal, no hang. Released handles are blocks tagged KAVRO_TAG_RELEASED (sanitizer-safe).
 #include <gtest/gtest.h>
 
 #include <sched.h>
@@ -14,10 +10,8 @@
 #include <climits>
 #include <cmath>
 #include <cstdarg>
-#include <cstdio>
 #include <functional>
 #include <optional>
-#include <string>
 #include <vector>
 
 #include "kavro_rt/kavro_rt.h"
@@ -25,9 +19,8 @@
 
 namespace {
 
-// Results compare as 32-bit words, pointer results as 0 (null) or 1. A row
-// with handles set runs once for each bad handle it names (null, released,
-// foreign), `bad` standing for it.
+// Results compare as 32-bit words, pointers as 0 (null) or 1. A row with handles set runs once for each bad
+// handle it names (null, released, foreign), `bad` standing for it.
 struct Row { const char *call; std::function<uint32_t()> fn; std::optional<uint32_t> want; int handles = 0; };
 const std::optional<uint32_t> kAny;
 enum { kNull = 1, kReleased = 2, kForeign = 4, kTagged = kReleased | kForeign, kAll = 7 };
@@ -64,26 +57,20 @@ void vformat(bool to_out, char *dst, const char *format, ...) {
     va_end(ap);
 }
 
-// setup returns 0, or kNoNamespace when the table cannot run here.
 void run_table(const std::vector<Row> &rows, const std::function<int()> &setup = [] { return 0; }) {
     for (const Row &r : rows) {
         for (int h : {0, +kNull, +kReleased, +kForeign}) {
             if (h != 0 ? (r.handles & h) == 0 : r.handles != 0) continue;
             void *const handle = h == kReleased ? kRel : h == kForeign ? kAlien : nullptr;
-            const int rc = kavro::test::run_in_child(
-                [&] {
-                    if (int s = setup(); s != 0) return s;
-                    g_bad = handle;
-                    const uint32_t got = r.fn();
-                    if (!r.want || got == *r.want) return 0;
-                    std::fprintf(stderr, "%s returned 0x%08X, want 0x%08X\n", r.call, got, *r.want);
-                    return 1;
-                },
-                30);
+            const int rc = kavro::test::run_in_child([&] {
+                if (int s = setup(); s != 0) return s;
+                g_bad = handle;
+                const uint32_t got = r.fn();
+                if (!r.want || got == *r.want) return 0;
+                return std::fprintf(stderr, "%s returned 0x%08X, want 0x%08X\n", r.call, got, *r.want), 1;
+            }, 30);
             if (rc == kNoNamespace) GTEST_SKIP() << "no private namespace for this family's fixed paths";
-            EXPECT_EQ(rc, 0) << r.call << " (bad handle " << h << ")"
-                             << (rc == 128 + SIGKILL ? ": hung" : rc > 128 ? ": ended by a signal"
-                                 : rc == 1 ? ": wrong status" : ": set-up failed");
+            EXPECT_EQ(rc, 0) << r.call << " (bad handle " << h << "; 1: wrong status, 128 + signal: crash or hang)";
         }
     }
 }
@@ -102,19 +89,17 @@ TEST(Robustness, CoreMemoryListAndProcess) {
     int32_t a = 0;
     run_table({
         PTR(KAVRO_OBJ_Alloc(0, KAVRO_TAG_SEM, 0), 0u), PTR(KAVRO_OBJ_Alloc(3, KAVRO_TAG_SEM, 0), 0u),
-        PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 0xFFFFFFFFu), 0u),
-        PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 0xFFFFFFFDu), 0u), PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 4), 1u),
-        VOID(KAVRO_OBJ_Free(nullptr, 0)), VOID(KAVRO_OBJ_Free(nullptr, 0xFFFFFFFFu)), PTR(MEM_Alloc(0, 999), 0u),
-        PTR(MEM_Calloc(0, 999), 0u), VOID(MEM_Free(nullptr)), VOID(MEM_Free2(nullptr)), VOID(GP_printf(NULLTEXT)),
-        VOID(GP_printf("%s\n", NULLTEXT)), ROW(DBG_Printf(NULLTEXT), kOk), ROW(DBG_Trace(NULLTEXT), kOk),
-        ROW(_ULX_MakeAbsTime(nullptr, 0), kArg), ROW(_ULX_MakeAbsTime(&ts, kForever), kOk),
-        ROW(SMP_GetNumProcessors(nullptr, nullptr), kArg), ROW(SMP_GetNumProcessors(&a, nullptr), kArg),
-        ROW(SMP_GetNumProcessors(nullptr, &a), kArg), VOID(LST_Delete(nullptr)), PTR(LST_InitElem(nullptr), 0u),
-        PTR(LST_PutTail(nullptr, &elem), 0u), PTR(LST_PutTail(list = LST_Create(), nullptr), 0u),
-        ROW(LST_GetHead(nullptr), 0u), ROW(LST_GetHead(list = LST_Create()), 0u), PTR(LST_First(nullptr), 0u),
-        PTR(LST_Next(nullptr, &elem), 0u), PTR(LST_Next(list = LST_Create(), nullptr), 0u),
-        PTR(LST_Next(list = LST_Create(), &elem), 0u), VOID(LST_RemoveElem(nullptr, &elem)),
-        VOID(LST_RemoveElem(list = LST_Create(), nullptr)), VOID(LST_RemoveElem(list = LST_Create(), &elem)),
+        PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 0xFFFFFFFFu), 0u), PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 4), 1u),
+        VOID(KAVRO_OBJ_Free(nullptr, 0)), PTR(MEM_Alloc(0, 999), 0u), PTR(MEM_Calloc(0, 999), 0u),
+        VOID(MEM_Free(nullptr)), VOID(MEM_Free2(nullptr)), VOID(GP_printf(NULLTEXT)), ROW(DBG_Printf(NULLTEXT), kOk),
+        ROW(DBG_Trace(NULLTEXT), kOk), ROW(_ULX_MakeAbsTime(nullptr, 0), kArg),
+        ROW(_ULX_MakeAbsTime(&ts, kForever), kOk), ROW(SMP_GetNumProcessors(nullptr, nullptr), kArg),
+        ROW(SMP_GetNumProcessors(&a, nullptr), kArg), ROW(SMP_GetNumProcessors(nullptr, &a), kArg),
+        VOID(LST_Delete(nullptr)), PTR(LST_InitElem(nullptr), 0u), PTR(LST_PutTail(nullptr, &elem), 0u),
+        PTR(LST_PutTail(list = LST_Create(), nullptr), 0u), ROW(LST_GetHead(nullptr), 0u),
+        ROW(LST_GetHead(list = LST_Create()), 0u), PTR(LST_First(nullptr), 0u), PTR(LST_Next(nullptr, &elem), 0u),
+        PTR(LST_Next(list = LST_Create(), nullptr), 0u), VOID(LST_RemoveElem(nullptr, &elem)),
+        VOID(LST_RemoveElem(list = LST_Create(), nullptr)),
     });
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     // The largest sizes: null, or a releasable block (sanitizers abort instead).
@@ -131,21 +116,14 @@ TEST(Robustness, CoreMemoryListAndProcess) {
 TEST(Robustness, UtilitiesFormatVersionReportErrorsCmos) {
     char buf[256] = {};
     run_table({
-        VOID(GP_sprintf(nullptr, "x")), VOID(GP_sprintf(buf, NULLTEXT)),
-        VOID(GP_sprintf(buf, "%s%c%d", NULLTEXT, 0, INT_MIN)), VOID(GP_sprintf(buf, "%")),
-        VOID(GP_sprintf(buf, "%-0#+ .l")), VOID(GP_sprintf(buf, "%q%")), VOID(vformat(false, nullptr, NULLTEXT)),
-        VOID(vformat(false, buf, NULLTEXT)), VOID(vformat(true, nullptr, NULLTEXT)),
-        ROW(_libTorVersion2String(nullptr, 0, buf), kMinus1), ROW(_libTorVersion2String("", 0, buf), kMinus1),
-        ROW(_libTorVersion2String("TXcid", INT_MAX, nullptr), kMinus1),
-        ROW(_libTorVersion2String("TXcid", INT_MIN, buf), kAny), ROW(qLibVersionString(nullptr), kMinus1),
+        VOID(GP_sprintf(nullptr, "x")), VOID(GP_sprintf(buf, NULLTEXT)), VOID(vformat(false, nullptr, NULLTEXT)),
+        VOID(vformat(true, nullptr, NULLTEXT)), ROW(_libTorVersion2String(nullptr, 0, buf), kMinus1),
+        ROW(_libTorVersion2String("TXcid", INT_MAX, nullptr), kMinus1), ROW(qLibVersionString(nullptr), kMinus1),
         VOID(MYerror(nullptr, INT_MIN, nullptr)), ROW(MY_c_perror(0, nullptr, 0, nullptr), kMinus1),
         ROW(No_error(0, nullptr, 0, nullptr), kOk), ROW(printfx(NULLTEXT, 1, 1), kMinus1),
-        ROW(printfx("%d %d\n", 1, 0), kMinus1), ROW(printfx("%d %d\n", INT_MIN, -1), kAny),
-        ROW(printf2(NULLTEXT, 1, 1), kMinus1), ROW(printf2("%d %d %d %d\n", INT_MIN, INT_MAX), kAny),
-        VOID(err_ret(NULLTEXT)), VOID(err_msg(NULLTEXT)), ROW(Set_CMOS_From_OSTime(-1), kOk),
-        ROW(Set_CMOS_From_OSTime(INT_MAX), kOk), ROW(Read_CMOS_UntilChange(-1, 1), 0u),
-        ROW(Read_CMOS_UntilChange(INT_MAX, 0), 0u), ROW(POLL_Open(0), kOk),
-        ROW(POLL_Ctl(UINTPTR_MAX, nullptr, -1), kOk), ROW(POLL_Wait(0, nullptr, kForever), kOk),
+        ROW(printfx("%d %d\n", 1, 0), kMinus1), ROW(printf2(NULLTEXT, 1, 1), kMinus1), VOID(err_ret(NULLTEXT)),
+        VOID(err_msg(NULLTEXT)), ROW(Set_CMOS_From_OSTime(-1), kOk), ROW(Read_CMOS_UntilChange(-1, 1), 0u),
+        ROW(POLL_Open(0), kOk), ROW(POLL_Ctl(UINTPTR_MAX, nullptr, -1), kOk), ROW(POLL_Wait(0, nullptr, kForever), kOk),
     });
 }
 
@@ -166,8 +144,7 @@ TEST(Robustness, FileNetworkLoader) {
         ROW(KFILE_Write(buf, 1, 1, &alien), kMinus1), ROW(KFILE_Write(nullptr, 1, 1, fresh()), -5u),
         ROW(KFILE_Write(buf, 1, 0xFFFFFFFFu, fresh()), -22u), ROW(KFILE_Seek(nullptr, 0, SEEK_SET), kMinus1),
         ROW(KFILE_Seek(&closed, 0, SEEK_SET), kMinus1), ROW(KFILE_Seek(fresh(), 0, INT_MAX), kMinus1),
-        ROW(KFILE_Seek(fresh(), INT_MIN, SEEK_SET), kMinus1), ROW(KFILE_Tell(nullptr), kMinus1),
-        ROW(KFILE_Tell(&alien), kMinus1), ROW(NET_GetInterface(nullptr), kArg),
+        ROW(KFILE_Tell(nullptr), kMinus1), ROW(KFILE_Tell(&alien), kMinus1), ROW(NET_GetInterface(nullptr), kArg),
         ROW(NET_GetNextInterface(nullptr), kFail), ROW(NET_GetNextInterface(&rec), kFail),
         ROW(NET_GetMacAddress(nullptr, buf), kArg), BAD(NET_GetMacAddress(bad, nullptr), kFail, kReleased),
         BAD(NET_GetMacAddress(bad, buf), kFail, kReleased),
@@ -184,7 +161,7 @@ TEST(Robustness, FileNetworkLoader) {
         ROW(LDR_GetProcAddress(loaded(), nullptr, &addr), kArg),
         ROW(LDR_GetProcAddress(loaded(), "printf", nullptr), kArg), ROW(LDR_FreeModule(nullptr), kArg),
         BAD(LDR_FreeModule(bad), kFail, kTagged),
-        },
+    },
         [] { return private_install_dir() != 0 ? kNoNamespace : (LDR_Init(), 0); });
 }
 
@@ -198,8 +175,6 @@ TEST(Robustness, Registry) {
         ROW(REG_GetValue(nullptr, "s", nullptr, value, &size), kArg),
         ROW(REG_GetValue(nullptr, "s", "e", nullptr, &size), kArg),
         ROW(REG_GetValue(nullptr, "s", "e", value, nullptr), kArg),
-        ROW(REG_GetValue(nullptr, "s", "e", value, &(size = 0)), kAny),
-        ROW(REG_GetValue(nullptr, longName.c_str(), longName.c_str(), value, &size), kAny),
         ROW(REG_SetValue(nullptr, nullptr, "e", 1, "v", &size), kArg),
         ROW(REG_SetValue(nullptr, "s", nullptr, 1, "v", &size), kArg),
         ROW(REG_SetValue(nullptr, "s", "e", 1, nullptr, &size), kArg),
@@ -211,7 +186,7 @@ TEST(Robustness, Registry) {
         ROW(REG_SetValue(nullptr, "s", "e", 0xFFFFFFFFu, &word, &size), kFail),
         ROW(REG_DeleteEntry(nullptr, nullptr, "e"), kArg), ROW(REG_DeleteEntry(nullptr, "s", nullptr), kArg),
         ROW(REG_DeleteEntry(value, "s", "e"), KAVRO_E_NOTIMPL),
-        },
+    },
         [] {  // an empty registry, so that the arguments are what is refused
             if (int rc = private_install_dir(); rc != 0) return rc;
             mkdir("/usr/torvanex/cfg", 0755);
@@ -226,28 +201,27 @@ TEST(Robustness, SemaphoresAndMailboxes) {
     auto sysv = [&] { return IPC_SEM_Create(&h, 0, 0) == 0 ? h : nullptr; };
     run_table({
         ROW(SEM_Create(nullptr, 0, 0, 0), kArg), ROW(SEM_Create(nullptr, 1, 0x5EAFu, 1), kArg),
-        ROW(SEM_Create(&h, INT_MAX, 0, 0), kOk), ROW(SEM_Create(&h, INT_MIN, 0, 0), kAny),
-        ROW(SEM_Create(&h, INT_MAX, 0, 1), kAny), ROW(SEM_Create(&h, -1, 0xFFFFFFFFu, 1), kAny),
-        ROW(SEM_Create_2(nullptr, 0), kArg), ROW(SEM_Create_2(&h, 0xFFFFFFFFu), kAny), ROW(SEM_Delete(nullptr), kOk),
-        BAD(SEM_Delete(bad), kFail, kTagged), BAD(SEM_Pend(bad, kForever), kFail, kAll),
-        ROW(SEM_Pend(kAlienSem, kForever), kFail), ROW(SEM_Pend(counter(), 0), KAVRO_E_TIMEOUT),
-        BAD(SEM_TryPend(bad), kFail, kNull | kReleased), BAD(SEM_Post(bad), kFail, kAll),
-        BAD(SEM_Reset(bad, INT_MIN), kFail, kNull | kReleased), ROW(SEM_Reset(counter(), INT_MIN), kOk),
-        BAD(SEM_GetCount(bad, &count), kFail, kNull | kReleased), ROW(SEM_GetCount(counter(), nullptr), kArg),
-        BAD(SEM_GetSystemHandle(bad), kFail, kNull | kReleased), ROW(PTHR_SEM_Create(nullptr, 0), kArg),
-        ROW(PTHR_SEM_Create_2(nullptr, 0), kArg), ROW(PTHR_SEM_Create_2(&h, 0xFFFFFFFFu), kAny),
-        BAD(PTHR_SEM_Delete(bad), kFail, kAll), BAD(PTHR_SEM_Pend(bad, kForever), kFail, kNull | kReleased),
+        ROW(SEM_Create(&h, INT_MAX, 0, 0), kOk), ROW(SEM_Create(&h, INT_MAX, 0, 1), kAny),
+        ROW(SEM_Create(&h, -1, 0xFFFFFFFFu, 1), kAny), ROW(SEM_Create_2(nullptr, 0), kArg),
+        ROW(SEM_Create_2(&h, 0xFFFFFFFFu), kAny), ROW(SEM_Delete(nullptr), kOk), BAD(SEM_Delete(bad), kFail, kTagged),
+        BAD(SEM_Pend(bad, kForever), kFail, kAll), ROW(SEM_Pend(kAlienSem, kForever), kFail),
+        ROW(SEM_Pend(counter(), 0), KAVRO_E_TIMEOUT), BAD(SEM_TryPend(bad), kFail, kNull | kReleased),
+        BAD(SEM_Post(bad), kFail, kAll), BAD(SEM_Reset(bad, INT_MIN), kFail, kNull | kReleased),
+        ROW(SEM_Reset(counter(), INT_MIN), kOk), BAD(SEM_GetCount(bad, &count), kFail, kNull | kReleased),
+        ROW(SEM_GetCount(counter(), nullptr), kArg), BAD(SEM_GetSystemHandle(bad), kFail, kNull | kReleased),
+        ROW(PTHR_SEM_Create(nullptr, 0), kArg), ROW(PTHR_SEM_Create_2(nullptr, 0), kArg),
+        ROW(PTHR_SEM_Create_2(&h, 0xFFFFFFFFu), kAny), BAD(PTHR_SEM_Delete(bad), kFail, kAll),
+        BAD(PTHR_SEM_Pend(bad, kForever), kFail, kNull | kReleased),
         BAD(PTHR_SEM_TryPend(bad), kFail, kNull | kForeign), BAD(PTHR_SEM_Post(bad), kFail, kNull | kReleased),
         BAD(PTHR_SEM_Reset(bad, 0), kFail, kNull | kForeign),
         BAD(PTHR_SEM_GetCount(bad, &count), kFail, kNull | kReleased), ROW(PTHR_SEM_GetCount(counter(), nullptr), kArg),
         ROW(PTHR_SEM_GetSystemHandle(nullptr), kFail), ROW(IPC_SEM_Create(nullptr, 0, 0), kArg),
-        ROW(IPC_SEM_Create(&h, INT_MIN, 0), kAny), ROW(IPC_SEM_Create(&h, INT_MAX, 0xFFFFFFFFu), kAny),
-        BAD(IPC_SEM_Delete(bad), kFail, kAll), BAD(IPC_SEM_Pend(bad), kFail, kNull | kReleased),
-        ROW(IPC_SEM_Pend(kAlienSem), kFail), BAD(IPC_SEM_Post(bad), kFail, kNull | kReleased),
-        BAD(IPC_SEM_Reset(bad, INT_MIN), kFail, kNull | kForeign),
+        ROW(IPC_SEM_Create(&h, INT_MAX, 0xFFFFFFFFu), kAny), BAD(IPC_SEM_Delete(bad), kFail, kAll),
+        BAD(IPC_SEM_Pend(bad), kFail, kNull | kReleased), ROW(IPC_SEM_Pend(kAlienSem), kFail),
+        BAD(IPC_SEM_Post(bad), kFail, kNull | kReleased), BAD(IPC_SEM_Reset(bad, INT_MIN), kFail, kNull | kForeign),
         BAD(IPC_SEM_GetCount(bad, &count), kFail, kNull | kReleased), ROW(IPC_SEM_GetCount(sysv(), nullptr), kArg),
         ROW(IPC_SEM_TryPend(nullptr), kFail), ROW(IPC_SEM_GetSystemHandle(nullptr), kFail),
-        },
+    },
         private_ipc);
 
     MBX_HANDLE mbx = nullptr;
@@ -283,8 +257,7 @@ TEST(Robustness, KeysQueuesSharedMemory) {
         ROW(IPC_GetKey("k", INT_MIN, &key), kOk), ROW(IPC_GetKey(std::string(2000, 'k').c_str(), INT_MAX, &key), kFail),
         ROW(IPC_GetKey("no/such/dir", 1, &key), kFail), ROW(IPC_GetUniqueKey(nullptr), kArg),
         ROW(IPC_ReturnUniqueKey(-1), kFail), ROW(IPC_ReturnUniqueKey(5000), kFail),
-        ROW(IPC_ReturnUniqueKey(INT_MIN), kFail), ROW(mesg_send(-1, nullptr, 0), kMinus1),
-        ROW(mesg_send(-1, &(rec.dataLength = -1, rec), 0), kMinus1),
+        ROW(mesg_send(-1, nullptr, 0), kMinus1), ROW(mesg_send(-1, &(rec.dataLength = -1, rec), 0), kMinus1),
         ROW(mesg_send(-1, &(rec.dataLength = INT_MAX, rec), 0), kMinus1),
         ROW(Mesg_send(INT_MAX, nullptr, INT_MIN), kMinus1), ROW(mesg_recv(-1, nullptr, 1, 0), kMinus1),
         ROW(mesg_recv(-1, &rec, -1, 0), kMinus1), ROW(mesg_recv(-1, &rec, INT_MAX, 0), kMinus1),
@@ -292,11 +265,10 @@ TEST(Robustness, KeysQueuesSharedMemory) {
         ROW(IPC_MSGQ_Create(&h, 0, nullptr), kArg), ROW(IPC_MSGQ_Create(&h, 0xFFFFFFFFu, nullptr), kAny),
         BAD(IPC_MSGQ_Send(bad, data, 1, 1, 0), kFail, kNull | kReleased),
         ROW(IPC_MSGQ_Send(kAlienShm, data, 1, 1, 0), kFail), ROW(IPC_MSGQ_Send(queue(), nullptr, 1, 1, 0), kArg),
-        ROW(IPC_MSGQ_Send(queue(), data, 0, 1, 0), kArg), ROW(IPC_MSGQ_Send(queue(), data, -1, INT_MIN, 0), kArg),
-        ROW(IPC_MSGQ_Send(queue(), data, INT_MAX, 1, 0), kArg), ROW(IPC_MSGQ_Send(kAlienSem, data, 1, 1, 0), kFail),
+        ROW(IPC_MSGQ_Send(queue(), data, 0, 1, 0), kArg), ROW(IPC_MSGQ_Send(queue(), data, INT_MAX, 1, 0), kArg),
+        ROW(IPC_MSGQ_Send(kAlienSem, data, 1, 1, 0), kFail),
         BAD(IPC_MSGQ_Rcv(bad, data, sizeof data, &len, 1, 0), kFail, kNull | kReleased),
         ROW(IPC_MSGQ_Rcv(queue(), nullptr, 1, &len, 1, 0), kArg), ROW(IPC_MSGQ_Rcv(queue(), data, 0, &len, 1, 0), kArg),
-        ROW(IPC_MSGQ_Rcv(queue(), data, INT_MIN, &len, 1, 0), kArg),
         ROW(IPC_MSGQ_Rcv(queue(), data, sizeof data, nullptr, 1, 0), kArg),
         ROW(IPC_MSGQ_Rcv(queue(), data, sizeof data, &len, INT_MIN, 0), KAVRO_E_AGAIN),
         ROW(IPC_MSGQ_Delete(nullptr), kArg), ROW(IPC_MSGQ_Delete(kRel), kFail), ROW(IPC_MSGQ_Delete(kAlienShm), kFail),
@@ -309,7 +281,7 @@ TEST(Robustness, KeysQueuesSharedMemory) {
         ROW(IPC_SHM_Delete(kRel), kFail), ROW(IPC_SHM_Delete(kAlienSem), kFail),
         BAD(IPC_SHM_GetCount(bad, &len), kFail, kNull | kReleased), ROW(IPC_SHM_GetCount(segment(), nullptr), kArg),
         ROW(detachandremove(-1, nullptr), kMinus1), ROW(detachandremove(INT_MAX, data), kMinus1),
-        },
+    },
         [&] { return private_ipc() != 0 ? kNoNamespace : static_cast<int>(IPC_Init(prefix.c_str())); });
 }
 
@@ -323,15 +295,16 @@ TEST(Robustness, NamedPipes) {
         const std::string p = root + "/r";
         return IPC_FIFO_Create(0, &fd, 0, p.c_str()) == 0 ? fd : -1;
     };
-    run_table({ROW(IPC_FIFO_Write(0, 7, 0, buf, &n, 1, 0), kFail), ROW(IPC_FIFO_KeyStatus(ks, &n, 0), kOk),
-               ROW(IPC_FIFO_RemoveKeys(ks, INT_MAX, 1), kOk), ROW(IPC_FIFO_Exit(), kOk)},
+    run_table({
+        ROW(IPC_FIFO_Write(0, 7, 0, buf, &n, 1, 0), kFail), ROW(IPC_FIFO_KeyStatus(ks, &n, 0), kOk),
+        ROW(IPC_FIFO_RemoveKeys(ks, INT_MAX, 1), kOk), ROW(IPC_FIFO_Exit(), kOk),
+    },
               [&] { return setenv("TRVXROOT", root.c_str(), 1); });  // before IPC_FIFO_Init
     run_table({
         ROW(IPC_FIFO_Create(0, nullptr, 0, "p"), kArg),
         ROW(IPC_FIFO_Create(UINTPTR_MAX, &fd, UINTPTR_MAX, nullptr), kArg),
         ROW(IPC_FIFO_Create(0, &fd, 0, "/nonexistent/dir/p"), kOk),
         ROW(IPC_FIFO_Create(0, &fd, 0, longPath.c_str()), kOk), ROW(IPC_FIFO_Read(-1, buf, &n, sizeof buf), kAny),
-        ROW(IPC_FIFO_Read(INT_MAX, buf, &n, sizeof buf), kAny),
         ROW(IPC_FIFO_Read(reader(), nullptr, &n, sizeof buf), kFail),
         ROW(IPC_FIFO_Read(reader(), buf, nullptr, sizeof buf), kArg), ROW(IPC_FIFO_Read(reader(), buf, &n, 0), kFail),
         ROW(IPC_FIFO_Read(reader(), buf, &n, sizeof buf), kAny), ROW(IPC_FIFO_Write(0, 0, 0, buf, &n, 1, 0), kArg),
@@ -341,10 +314,9 @@ TEST(Robustness, NamedPipes) {
         ROW(IPC_FIFO_CheckKey_2(0, 0), kFail), ROW(IPC_FIFO_CheckKey_2(0xFFFFFFFFu, INT_MIN), kFail),
         ROW(IPC_FIFO_CheckKey(0), kAny), ROW(IPC_FIFO_KeyStatus(nullptr, &n, 0), kArg),
         ROW(IPC_FIFO_KeyStatus(ks, nullptr, 1), kArg), ROW(IPC_FIFO_RemoveKeys(nullptr, 1, 0), kFail),
-        ROW(IPC_FIFO_RemoveKeys(ks, -1, 0), kOk), ROW(IPC_FIFO_RemoveKeys(ks, INT_MAX, 0), kOk),
-        ROW(IPC_FIFO_Delete(0), kOk), ROW(IPC_FIFO_Detach(UINTPTR_MAX, nullptr), kOk), ROW(set_nonblock(-1), kMinus1),
-        ROW(set_nonblock(INT_MAX), kMinus1),
-        },
+        ROW(IPC_FIFO_RemoveKeys(ks, -1, 0), kOk), ROW(IPC_FIFO_Delete(0), kOk),
+        ROW(IPC_FIFO_Detach(UINTPTR_MAX, nullptr), kOk), ROW(set_nonblock(-1), kMinus1),
+    },
         [&] { return setenv("TRVXROOT", root.c_str(), 1), static_cast<int>(IPC_FIFO_Init()); });
 }
 
@@ -375,9 +347,8 @@ TEST(Robustness, ThreadsTaskLocksTimer) {
         ROW(TMR_Create(&tmr, 2.0, nop, 0), KAVRO_E_NOTMRINIT), ROW(TMR_Create(nullptr, std::nan(""), nullptr, 0), kAny),
         ROW(TMR_Delete(nullptr), kOk), BAD(TMR_SetTime(bad, 2.0), kArg, kAll),
         ROW(TMR_GetTimerInfo(nullptr, nullptr), KAVRO_E_NOTIMPL), ROW(TMR_Wait(0), kOk), ROW(TMR_Wait(-1.0), kAny),
-        ROW(TMR_Wait(1e12), kAny), ROW(TMR_Wait(std::nan("")), kAny), ROW(TMR_Wait(INFINITY), kAny),
-        ROW(TMR_gmtime(nullptr, nullptr), kOk), ROW(TMR_GetTimeOfDay(nullptr), kOk), ROW(TMR_Time(nullptr), kOk),
-        ROW(TMR_Exit(), kAny),
+        ROW(TMR_Wait(std::nan("")), kAny), ROW(TMR_gmtime(nullptr, nullptr), kOk), ROW(TMR_GetTimeOfDay(nullptr), kOk),
+        ROW(TMR_Time(nullptr), kOk), ROW(TMR_Exit(), kAny),
     });
     run_table({
         ROW(THREAD_Create(nullptr, idle, nullptr, nullptr), KAVRO_E_POINTER),
@@ -390,22 +361,22 @@ TEST(Robustness, ThreadsTaskLocksTimer) {
         ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_SHORT_LENGTH, 1, INT_MIN)), kArg),
         ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_LENGTH, 1, 1)), KAVRO_E_POINTER),
         ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_SHORT_LENGTH, 1, THREAD_MAX_ARGS)), KAVRO_E_POINTER),
-        ROW(THREAD_TranslatePriority(16, &prio), kArg), ROW(THREAD_TranslatePriority(0xFFFFFFFFu, &prio), kArg),
-        ROW(THREAD_TranslatePriority(0, nullptr), kArg), ROW(THREAD_KernelTimeSlice(INT_MIN), kOk),
-        ROW(THREAD_SetPriority(nullptr, 1, &word), kArg), ROW(THREAD_SetPriority(nullptr, 0xFFFFFFFFu, nullptr), kArg),
+        ROW(THREAD_TranslatePriority(16, &prio), kArg), ROW(THREAD_TranslatePriority(0, nullptr), kArg),
+        ROW(THREAD_KernelTimeSlice(INT_MIN), kOk), ROW(THREAD_SetPriority(nullptr, 1, &word), kArg),
+        ROW(THREAD_SetPriority(nullptr, 0xFFFFFFFFu, nullptr), kArg),
         ROW(THREAD_Set2Priority(nullptr, 98, &word, &word), kArg),
         ROW(THREAD_Set2Priority(live(), 98, nullptr, nullptr), kArg), ROW(THREAD_Restore2Priority(nullptr), kArg),
         VOID(THREAD_LockStatus(nullptr, nullptr)), VOID(THREAD_LockStatus(nullptr, &word)),
         ROW(THREAD_GetName(nullptr, name), kOk), ROW(THREAD_GetName(live(), nullptr), kArg),
-        ROW(THREAD_GetName(nullptr, nullptr), kAny), ROW(THREAD_GetPriority(nullptr, &word), kArg),
-        ROW(THREAD_GetPriority(live(), nullptr), kArg), ROW(THREAD_GetSystemThreadHandle(nullptr, &sys), kArg),
+        ROW(THREAD_GetPriority(nullptr, &word), kArg), ROW(THREAD_GetPriority(live(), nullptr), kArg),
+        ROW(THREAD_GetSystemThreadHandle(nullptr, &sys), kArg),
         ROW(THREAD_GetSystemThreadHandle(live(), nullptr), kArg), ROW(THREAD_GetEnvironment(nullptr, &word), kArg),
         ROW(THREAD_GetEnvironment(live(), nullptr), kArg), ROW(THREAD_SetEnvironment(nullptr, 0xFFFFFFFFu), kArg),
         ROW(THREAD_Self(nullptr), kArg), ROW(THREAD_End(), kArg), ROW(THREAD_Delete(nullptr), kFail),
         ROW(THREAD_Sleep(0), kOk), ROW(THREAD_Join(nullptr), kArg), ROW(LCK_Create(nullptr), kArg),
         ROW(LCK_Delete(nullptr), kArg), ROW(LCK_Unlock(nullptr), kOk),
         ROW(LCK_Unlock(lock = (LCK_Create(&lock), lock)), kOk), ROW(LCK_Unlock_2(), kFail),
-        },
+    },
         [] { return THREAD_Init() == 0 && LCK_Init() == 0 ? 0 : 1; });
 
     if (!kavro::test::rt_permitted()) GTEST_SKIP() << "the timer engine needs real-time scheduling";
@@ -414,7 +385,7 @@ TEST(Robustness, ThreadsTaskLocksTimer) {
         ROW(TMR_Create(&tmr, -INFINITY, nop, 0), kArg), ROW(TMR_Create(&tmr, 2.0, nullptr, 0), kArg),
         ROW(TMR_Create(&tmr, INFINITY, nop, 0xFFFFFFFFu), kAny), BAD(TMR_SetTime(bad, 2.0), kArg, kReleased),
         ROW(TMR_Exit(), kOk), ROW((TMR_Exit(), TMR_Exit()), kAny),
-        },
+    },
         [] {
             setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
             setenv("TORVANEX_TMR_PROFILE_PERIOD", "99999999999", 1);
