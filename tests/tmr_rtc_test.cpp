@@ -1,10 +1,10 @@
 // The RTC tick loop: its decision on synthetic times, CMOS pacing, then the loop through the emulated /dev/rtc.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <set>
 #include <sstream>
 #include <vector>
@@ -109,14 +109,11 @@ void sleep_ms(int64_t ms) {
 // The names of the engine's threads in this process, sorted.
 std::string engine_threads() {
     std::set<std::string> names;
-    DIR *d = opendir("/proc/self/task");
-    while (dirent *e = d ? readdir(d) : nullptr) {
-        std::string comm = read_file(std::string("/proc/self/task/") + e->d_name + "/comm");
-        if (comm.rfind("TMR_", 0) == 0) names.insert(comm.substr(0, comm.size() - 1));
-    }
+    for (const auto &e : std::filesystem::directory_iterator("/proc/self/task"))
+        if (std::string c = read_file(e.path() / "comm"); c.rfind("TMR_", 0) == 0) names.insert(c.erase(c.size() - 1));
     std::string all;
     for (auto &n : names) all += n + " ";
-    return d ? closedir(d), all : all;
+    return all;
 }
 
 // A copy of this program started with KAVRO_TMR_ROLE runs the RTC path for KAVRO_TMR_RUN_MS and reports.
@@ -142,16 +139,12 @@ RoleRun run_rtc(const char *runMs, std::vector<std::pair<const char *, const cha
     ScratchDir dir;
     const std::string log = dir.path() + "/rtc.log";
     RoleRun r{run_captured([&] {
+        env.insert(env.end(), {{"KAVRO_TMR_RUN_MS", runMs}, {"KAVRO_RTC_LOG", log.c_str()}, {"KAVRO_TMR_ROLE", "rtc"},
+                               {"LD_PRELOAD", KAVRO_RTC_EMULATOR_PATH}});
         for (auto &[k, v] : env) setenv(k, v, 1);
-        setenv("KAVRO_TMR_RUN_MS", runMs, 1);
-        setenv("KAVRO_RTC_LOG", log.c_str(), 1);
-        setenv("KAVRO_TMR_ROLE", "rtc", 1);
-        setenv("LD_PRELOAD", KAVRO_RTC_EMULATOR_PATH, 1);
-        execl("/proc/self/exe", "tmr_rtc_test", static_cast<char *>(nullptr));
-        return 127;
+        return execl("/proc/self/exe", "tmr_rtc_test", static_cast<char *>(nullptr)), 127;
     }), {}};
-    r.log = read_file(log);
-    return r;
+    return r.log = read_file(log), r;
 }
 
 int count_of(const std::string &text, const std::string &part) {

@@ -189,9 +189,8 @@ TEST(TmrWait, ShortWaitSleepsLongOneIsRefusedSignalEndsItEarly) {
         return st == KAVRO_E_FAIL ? 0 : 1;
     });
     EXPECT_EQ(r.status, 0) << r.err;
-    for (const char *part : {"Cool source/PEL_tmrulx,", ":clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs)\n",
-                             "\033[1;31mUNEXPECTED source/PEL_tmrulx,", "\033[1;31m(0s, ", "ns)\n\033[0;39m"})
-        EXPECT_TRUE(has(r.err, part)) << part << "\n" << r.err;
+    EXPECT_TRUE(has(r.err, ":clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs)\n") &&
+                has(r.err, "\033[1;31mUNEXPECTED source/PEL_tmrulx,")) << r.err;  // the one line naming the sleep
 }
 
 }  // namespace
