@@ -99,7 +99,8 @@ TEST(CmosEnvironment, VariablesSetIntervalOffsetAndReport) {
     const struct { Env env; std::string err, out; } cases[] = {  // out: interval offset utc delta afterwards
         {{}, "", "0 500000 0 0"},
         {{{kSec, "0"}}, "", "0 500000 0 0"},
-        {{{kMin, "11"}, {kOff, "1000000"}}, fn + "KMX CMOS UPDATE Interval =11 minutes\n" + local, "660 500000 0 10800"},
+        {{{kMin, "11"}, {kOff, "1000000"}}, fn + "KMX CMOS UPDATE Interval =11 minutes\n" + local,
+         "660 500000 0 10800"},
         {{{kMin, "11"}, {kOff, "-5"}}, "", "660 500000 0 10800"},
         {{{kMin, "11"}, {kSec, "30"}},
          fn + "WARNING: Using update rates of less than 1 minute (30 seconds) might cause performance issues\n" + fn +

@@ -31,7 +31,13 @@ std::string msg(int err) { return std::strerror(err); }
 TEST(Report, ErrorCheckersPrintReturnAndCount) {
     const std::string miss = kRed + "ERROR expected but not found f,7:t\n" + kReset;
     enum Kind { MyError, Perror, NoError };
-    const struct { Kind kind; int expected, errnoBefore; std::string out; int32_t rc; int counted, errnoAfter; } cases[] = {
+    const struct {
+        Kind kind;
+        int expected, errnoBefore;
+        std::string out;
+        int32_t rc;
+        int counted, errnoAfter;
+    } cases[] = {
         {MyError, 0, 0, kRed + "f,7:t" + kReset, 0, 1, -1},  // no newline
         {Perror, 0, EINVAL, kRed + "UNEXPECTED f,7:t: " + msg(EINVAL) + "\n" + kReset, -1, 1, -1},
         {Perror, EINTR, EINTR, "expected f,7:t: " + msg(EINTR) + "\n", 0, 0, -1},
@@ -39,7 +45,8 @@ TEST(Report, ErrorCheckersPrintReturnAndCount) {
          "expected f,7:t: " + msg(EINVAL) + "\n" + kRed + "Expected: " + msg(EINTR) + "\n" + kReset, 0, 1, EINTR},
         {Perror, -1, EAGAIN, "expected f,7:t: " + msg(EAGAIN) + "\n", 0, 0, -1},  // any error will do
         {NoError, 0, EAGAIN, "Cool f,7:t\n" + kReset, 0, 0, -1},
-        {NoError, ETIMEDOUT, 0, miss + "Found   : " + msg(0) + "\nExpected: " + msg(ETIMEDOUT) + "\n" + kReset, -1, 1, -1},
+        {NoError, ETIMEDOUT, 0, miss + "Found   : " + msg(0) + "\nExpected: " + msg(ETIMEDOUT) + "\n" + kReset, -1, 1,
+         -1},
         {NoError, ETIMEDOUT, ETIMEDOUT, miss + kReset, -1, 1, -1},  // no Found/Expected lines, still a failure
     };
     for (const auto &c : cases) {
