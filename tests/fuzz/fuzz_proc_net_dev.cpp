@@ -1,7 +1,5 @@
-// The "/proc/net/dev" readers on arbitrary bytes: the streaming reader
-// (through a file descriptor, as the library reads the file) must store
-// exactly the names the line parser finds in the lines one by one, at most
-// as many as there are slots, and zero the slots after them.
+// "/proc/net/dev": the streaming reader stores exactly the names the line parser finds line by line, at most as many
+// as there are slots, and zeroes the slots after them.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -30,8 +28,7 @@ int fuzz_proc_net_dev(const uint8_t *data, size_t size) {
     const char *text = reinterpret_cast<const char *>(data + 1);
     const size_t len = size - 1;
 
-    // The names the line parser finds, each line in a terminated copy of
-    // its own exact size.
+    // The names the line parser finds, each line in a terminated copy of its own exact size.
     char expect[8][kNetNameSize] = {};
     int32_t expected = 0;
     for (size_t pos = 0; pos < len;) {

@@ -1,13 +1,7 @@
-// The registry's record reader, lookup and rewrite on arbitrary text.
-//
-// Input: one control byte, then the subkey, the entry and the string value,
-// each ended by a NUL byte, then the registry text. The text is read twice,
-// in place and streamed in uneven chunks through the smallest buffer the
-// streamed reader allows; both readings must agree line for line, in the
-// lookup's result and in the rewritten registry. The rewritten registry
-// holds the new value in the first record named by the subkey and entry
-// (as first words of whole lines), and a rewrite applied twice changes
-// nothing the second time.
+// The registry reader, lookup and rewrite. Input: a control byte, subkey, entry and string value (each NUL-ended),
+// then the text, read in place and streamed in uneven chunks through the smallest buffer allowed: both agree in
+// every line, lookup and rewrite; the rewritten record holds the new value, and rewriting again changes nothing.
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -19,36 +13,23 @@ namespace {
 
 using namespace kavro::detail;
 
-// Streams the text in chunks of sizes drawn from a seed; with `fail_at`
-// set, the read that would pass that offset fails.
-struct Chunks {
-    const char *p;
-    size_t n;
-    size_t pos = 0;
-    uint32_t seed;
-    size_t fail_at = SIZE_MAX;
-};
+// Streams the text in chunks of sizes drawn from a seed; the read that would pass fail_at fails.
+struct Chunks { const char *p; size_t n, pos; uint32_t seed; size_t fail_at; };
 
 long chunk_read(void *ctx, char *buf, size_t cap) {
     auto *c = static_cast<Chunks *>(ctx);
     if (c->pos >= c->fail_at) return -1;
     if (c->pos == c->n) return 0;
     c->seed = c->seed * 1103515245u + 12345u;
-    size_t k = 1 + (c->seed >> 16) % 600;
-    if (k > cap) k = cap;
-    if (k > c->n - c->pos) k = c->n - c->pos;
+    const size_t k = std::min({size_t{1} + (c->seed >> 16) % 600, cap, c->n - c->pos});
     std::memcpy(buf, c->p + c->pos, k);
     c->pos += k;
     return static_cast<long>(k);
 }
 
-bool string_write(void *ctx, const char *p, size_t n) {
-    static_cast<std::string *>(ctx)->append(p, n);
-    return true;
-}
+bool string_write(void *ctx, const char *p, size_t n) { return static_cast<std::string *>(ctx)->append(p, n), true; }
 
-// A streamed reader over its own buffer of the smallest allowed size, so
-// that a read past the buffer is caught by the sanitizer.
+// A streamed reader over its own buffer of the smallest allowed size, so a read past it is caught.
 struct Streamed {
     Chunks chunks;
     char *buf = new char[2 * kRegPieceMax];
@@ -57,7 +38,6 @@ struct Streamed {
         : chunks{text.data(), text.size(), 0, seed, fail_at}, in(chunk_read, &chunks, buf, 2 * kRegPieceMax) {}
     ~Streamed() { delete[] buf; }
     Streamed(const Streamed &) = delete;
-    Streamed &operator=(const Streamed &) = delete;
 };
 
 const char *take_string(const uint8_t *&p, const uint8_t *end) {
@@ -68,42 +48,30 @@ const char *take_string(const uint8_t *&p, const uint8_t *end) {
     return s;
 }
 
-// The type and value lines of the first record whose subkey and entry lines
-// have the names as first word; a piece cut from an over-long line is no
-// whole line and names nothing.
-bool record_lines(const std::string &reg, const char *subkey, const char *entry, std::string *type,
-                  std::string *value) {
+// The type and value lines of the first record whose whole subkey and entry lines name them as first word.
+bool record_lines(const std::string &reg, const char *subkey, const char *entry, std::string *type_value) {
     auto names = [](const RegLine &l, const char *want) {
         if (l.p[l.n - 1] != '\n' && l.n >= kRegPieceMax) return false;
-        size_t i = 0;
-        while (i < l.n && is_space(l.p[i])) ++i;
-        const size_t w = i;
-        while (i < l.n && !is_space(l.p[i]) && l.p[i] != '\0') ++i;
+        size_t i = 0, w;
+        for (; i < l.n && is_space(l.p[i]); ++i) continue;
+        for (w = i; i < l.n && !is_space(l.p[i]) && l.p[i] != '\0'; ++i) continue;
         return i - w == std::strlen(want) && std::memcmp(l.p + w, want, i - w) == 0;
     };
     RegReader in(reg.data(), reg.size());
-    RegLine l[4];
-    for (;;) {
+    for (RegLine l[4];;) {
         size_t got = 0;
         while (got < 4 && in.next(&l[got])) ++got;
-        if (got < 2) return false;
-        if (names(l[0], subkey) && names(l[1], entry)) {
-            if (got < 4) return false;
-            type->assign(l[2].p, l[2].n);
-            value->assign(l[3].p, l[3].n);
-            return true;
-        }
         if (got < 4) return false;
+        if (names(l[0], subkey) && names(l[1], entry))
+            return type_value->assign(l[2].p, l[2].n).append(l[3].p, l[3].n), true;
     }
 }
 
 KAVRO_STATUS lookup(RegReader &in, const char *subkey, const char *entry, uint32_t capacity, std::string *value) {
-    // The value buffer is exactly `capacity` bytes (at least one to point at).
     char *buf = new char[capacity == 0 ? 1 : capacity];
     std::memset(buf, 0x5A, capacity == 0 ? 1 : capacity);
     const KAVRO_STATUS st = reg_lookup(in, subkey, entry, buf, capacity);
-    FUZZ_CHECK(st == 0 || st == static_cast<KAVRO_STATUS>(0x80004001) ||
-               st == static_cast<KAVRO_STATUS>(0x80004005) || st == static_cast<KAVRO_STATUS>(0x80070057));
+    FUZZ_CHECK(st == KAVRO_OK || st == KAVRO_E_NOTIMPL || st == KAVRO_E_FAIL || st == KAVRO_E_INVALIDARG);
     if (st == 0) value->assign(buf, capacity);
     delete[] buf;
     return st;
@@ -114,7 +82,7 @@ std::string rewrite(RegReader &in, const char *subkey, const char *entry, uint32
     std::string out;
     RegWriter w(string_write, &out);
     *st = reg_rewrite(in, w, subkey, entry, type, value);
-    FUZZ_CHECK(*st == 0 || *st == static_cast<KAVRO_STATUS>(0x80004005));
+    FUZZ_CHECK(*st == KAVRO_OK || *st == KAVRO_E_FAIL);
     return out;
 }
 
@@ -127,11 +95,7 @@ int fuzz_registry(const uint8_t *data, size_t size) {
     const char *subkey = take_string(p, end);
     const char *entry = subkey ? take_string(p, end) : nullptr;
     const char *value = entry ? take_string(p, end) : nullptr;
-    if (value == nullptr) {
-        subkey = "Network";
-        entry = "Address";
-        value = "10.0.0.1";
-    }
+    if (value == nullptr) subkey = "Network", entry = "Address", value = "10.0.0.1";
     const std::string text(reinterpret_cast<const char *>(p), static_cast<size_t>(end - p));
     const uint32_t seed = control * 2654435761u + static_cast<uint32_t>(size);
 
@@ -153,8 +117,7 @@ int fuzz_registry(const uint8_t *data, size_t size) {
         FUZZ_CHECK(total == text.size() && !s.in.failed());
     }
 
-    // Lookup: in place and streamed alike; a read error is reported or the
-    // answer was found before it.
+    // Lookup: in place and streamed alike; a read error is reported or the answer was found before it.
     static const uint32_t kCapacities[] = {0, 1, 3, 4, 5, 16, 254, 255};
     const uint32_t capacity = kCapacities[control & 7];
     {
@@ -168,7 +131,7 @@ int fuzz_registry(const uint8_t *data, size_t size) {
         Streamed broken(text, seed, text.size() / 2);
         std::string vc;
         const KAVRO_STATUS sc = lookup(broken.in, subkey, entry, capacity, &vc);
-        FUZZ_CHECK((sc == sa && vc == va) || sc == static_cast<KAVRO_STATUS>(0x80004005));
+        FUZZ_CHECK((sc == sa && vc == va) || sc == KAVRO_E_FAIL);
     }
 
     // Rewrite with names REG_SetValue would accept.
@@ -187,12 +150,10 @@ int fuzz_registry(const uint8_t *data, size_t size) {
         const std::string rb = rewrite(s.in, subkey, entry, type, v, &sb);
         FUZZ_CHECK(sa == sb && ra == rb);
         if (sa == 0) {
-            std::string tl, vl;
-            FUZZ_CHECK(record_lines(ra, subkey, entry, &tl, &vl));
-            if (type == kRegSz)
-                FUZZ_CHECK(tl == "REG_SZ\n" && vl == std::string(value) + "\n");
-            else
-                FUZZ_CHECK(tl == "REG_DWORD\n" && vl == std::to_string(dword) + "\n");
+            std::string tv;
+            FUZZ_CHECK(record_lines(ra, subkey, entry, &tv));
+            FUZZ_CHECK(tv == (type == kRegSz ? "REG_SZ\n" + std::string(value)
+                                             : "REG_DWORD\n" + std::to_string(dword)) + "\n");
             RegReader again(ra.data(), ra.size());
             KAVRO_STATUS s2;
             const std::string r2 = rewrite(again, subkey, entry, type, v, &s2);

@@ -1,8 +1,4 @@
-// The fuzz targets of the library's parsers of outside input. Each target is
-// a plain function, so that the same code runs under libFuzzer (through the
-// thin LLVMFuzzerTestOneInput wrapper, compiled only for the fuzzer build)
-// and in the replay test of the ordinary builds, which feeds it every
-// checked-in corpus file.
+// The fuzz targets: plain functions run by libFuzzer (KAVRO_FUZZER builds) and by the replay test over the corpus.
 #pragma once
 
 #include <cstddef>
@@ -18,8 +14,7 @@ int fuzz_proc_net_dev(const uint8_t *data, size_t size);
 int fuzz_version(const uint8_t *data, size_t size);
 int fuzz_format(const uint8_t *data, size_t size);
 
-// A broken invariant ends the process: the fuzzer keeps the input as a
-// crash, the replay test fails.
+// A broken invariant ends the process: the fuzzer keeps the input, the replay test fails.
 [[noreturn]] inline void check_failed(const char *file, int line, const char *what) {
     std::fprintf(stderr, "%s:%d: check failed: %s\n", file, line, what);
     std::abort();
@@ -27,8 +22,7 @@ int fuzz_format(const uint8_t *data, size_t size);
 
 }  // namespace kavro::fuzz
 
-#define FUZZ_CHECK(cond) \
-    ((cond) ? (void)0 : ::kavro::fuzz::check_failed(__FILE__, __LINE__, #cond))
+#define FUZZ_CHECK(cond) ((cond) ? (void)0 : ::kavro::fuzz::check_failed(__FILE__, __LINE__, #cond))
 
 #ifdef KAVRO_FUZZER
 #define KAVRO_FUZZ_ENTRY(fn) \

@@ -1,7 +1,5 @@
-// Component identity strings: every form of the version text, from a
-// terminated copy of the input (at most 300 characters) in a buffer of its
-// exact size, and from a buffer of KAVRO_VERSION_ID_MAX + 1 characters with
-// no terminator, which must be refused without a read beyond it.
+// Identity strings: every form of the text from a terminated copy of the input (at most 300 characters), and from
+// KAVRO_VERSION_ID_MAX + 1 unterminated characters, which must be refused without a read beyond them.
 #include <cstring>
 
 #include "fuzz_targets.hpp"
@@ -12,8 +10,7 @@ namespace {
 
 constexpr size_t kFixed = 15;
 
-// Returns the result; checks that a refusal leaves `out` untouched and that
-// a text ends within KAVRO_VERSION_TEXT_SIZE bytes.
+// The result; a refusal leaves the text untouched, an answer ends within KAVRO_VERSION_TEXT_SIZE bytes.
 int32_t run(const char *id, int32_t form, char *text) {
     char *out = new char[KAVRO_VERSION_TEXT_SIZE];
     std::memset(out, 0x5A, KAVRO_VERSION_TEXT_SIZE);

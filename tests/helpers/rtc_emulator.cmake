@@ -5,7 +5,7 @@ target_compile_definitions(rtc_emulator PRIVATE _GNU_SOURCE)
 target_compile_options(rtc_emulator PRIVATE -fvisibility=hidden)
 target_link_libraries(rtc_emulator PRIVATE Threads::Threads ${CMAKE_DL_LIBS})
 
-foreach(t cmos_test rtc_emulator_test tmr_rtc_test)
+foreach(t cmos_test tmr_rtc_test)
   if(TARGET ${t})
     target_compile_definitions(${t} PRIVATE KAVRO_RTC_EMULATOR_PATH="$<TARGET_FILE:rtc_emulator>")
     target_include_directories(${t} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/helpers)

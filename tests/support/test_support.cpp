@@ -3,121 +3,81 @@
 #include "frame/internal.hpp"
 
 #include <fcntl.h>
-#include <pthread.h>
-#include <sched.h>
-#include <signal.h>
 #include <poll.h>
-#include <dirent.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
+#include <csignal>
 #include <cstring>
-#include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
 namespace kavro::test {
 
-// The child's exit status, 128 + signal, or `killed` after a kill at timeout_s.
-static int wait_for(pid_t pid, int timeout_s, int killed) {
+int reap(pid_t pid, int timeout_s) {
     const time_t give_up = time(nullptr) + timeout_s;
     int status = 0;
-    for (;;) {
-        pid_t r = waitpid(pid, &status, WNOHANG);
-        if (r == pid) break;
+    for (pid_t r; (r = waitpid(pid, &status, WNOHANG)) != pid; usleep(2000)) {
         if (r < 0 && errno != EINTR) return -1;
         if (time(nullptr) >= give_up) {
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
-            return killed;
+            break;
         }
-        usleep(2000);
     }
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
 int run_in_child(const std::function<int()> &fn, int timeout_s) {
-    std::fflush(nullptr);
-    pid_t pid = fork();
-    if (pid < 0) return -1;
-    if (pid == 0) {
-        int rc = fn();
-        std::fflush(nullptr);
-        _exit(rc);
-    }
-    return wait_for(pid, timeout_s, 128 + SIGKILL);
+    return ForkedChild([&](int) { return fn(); }).exit_code(timeout_s);
 }
-
-int reap(pid_t pid, int timeout_s) { return wait_for(pid, timeout_s, -1); }
 
 ChildOutput run_captured(const std::function<int()> &fn, int timeout_s) {
     ScratchDir dir;
     const std::string out = dir.path() + "/out", err = dir.path() + "/err";
-    ChildOutput c{};
-    c.status = run_in_child(
-        [&] {
-            rlimit none{0, 0};
-            setrlimit(RLIMIT_CORE, &none);
-            const int fo = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            const int fe = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            if (fo < 0 || fe < 0 || dup2(fo, 1) < 0 || dup2(fe, 2) < 0) return 99;
-            return fn();
-        },
-        timeout_s);
-    c.out = read_file(out);
-    c.err = read_file(err);
-    // A user-mode emulator reports a child's fatal signal on the child's own
-    // standard error; that line is the emulator's, not the program's.
-    for (size_t at; (at = c.err.find("qemu: uncaught target signal")) != std::string::npos;) {
-        size_t end = c.err.find('\n', at);
-        c.err.erase(at, end == std::string::npos ? std::string::npos : end - at + 1);
-    }
+    ChildOutput c{run_in_child([&] {
+        rlimit none{0, 0};
+        setrlimit(RLIMIT_CORE, &none);
+        const int fo = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        const int fe = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        return fo < 0 || fe < 0 || dup2(fo, 1) < 0 || dup2(fe, 2) < 0 ? 99 : fn();
+    }, timeout_s), read_file(out), read_file(err)};
+    // An emulator reports a child's fatal signal on the child's own standard error: not the program's line.
+    for (size_t at; (at = c.err.find("qemu: uncaught target signal")) != std::string::npos;)
+        c.err.erase(at, c.err.find('\n', at) - at + 1);
     return c;
 }
 
 int run_in_private_mounts(const char *dir, const std::function<int()> &fn, int timeout_s) {
-    return run_in_child(
-        [&] {
-            std::string why;
-            if (!private_mounts({dir}, &why)) {
-                std::fprintf(stderr, "%s\n", why.c_str());
-                return kNoMounts;
-            }
-            return fn();
-        },
-        timeout_s);
+    return run_in_child([&] {
+        std::string why;
+        return private_mounts({dir}, &why) ? fn() : (std::fprintf(stderr, "%s\n", why.c_str()), kNoMounts);
+    }, timeout_s);
 }
 
 bool read_exact(int fd, void *buf, size_t n, int timeout_ms) {
     for (auto *p = static_cast<char *>(buf); n > 0;) {
         pollfd pf{fd, POLLIN, 0};
         if (poll(&pf, 1, timeout_ms) != 1) return false;
-        ssize_t r = read(fd, p, n);
+        const ssize_t r = read(fd, p, n);
         if (r < 0 && (errno == EAGAIN || errno == EINTR)) continue;
         if (r <= 0) return false;
-        p += r;
-        n -= static_cast<size_t>(r);
+        p += r, n -= static_cast<size_t>(r);
     }
     return true;
 }
 
 int open_fds() {
     int n = 0;
-    if (DIR *d = opendir("/proc/self/fd")) {
-        for (dirent *e; (e = readdir(d)) != nullptr;) n += e->d_name[0] != '.';
-        closedir(d);
-    }
+    for (auto it = std::filesystem::directory_iterator("/proc/self/fd"); it != decltype(it)(); ++it) ++n;
     return n;
 }
 
@@ -143,10 +103,7 @@ ForkedChild::ForkedChild(const std::function<int(int)> &fn) {
 }
 
 ForkedChild::~ForkedChild() {
-    if (pid > 0) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
+    if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
     if (fd_ >= 0) close(fd_);
 }
 
@@ -157,7 +114,7 @@ bool ForkedChild::said(int timeout_ms) {
 }
 
 int ForkedChild::exit_code(int timeout_s) {
-    const int rc = reap(pid, timeout_s);
+    const int rc = pid > 0 ? reap(pid, timeout_s) : -1;
     pid = -1;
     return rc;
 }
@@ -178,50 +135,35 @@ GuardPage::~GuardPage() {
     if (map_ != nullptr) munmap(map_, 2 * sysconf(_SC_PAGESIZE));
 }
 
-static bool mkdirs(const std::string &path) {
-    for (size_t i = 1; i <= path.size(); ++i) {
-        if (i == path.size() || path[i] == '/') {
-            std::string part = path.substr(0, i);
-            if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) return false;
-        }
-    }
-    return true;
+static bool failed(std::string *why, const std::string &what) {
+    if (why) *why = what + ": " + std::strerror(errno);
+    return false;
 }
 
 bool private_mounts(std::initializer_list<const char *> dirs, std::string *why) {
-    if (unshare(CLONE_NEWNS) != 0) {
-        if (why) *why = std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno);
-        return false;
-    }
-    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        if (why) *why = std::string("making / private: ") + std::strerror(errno);
-        return false;
-    }
+    if (unshare(CLONE_NEWNS) != 0) return failed(why, "unshare(CLONE_NEWNS)");
+    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return failed(why, "making / private");
     for (const char *d : dirs) {
-        if (!mkdirs(d) || mount("tmpfs", d, "tmpfs", 0, "mode=0755") != 0) {
-            if (why) *why = std::string("tmpfs over ") + d + ": " + std::strerror(errno);
-            return false;
-        }
+        std::error_code ec;
+        std::filesystem::create_directories(d, ec);
+        if (mount("tmpfs", d, "tmpfs", 0, "mode=0755") != 0) return failed(why, std::string("tmpfs over ") + d);
     }
     return true;
 }
 
 bool rt_permitted() {
+    // Tried on a short-lived thread so that the caller's own policy is untouched.
     static const bool permitted = [] {
-        // Try on a short-lived thread so the caller's own policy is untouched.
         pthread_attr_t attr;
         pthread_attr_init(&attr);
         pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
         pthread_attr_setschedpolicy(&attr, SCHED_FIFO);
-        sched_param sp{};
-        sp.sched_priority = 1;
+        sched_param sp{1};
         pthread_attr_setschedparam(&attr, &sp);
         pthread_t t;
-        int rc = pthread_create(&t, &attr, [](void *) -> void * { return nullptr; }, nullptr);
+        const int rc = pthread_create(&t, &attr, [](void *) -> void * { return nullptr; }, nullptr);
         pthread_attr_destroy(&attr);
-        if (rc != 0) return false;
-        pthread_join(t, nullptr);
-        return true;
+        return rc == 0 && pthread_join(t, nullptr) == 0;
     }();
     return permitted;
 }
@@ -229,73 +171,49 @@ bool rt_permitted() {
 bool emulated() {
     if (sizeof(void *) != 4) return false;
     if (const char *e = std::getenv("KAVRO_EMULATED")) return std::strcmp(e, "1") == 0;
-    std::string state = read_file("/proc/sys/fs/binfmt_misc/qemu-i386");
-    return state.rfind("enabled", 0) == 0;
+    return read_file("/proc/sys/fs/binfmt_misc/qemu-i386").rfind("enabled", 0) == 0;
 }
 
 bool write_file(const std::string &path, const std::string &text) {
-    std::ofstream f(path, std::ios::binary | std::ios::trunc);
-    f << text;
-    return static_cast<bool>(f);
+    return static_cast<bool>(std::ofstream(path, std::ios::binary | std::ios::trunc) << text);
 }
 
 std::string read_file(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
     std::stringstream ss;
-    ss << f.rdbuf();
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
     return ss.str();
 }
 
 ScratchDir::ScratchDir() {
     char tmpl[] = "/tmp/kavro-test-XXXXXX";
-    const char *p = mkdtemp(tmpl);
-    path_ = p ? p : "/tmp";
+    path_ = mkdtemp(tmpl) ? tmpl : "/tmp";
 }
 
 ScratchDir::~ScratchDir() {
-    if (path_ != "/tmp") {
-        std::string cmd = "rm -rf '" + path_ + "'";
-        if (std::system(cmd.c_str()) != 0) {
-        }
-    }
+    std::error_code ec;
+    if (path_ != "/tmp") std::filesystem::remove_all(path_, ec);
 }
 
 bool private_dev(std::string *why) {
     char keep[] = "/tmp/kavro-dev-XXXXXX";
-    if (mkdtemp(keep) == nullptr) {
-        if (why) *why = "mkdtemp failed";
-        return false;
-    }
+    if (mkdtemp(keep) == nullptr) return failed(why, "mkdtemp");
     if (!private_mounts({}, why)) return false;
-    if (mount("/dev", keep, nullptr, MS_BIND, nullptr) != 0 ||
-        mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0) {
-        if (why) *why = std::string("replacing /dev: ") + std::strerror(errno);
-        return false;
-    }
+    if (mount("/dev", keep, nullptr, MS_BIND, nullptr) != 0 || mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0)
+        return failed(why, "replacing /dev");
     for (const char *node : {"null", "zero", "urandom", "full"}) {
-        std::string from = std::string(keep) + "/" + node, to = std::string("/dev/") + node;
-        int fd = open(to.c_str(), O_CREAT | O_WRONLY, 0666);
-        if (fd >= 0) close(fd);
-        if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-            if (why) *why = "binding " + to + ": " + std::strerror(errno);
-            return false;
-        }
+        const std::string from = std::string(keep) + "/" + node, to = std::string("/dev/") + node;
+        if (int fd = open(to.c_str(), O_CREAT | O_WRONLY, 0666); fd >= 0) close(fd);
+        if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0) return failed(why, "binding " + to);
     }
     umount2(keep, MNT_DETACH);
     rmdir(keep);
     return true;
 }
 
-LogCatcher::LogCatcher() {
-    fd_ = socket(AF_UNIX, SOCK_DGRAM, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strcpy(addr.sun_path, "/dev/log");
+LogCatcher::LogCatcher() : fd_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
+    sockaddr_un addr{AF_UNIX, "/dev/log"};
     unlink(addr.sun_path);
-    if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
-        close(fd_);
-        fd_ = -1;
-    }
+    if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) close(fd_), fd_ = -1;
 }
 
 LogCatcher::~LogCatcher() {
@@ -304,9 +222,8 @@ LogCatcher::~LogCatcher() {
 
 std::string LogCatcher::next(int timeout_ms) {
     pollfd p{fd_, POLLIN, 0};
-    if (fd_ < 0 || poll(&p, 1, timeout_ms) != 1) return "";
     char buf[4096];
-    ssize_t n = recv(fd_, buf, sizeof buf, 0);
+    const ssize_t n = fd_ >= 0 && poll(&p, 1, timeout_ms) == 1 ? recv(fd_, buf, sizeof buf, 0) : 0;
     return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
 }
 
