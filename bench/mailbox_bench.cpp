@@ -74,7 +74,8 @@ void BM_Kavro(benchmark::State &state) {
 void BM_Ring(benchmark::State &state) {
     const auto size = static_cast<uint32_t>(state.range(0));
     Ring r(size, kSlots);
-    spsc(state, size, [&](const void *msg) { r.post(msg); }, [&](void *buf) { r.pend(buf); });
+    spsc(
+        state, size, [&](const void *msg) { r.post(msg); }, [&](void *buf) { r.pend(buf); });
 }
 
 constexpr double kMinTime = 0.3;

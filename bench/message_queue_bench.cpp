@@ -64,7 +64,10 @@ void BM_RoundTrip(benchmark::State &state) {
     pid_t pid = fork();
     if (pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (Kavro) echo_kavro(h); else echo_raw(id);
+        if (Kavro)
+            echo_kavro(h);
+        else
+            echo_raw(id);
         _exit(0);
     }
     char data[KAVRO_MSGQ_MAX_DATA];

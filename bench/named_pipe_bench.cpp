@@ -27,9 +27,7 @@ constexpr int kChannels = 1000;
 
 std::string g_root;
 
-std::string index_name(uint32_t key) {
-    return g_root + "/kmxipc/.pipe." + std::to_string(static_cast<int32_t>(key));
-}
+std::string index_name(uint32_t key) { return g_root + "/kmxipc/.pipe." + std::to_string(static_cast<int32_t>(key)); }
 
 bool setup() {
     static bool ok = [] {
@@ -143,8 +141,7 @@ void BM_ByHand(benchmark::State &state) {
     uint8_t rank = 2;
     run_batches(state, *ch, [&rank, &sigpipe](const char *msg) {
         sigprocmask(SIG_BLOCK, &sigpipe, nullptr);
-        bool ok = write(fds[1 + rank], msg, kMsgLen) == static_cast<ssize_t>(kMsgLen) &&
-                  write(fds[0], &rank, 1) == 1;
+        bool ok = write(fds[1 + rank], msg, kMsgLen) == static_cast<ssize_t>(kMsgLen) && write(fds[0], &rank, 1) == 1;
         rank = static_cast<uint8_t>((rank + 1) % 3);
         return ok;
     });

@@ -133,11 +133,11 @@ void run(benchmark::State &state, MakeOp make, bool publish, int batch) {
 }
 
 // 60 batches of over a second in all: publisher passes (one a second) fall inside.
-#define PUBLISH_PAIR(id, path, make, batch)                                                                       \
-    BENCHMARK_CAPTURE(run, id##_on, make, true, batch)->Name(path "/kavro")->UseManualTime()->Iterations(60);     \
-    BENCHMARK_CAPTURE(run, id##_off, make, false, batch)                                                          \
-        ->Name(path "/ref:publishing_off")                                                                        \
-        ->UseManualTime()                                                                                         \
+#define PUBLISH_PAIR(id, path, make, batch)                                                                   \
+    BENCHMARK_CAPTURE(run, id##_on, make, true, batch)->Name(path "/kavro")->UseManualTime()->Iterations(60); \
+    BENCHMARK_CAPTURE(run, id##_off, make, false, batch)                                                      \
+        ->Name(path "/ref:publishing_off")                                                                    \
+        ->UseManualTime()                                                                                     \
         ->Iterations(60)
 
 PUBLISH_PAIR(sem, "publish.sem_post_pend", sem_op, 1000000);

@@ -96,10 +96,10 @@ void set_value(benchmark::State &state) {
     const std::string tmp = g_path + ".1";
     for (auto _ : state) {
         ++v;
-        const KAVRO_STATUS st =
-            g_fixed_path ? REG_SetValue(nullptr, sub.c_str(), entry.c_str(), KAVRO_REG_DWORD, &v, &size)
-                         : kavro::detail::reg_set_file(g_path.c_str(), tmp.c_str(), sub.c_str(), entry.c_str(),
-                                                       KAVRO_REG_DWORD, &v);
+        const KAVRO_STATUS st = g_fixed_path
+                                    ? REG_SetValue(nullptr, sub.c_str(), entry.c_str(), KAVRO_REG_DWORD, &v, &size)
+                                    : kavro::detail::reg_set_file(g_path.c_str(), tmp.c_str(), sub.c_str(),
+                                                                  entry.c_str(), KAVRO_REG_DWORD, &v);
         if (st != KAVRO_OK) {
             state.SkipWithError("set failed");
             break;

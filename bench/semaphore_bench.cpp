@@ -91,14 +91,20 @@ void BM_RawSemT(benchmark::State &state) {
     sem_init(&s[0], 0, 0);
     sem_init(&s[1], 0, 0);
     thread_pingpong(
-        state, [&](int i) { while (sem_wait(&s[i]) != 0) {} }, [&](int i) { sem_post(&s[i]); });
+        state,
+        [&](int i) {
+            while (sem_wait(&s[i]) != 0) {
+            }
+        },
+        [&](int i) { sem_post(&s[i]); });
     sem_destroy(&s[0]);
     sem_destroy(&s[1]);
 }
 
 void BM_MutexCond(benchmark::State &state) {
     CondSem s[2];
-    thread_pingpong(state, [&](int i) { s[i].pend(); }, [&](int i) { s[i].post(); });
+    thread_pingpong(
+        state, [&](int i) { s[i].pend(); }, [&](int i) { s[i].post(); });
 }
 
 // The echo side in a child process; the sets are private, inherited by
@@ -131,7 +137,8 @@ void BM_KavroSysV(benchmark::State &state) {
     SEM_HANDLE s[2];
     SEM_Create(&s[0], 0, 0, 1);
     SEM_Create(&s[1], 0, 0, 1);
-    process_pingpong(state, [&](int i) { SEM_Pend(s[i], KAVRO_WAIT_FOREVER); }, [&](int i) { SEM_Post(s[i]); });
+    process_pingpong(
+        state, [&](int i) { SEM_Pend(s[i], KAVRO_WAIT_FOREVER); }, [&](int i) { SEM_Post(s[i]); });
     SEM_Delete(s[0]);
     SEM_Delete(s[1]);
 }
@@ -143,7 +150,8 @@ void BM_RawSemop(benchmark::State &state) {
         state,
         [&](int i) {
             sembuf op{0, -1, SEM_UNDO};
-            while (semop(id[i], &op, 1) != 0) {}
+            while (semop(id[i], &op, 1) != 0) {
+            }
         },
         [&](int i) {
             sembuf op{0, +1, SEM_UNDO};

@@ -48,7 +48,8 @@ bool rt_permitted() {
         sp.sched_priority = 1;
         pthread_attr_setschedparam(&a, &sp);
         pthread_t t;
-        const int rc = pthread_create(&t, &a, [](void *) -> void * { return nullptr; }, nullptr);
+        const int rc = pthread_create(
+            &t, &a, [](void *) -> void * { return nullptr; }, nullptr);
         pthread_attr_destroy(&a);
         if (rc == 0) pthread_join(t, nullptr);
         return rc == 0;

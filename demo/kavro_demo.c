@@ -38,19 +38,19 @@
 #include <kavro_rt/kavro_rt.h>
 
 #define PRODUCT_ROOT "/usr/torvanex"
-#define USAGE                                                                          \
+#define USAGE                                                                                 \
     "usage: kavro-demo [--daemon] [--report FILE] [--seconds N] [--hold MS] [--no-sandbox]\n" \
-    "  --daemon       detach first; the report goes to /tmp/kavro-demo.report\n"     \
-    "  --report FILE  write the report to FILE\n"                                    \
-    "  --seconds N    let the 2 ms tick run N seconds (1 to 3600, default 3)\n"      \
-    "  --hold MS      keep threads, task lock and channel busy MS more, for `kavro top`\n" \
+    "  --daemon       detach first; the report goes to /tmp/kavro-demo.report\n"              \
+    "  --report FILE  write the report to FILE\n"                                             \
+    "  --seconds N    let the 2 ms tick run N seconds (1 to 3600, default 3)\n"               \
+    "  --hold MS      keep threads, task lock and channel busy MS more, for `kavro top`\n"    \
     "  --no-sandbox   work in the host's /usr/torvanex, not in a private copy\n"
-#define CHANNEL_KEY 4711
-#define CHANNEL_MESSAGES 3000
-#define CHANNEL_MSG_SIZE 64
+#define CHANNEL_KEY       4711
+#define CHANNEL_MESSAGES  3000
+#define CHANNEL_MSG_SIZE  64
 #define PIPELINE_MESSAGES 20000
-#define LOCK_THREADS 4
-#define LOCK_ROUNDS 50000
+#define LOCK_THREADS      4
+#define LOCK_ROUNDS       50000
 
 static FILE *report;
 static int failures;
@@ -345,8 +345,10 @@ int main(int argc, char **argv) {
         const char *a = argv[i], *value = NULL;
         if (strncmp(a, "--report", 8) == 0 || strncmp(a, "--seconds", 9) == 0 || strncmp(a, "--hold", 6) == 0) {
             const char *eq = strchr(a, '=');
-            if (eq) value = eq + 1;
-            else if (i + 1 < argc) value = argv[++i];
+            if (eq)
+                value = eq + 1;
+            else if (i + 1 < argc)
+                value = argv[++i];
             else {
                 fprintf(stderr, "kavro-demo: %s needs a value\n", a);
                 return 2;
@@ -450,8 +452,8 @@ int main(int argc, char **argv) {
         if (threads[i]) THREAD_Join(threads[i]);
     check("every task-locked increment counted",
           locked_counter == (uint32_t)LOCK_THREADS * LOCK_ROUNDS && lock_threads_done == LOCK_THREADS);
-    check("pipeline delivered every message in order", pipeline_received == PIPELINE_MESSAGES &&
-                                                           pipeline_out_of_order == 0 && pipeline_done);
+    check("pipeline delivered every message in order",
+          pipeline_received == PIPELINE_MESSAGES && pipeline_out_of_order == 0 && pipeline_done);
     MBX_Delete(stage1);
     MBX_Delete(stage2);
 
@@ -485,8 +487,8 @@ int main(int argc, char **argv) {
             (double)tick_max_late_ns / 1000.0, (unsigned)tick_skipped);
     else
         say("  ticks served         none (timer engine not started)\n");
-    say("  mailbox pipeline     %u of %u messages, %u out of order\n", (unsigned)pipeline_received,
-        PIPELINE_MESSAGES, (unsigned)pipeline_out_of_order);
+    say("  mailbox pipeline     %u of %u messages, %u out of order\n", (unsigned)pipeline_received, PIPELINE_MESSAGES,
+        (unsigned)pipeline_out_of_order);
     say("  named-pipe channel   %u of %u messages, %u damaged\n", (unsigned)channel_received, CHANNEL_MESSAGES,
         (unsigned)channel_bad);
     say("  task-locked counter  %u of %u increments\n", (unsigned)locked_counter, LOCK_THREADS * LOCK_ROUNDS);

@@ -44,7 +44,11 @@ TEST(ClockCalls, KernelErrorsAreMinusOneAndErrno) {
     timer_t stale{};  // one the kernel does not know any more
     ASSERT_TRUE(timer_create(CLOCK_MONOTONIC, &ev, &stale) == 0 && timer_delete(stale) == 0);
     itimerspec its{{}, {1, 0}};
-    const struct { const char *call; std::function<int()> fn; int err; } cases[] = {
+    const struct {
+        const char *call;
+        std::function<int()> fn;
+        int err;
+    } cases[] = {
         {"gettime", [&] { return clock_gettime(kNoClock, &t); }, EINVAL},
         {"getres", [&] { return clock_getres(kNoClock, &t); }, EINVAL},
         {"settime", [&] { return clock_settime(CLOCK_MONOTONIC, &t); }, EINVAL},
@@ -71,7 +75,7 @@ TEST(ClockCalls, KernelErrorsAreMinusOneAndErrno) {
 
 TEST(ClockCalls, SignalTimerInterruptsSleepWithTimeLeft) {
     const int rc = kavro::test::run_in_child([] {
-        struct sigaction sa{};
+        struct sigaction sa {};
         sa.sa_handler = [](int) {};  // no SA_RESTART
         sigaction(SIGUSR1, &sa, nullptr);
         sigevent ev{};

@@ -53,16 +53,23 @@ TEST(ClockFile, ScanReadsPiecesAndSkipsTheUnterminatedLastLine) {
     using V = ClockFileVerdict;
     const std::string pad79 = "UTC=yes" + std::string(72, ' ');  // 79 characters, no newline
     const std::pair<std::string, V> cases[] = {
-        {"UTC=false\n", V::Local}, {"ZONE=\"Europe/Berlin\"\nUTC=yes\n", V::Utc},
+        {"UTC=false\n", V::Local},
+        {"ZONE=\"Europe/Berlin\"\nUTC=yes\n", V::Utc},
         {"UTC=NO\nUTC=YES\n", V::Local},  // the first deciding line wins
         {"UTC=noyes\n", V::Utc},          // true words are searched first
-        {"UTC=maybe\nUTC=\n", V::TagUnparsed}, {"UTC=true", V::NoTag},  // last line lacks its newline
-        {"UTC=maybe\nUTC=true", V::TagUnparsed}, {" UTC=true\n# UTC=true\n", V::NoTag}, {"", V::NoTag},
+        {"UTC=maybe\nUTC=\n", V::TagUnparsed},
+        {"UTC=true", V::NoTag},  // last line lacks its newline
+        {"UTC=maybe\nUTC=true", V::TagUnparsed},
+        {" UTC=true\n# UTC=true\n", V::NoTag},
+        {"", V::NoTag},
         // Long lines arrive in 79-character pieces, each examined alone, the last one too.
-        {std::string(79, 'x') + "UTC=no\n", V::Local}, {"UTC=" + std::string(100, 'x') + "yes\n", V::TagUnparsed},
-        {pad79, V::Utc}, {pad79 + "z", V::Utc},
+        {std::string(79, 'x') + "UTC=no\n", V::Local},
+        {"UTC=" + std::string(100, 'x') + "yes\n", V::TagUnparsed},
+        {pad79, V::Utc},
+        {pad79 + "z", V::Utc},
         // Bytes after a NUL are not part of the piece.
-        {std::string("UTC=\0yes\n", 9), V::TagUnparsed}, {std::string("\0UTC=yes\n", 9), V::NoTag},
+        {std::string("UTC=\0yes\n", 9), V::TagUnparsed},
+        {std::string("\0UTC=yes\n", 9), V::NoTag},
         {std::string(1 << 20, '\xff'), V::NoTag},
     };
     for (const auto &[text, verdict] : cases)
@@ -94,10 +101,14 @@ TEST(ClockFile, FixedPathDefaultsToUtcWithAReason) {
 TEST(CmosEnvironment, VariablesSetIntervalOffsetAndReport) {
     const char *kMin = "TORVANEX_CMOS_CLOCK_UPDATE_RATE_MINUTES", *kSec = "TORVANEX_CMOS_CLOCK_UPDATE_RATE_PRIVATE",
                *kOff = "TORVANEX_CMOS_CLOCK_UPDATE_CMOS_OFFSET_USEC";
-    const std::string fn = "KAVRO:CMOS_GetEnvironment: ", local = fn + "CMOS clock in LOCAL\n" + fn +
-                                                                    "UTC to LOCAL Delta=10800\n";
+    const std::string fn = "KAVRO:CMOS_GetEnvironment: ",
+                      local = fn + "CMOS clock in LOCAL\n" + fn + "UTC to LOCAL Delta=10800\n";
     const std::string under = " might cause performance issues\n";
-    const struct { Env env; std::string err, out; } cases[] = {  // out: interval offset afterwards
+    const struct {
+        Env env;
+        std::string err, out;
+    } cases[] = {
+        // out: interval offset afterwards
         {{}, "", "0 500000"},
         {{{kSec, "0"}}, "", "0 500000"},
         {{{kMin, "11"}, {kOff, "1000000"}}, fn + "KMX CMOS UPDATE Interval =11 minutes\n" + local, "660 500000"},
@@ -125,7 +136,9 @@ TEST(CmosEnvironment, VariablesSetIntervalOffsetAndReport) {
         });
         KAVRO_SKIP_IF_NO_MOUNTS(r.status) << r.err;
         EXPECT_TRUE(r.status == 0 && r.out == c.out && r.err.find(c.err) != std::string::npos &&
-                    (!c.out.starts_with("0 ") || r.err == c.err)) << r.out << "\n" << r.err;  // unset: silent
+                    (!c.out.starts_with("0 ") || r.err == c.err))
+            << r.out << "\n"
+            << r.err;  // unset: silent
     }
     // A negative interval means the unsigned number reported: no write falls due.
     uint32_t start = 0;
@@ -134,10 +147,11 @@ TEST(CmosEnvironment, VariablesSetIntervalOffsetAndReport) {
 }
 
 TEST(CmosEnvironment, LocalDeltaFollowsTheTimeZone) {
-    for (const auto &[tz, delta] : std::vector<std::pair<const char *, int>>{
-             {"UTC0", 0}, {"<+03>-3", 10800}, {"<-0530>+5:30", -19800}}) {
+    for (const auto &[tz, delta] :
+         std::vector<std::pair<const char *, int>>{{"UTC0", 0}, {"<+03>-3", 10800}, {"<-0530>+5:30", -19800}}) {
         EXPECT_EQ(in_child({{"TZ", tz}}, [] { return std::printf("%d", GetLocalUTCDelta()), 0; }).out,
-                  std::to_string(delta)) << tz;
+                  std::to_string(delta))
+            << tz;
     }
 }
 
@@ -151,8 +165,9 @@ TEST(CmosWrite, PrintsAreCappedIntervalMismatchesWarnedAndFailuresReported) {
         return std::printf("%d", Read_CMOS_UntilChange(fd, 1) + Read_CMOS_UntilChange(fd, 0)), 0;
     });
     ASSERT_TRUE(c.status == 0 && c.out == "0") << c.out << c.err;  // a failed reading counts no edge
-    EXPECT_EQ(lines_with(c.err, "KAVRO:Read_CMOS_UntilChange: ERROR, Error setting the CMOS clock error =4294967295")
-                  .size(), 2u);
+    EXPECT_EQ(
+        lines_with(c.err, "KAVRO:Read_CMOS_UntilChange: ERROR, Error setting the CMOS clock error =4294967295").size(),
+        2u);
     EXPECT_EQ(lines_with(c.err, "Error reading the CMOS clock error =4294967295").size(), 12u);
     const auto warnings = lines_with(c.err, "CMOS RTC SET WARNING Last was ");
     ASSERT_EQ(warnings.size(), 10u);
@@ -160,7 +175,8 @@ TEST(CmosWrite, PrintsAreCappedIntervalMismatchesWarnedAndFailuresReported) {
     // Ten setting lines, then once the no-more line.
     const auto all = lines_with(c.err, "KMX ");
     EXPECT_TRUE(all.size() == 11 && all[10] == "KAVRO:Set_CMOS_From_OSTime: KMX No More CMOS Updates prints this run" &&
-                lines_with(c.err, "KMX Setting CMOS clock now! ").size() == 10) << c.err;
+                lines_with(c.err, "KMX Setting CMOS clock now! ").size() == 10)
+        << c.err;
 }
 
 // The preloaded driver: writes when due at each emulated interrupt, as the CMOS thread does; then measures.
@@ -181,9 +197,9 @@ int drive_writes() {
         if (to_ns(mono) / 1000000 >= end) break;
         timeval wall{};
         gettimeofday(&wall, nullptr);
-        if (g_WriteIntervalTime_sec != 0 && cmos_write_due(&periodStart, static_cast<uint32_t>(mono.tv_sec),
-                                                           static_cast<uint32_t>(wall.tv_usec),
-                                                           g_WriteIntervalTime_sec, g_TimeOffset_usec))
+        if (g_WriteIntervalTime_sec != 0 &&
+            cmos_write_due(&periodStart, static_cast<uint32_t>(mono.tv_sec), static_cast<uint32_t>(wall.tv_usec),
+                           g_WriteIntervalTime_sec, g_TimeOffset_usec))
             Set_CMOS_From_OSTime(fd);
     }
 
@@ -215,10 +231,13 @@ TEST(CmosEmulated, WritesLandAtTheConfiguredMicrosecondWithTheZoneOffset) {
         SCOPED_TRACE(file);
         ScratchDir dir;
         const std::string log = dir.path() + "/rtc.log";
-        const Child c = in_child({{"TZ", "<+03>-3"}, {"TORVANEX_CMOS_CLOCK_UPDATE_RATE_PRIVATE", "1"},
+        const Child c = in_child({{"TZ", "<+03>-3"},
+                                  {"TORVANEX_CMOS_CLOCK_UPDATE_RATE_PRIVATE", "1"},
                                   {"TORVANEX_CMOS_CLOCK_UPDATE_CMOS_OFFSET_USEC", "250000"},
-                                  {"KAVRO_CMOS_CLOCK_TEXT", file}, {"KAVRO_CMOS_RUN_MS", "3600"},
-                                  {"KAVRO_RTC_LOG", log}, {"KAVRO_CMOS_DRIVER", "writes"},
+                                  {"KAVRO_CMOS_CLOCK_TEXT", file},
+                                  {"KAVRO_CMOS_RUN_MS", "3600"},
+                                  {"KAVRO_RTC_LOG", log},
+                                  {"KAVRO_CMOS_DRIVER", "writes"},
                                   {"LD_PRELOAD", KAVRO_RTC_EMULATOR_PATH}},
                                  [] { return execl("/proc/self/exe", "cmos", static_cast<char *>(nullptr)), 127; });
         KAVRO_SKIP_IF_NO_MOUNTS(c.status) << c.err;
@@ -245,7 +264,9 @@ TEST(CmosEmulated, WritesLandAtTheConfiguredMicrosecondWithTheZoneOffset) {
         float average = 0;
         long long cmos = 0, now = 0;
         ASSERT_EQ(std::sscanf(c.out.c_str(), "Delta=%d Average =%f micro seconds\ncmos %lld now %lld", &edge, &average,
-                              &cmos, &now), 4) << c.out;
+                              &cmos, &now),
+                  4)
+            << c.out;
         EXPECT_EQ(static_cast<int>(average), edge);
         const int expected = static_cast<int>((sets.back().wall_usec + 500000) % 1000000);
         if (native) {

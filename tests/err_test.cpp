@@ -12,14 +12,21 @@
 
 TEST(ErrExit, EachHelperWritesBothStreamsAndEndsAsItShould) {
     const std::string L(3000, 'L');
-    const struct { void (*fn)(); int status; std::string out, err; } cases[] = {
+    const struct {
+        void (*fn)();
+        int status;
+        std::string out, err;
+    } cases[] = {
         {[] {  // neither adds the error text (nor changes errno); a full line keeps its newline
              errno = ENOENT, err_ret("can't create %s", "/tmp/x"), err_msg("plain %d%%", errno == ENOENT ? 100 : 5);
              err_ret("%s", std::string(3000, 'L').c_str());
-         }, 0, "can't create /tmp/x \nplain 100% \n" + L.substr(0, 1023) + " \n",
+         },
+         0, "can't create /tmp/x \nplain 100% \n" + L.substr(0, 1023) + " \n",
          "can't create /tmp/x\nplain 100%\n" + L.substr(0, 1022) + "\n"},
-        {[] { if (open("/nonexistent/kavro", O_RDONLY) < 0) err_sys("open %s", "failed"); }, 1, "open failed \n",
-         "open failed: No such file or directory\n"},
+        {[] {
+             if (open("/nonexistent/kavro", O_RDONLY) < 0) err_sys("open %s", "failed");
+         },
+         1, "open failed \n", "open failed: No such file or directory\n"},
         {[] { errno = EPERM, err_quit("giving up after %d tries", 3); }, 1, "giving up after 3 tries \n",
          "giving up after 3 tries\n"},
         {[] { errno = EACCES, err_dump("fatal"); }, 128 + SIGABRT, "fatal \n", "fatal: Permission denied\n"},

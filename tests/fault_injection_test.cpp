@@ -23,13 +23,15 @@ namespace {
 using namespace kavro::test;
 
 // A record shared with forked children.
-template <typename T> struct Shared {
+template <typename T>
+struct Shared {
     T *p = new (mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) T{};
     ~Shared() { munmap(p, sizeof(T)); }
     T *operator->() const { return p; }
 };
 
-template <typename P> bool eventually(P pred) {
+template <typename P>
+bool eventually(P pred) {
     for (int i = 0; i < 30000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(1)))
         if (pred()) return true;
     return false;
@@ -109,7 +111,7 @@ TEST_F(FifoFault, WriterKilledMidStreamLosesOnlyItsUnfinishedMessage) {
         ForkedChild::say(say);
         for (pollfd p{drain[0], POLLIN, 0}; poll(&p, 1, 0) == 0 || take(t.p, -1, 500);)
             if (!take(t.p)) usleep(1000);  // no writer has the pipe open: the read does not wait
-        for (int r = 0; r < 3; ++r)  // a victim killed before its rank byte leaves one message without it
+        for (int r = 0; r < 3; ++r)        // a victim killed before its rank byte leaves one message without it
             while (take(t.p, r)) continue;
         return 0;
     });
@@ -208,7 +210,10 @@ TEST(SysVFault, QueueReaderKilledWhileTheWriterRetries) {
     ASSERT_EQ(msgctl(qid, IPC_STAT, &ds), 0);
     ds.msg_qbytes = 256;
     ASSERT_EQ(msgctl(qid, IPC_SET, &ds), 0);
-    struct State { std::atomic<int32_t> acked; std::atomic<uint32_t> status; };
+    struct State {
+        std::atomic<int32_t> acked;
+        std::atomic<uint32_t> status;
+    };
     Shared<State> s;
     ForkedChild reader([&](int say) {
         for (int32_t i = 0, seq = -1; i < kTaken; ++i) {

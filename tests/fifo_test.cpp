@@ -98,7 +98,8 @@ TEST(FifoFamily, CountedTablesAndRootChecks) {
     EXPECT_EQ(IPC_FIFO_Write(0, 5, 0, "x", &n, 1, 1), KAVRO_E_FAIL);
     const std::string err = GetCapturedStderr();  // operators look for these
     EXPECT_TRUE(err.find("KAVRO:IPC_FIFO_Write: TRVXROOT is not set") != std::string::npos &&
-                err.find("KAVRO:IPC_FIFO_Write: TRVXROOT too long") != std::string::npos) << err;
+                err.find("KAVRO:IPC_FIFO_Write: TRVXROOT too long") != std::string::npos)
+        << err;
 }
 
 // The index agrees with a first-match scan, with few keys and with many

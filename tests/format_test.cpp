@@ -24,15 +24,16 @@ static std::string fmt(const char *format, ...) {
 
 TEST(Format, Conversions) {
     EXPECT_EQ(fmt("%5d|%-5d|%08x|%008x", 42, 42, 255, 255), "   42|42   |      ff|000000ff");  // the first 0: nothing
-    EXPECT_EQ(fmt("%#X %X %#o %#x %#u", 255, 0xABCDEFu, 8, 0, 7u), "0Xff abcdef 010 0x0 7");  // digits stay lower case
-    EXPECT_EQ(fmt("%#005x %005d %-#008o|", 10, -42, 8), "0x00a -0042 00000010|");        // prefix and sign count
-    EXPECT_EQ(fmt("%d %i %u %o", INT_MIN, INT_MAX, UINT_MAX, UINT_MAX), "-2147483648 2147483647 4294967295 "
-                                                                          "37777777777");
+    EXPECT_EQ(fmt("%#X %X %#o %#x %#u", 255, 0xABCDEFu, 8, 0, 7u), "0Xff abcdef 010 0x0 7");   // digits stay lower case
+    EXPECT_EQ(fmt("%#005x %005d %-#008o|", 10, -42, 8), "0x00a -0042 00000010|");              // prefix and sign count
+    EXPECT_EQ(fmt("%d %i %u %o", INT_MIN, INT_MAX, UINT_MAX, UINT_MAX),
+              "-2147483648 2147483647 4294967295 "
+              "37777777777");
     EXPECT_EQ(fmt("%ld %Lu %3d [%s] %c%c%%", -7L, 7, 12345, static_cast<const char *>(nullptr), 65, 0x142),
               "-7 7 12345 [(null)] AB%");
     EXPECT_EQ(fmt("%6s|%-6s|%2s|%005s", "abc", "abc", "abcdef", "ab"), "   abc|abc   |abcdef|ab");
     EXPECT_EQ(fmt("%.2f %d %3y|%-3%|", 7), ".2f 7   y|%  |");  // '.' is a conversion of its own, taking nothing
-    EXPECT_EQ(fmt("ab%-0#5"), "ab");                          // ends inside a conversion
+    EXPECT_EQ(fmt("ab%-0#5"), "ab");                           // ends inside a conversion
     EXPECT_EQ(fmt("%f %f %f %f", 3.14159, -2.5, 0.00001, 1.005), "3.1415 -2.5000 0.0000 1.0049");  // truncated
     EXPECT_EQ(fmt("%10f|%-10f|%0010f %0010f", 1.5, 1.5, 1.5, -1.5), "    1.5000|1.5000    |00001.5000 -0001.5000");
     EXPECT_EQ(fmt("%f %d", 0.25, 9), "0.2500 9");  // a double takes its full slot
@@ -58,10 +59,14 @@ TEST(Format, EveryFlagCombinationStaysInBoundsAndInStep) {
             for (const char *m : {"", "l", "L"})
                 for (const char *c = "diuxXocsf.%qZ"; *c != '\0'; ++c) {
                     const std::string format = std::string("%") + f + w + m + *c + "<%d>";
-                    if (*c == 's') GP_sprintf(buf, format.c_str(), "str", 123);
-                    else if (*c == 'f') GP_sprintf(buf, format.c_str(), -1234.56789, 123);
-                    else if (std::strchr("diuxXoc", *c)) GP_sprintf(buf, format.c_str(), 0x80000041u, 123);
-                    else GP_sprintf(buf, format.c_str(), 123);
+                    if (*c == 's')
+                        GP_sprintf(buf, format.c_str(), "str", 123);
+                    else if (*c == 'f')
+                        GP_sprintf(buf, format.c_str(), -1234.56789, 123);
+                    else if (std::strchr("diuxXoc", *c))
+                        GP_sprintf(buf, format.c_str(), 0x80000041u, 123);
+                    else
+                        GP_sprintf(buf, format.c_str(), 123);
                     const std::string out = fmt("%s", buf);
                     ASSERT_TRUE(out.size() <= 50u && out.substr(out.size() - 5) == "<123>") << format << " -> " << out;
                 }

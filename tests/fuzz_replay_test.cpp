@@ -12,10 +12,14 @@
 namespace {
 
 TEST(FuzzReplay, EveryTargetTakesItsCorpusAndTheEmptyInput) {
-    const struct { const char *name; int (*target)(const uint8_t *, size_t); } targets[] = {
-        {"fuzz_registry", kavro::fuzz::fuzz_registry}, {"fuzz_sysconfig_clock", kavro::fuzz::fuzz_sysconfig_clock},
-        {"fuzz_proc_net_dev", kavro::fuzz::fuzz_proc_net_dev}, {"fuzz_version", kavro::fuzz::fuzz_version},
-        {"fuzz_format", kavro::fuzz::fuzz_format}};
+    const struct {
+        const char *name;
+        int (*target)(const uint8_t *, size_t);
+    } targets[] = {{"fuzz_registry", kavro::fuzz::fuzz_registry},
+                   {"fuzz_sysconfig_clock", kavro::fuzz::fuzz_sysconfig_clock},
+                   {"fuzz_proc_net_dev", kavro::fuzz::fuzz_proc_net_dev},
+                   {"fuzz_version", kavro::fuzz::fuzz_version},
+                   {"fuzz_format", kavro::fuzz::fuzz_format}};
     for (const auto &t : targets) {
         std::vector<std::filesystem::path> files;
         for (const auto &e : std::filesystem::directory_iterator(std::filesystem::path(KAVRO_FUZZ_CORPUS) / t.name))

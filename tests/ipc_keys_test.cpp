@@ -10,7 +10,7 @@
 #include "test_support.hpp"
 
 static uint32_t low_byte(const std::string &path) {
-    struct stat st{};
+    struct stat st {};
     return stat(path.c_str(), &st) == 0 ? st.st_ino & 0xFF : 0x100;
 }
 
@@ -22,14 +22,16 @@ TEST(IpcGetKey, SameNameGivesTheSameKeyInEveryProcess) {
     ASSERT_EQ(IPC_Init(prefix.c_str()), KAVRO_OK);
     uint32_t key = 0xDEAD;
     ASSERT_EQ(IPC_GetKey("seg", 3, &key), KAVRO_OK);
-    struct stat st{};
+    struct stat st {};
     EXPECT_TRUE(stat((prefix + "seg").c_str(), &st) == 0 && (st.st_mode & 0777) == 0777u);
     const uint32_t low = low_byte(prefix + "seg");
     EXPECT_EQ(key, low != 0 ? low : low_byte(prefix + "abseg"));
     EXPECT_EQ(kavro::test::run_in_child([&] {
-        uint32_t k = 0;
-        return IPC_Init(prefix.c_str()) == KAVRO_OK && IPC_GetKey("seg", 3, &k) == KAVRO_OK && k == key ? 0 : 1;
-    }), 0);
+                  uint32_t k = 0;
+                  return IPC_Init(prefix.c_str()) == KAVRO_OK && IPC_GetKey("seg", 3, &k) == KAVRO_OK && k == key ? 0
+                                                                                                                  : 1;
+              }),
+              0);
     IPC_Init((dir.path() + "/missing/").c_str());
     testing::internal::CaptureStderr();
     EXPECT_TRUE(IPC_GetKey("k", 9, &key) == KAVRO_E_FAIL && key == 0xFFFFFFFFu);

@@ -27,7 +27,7 @@ msgqnum_t queued(void *h) {
 void in_private_ipc(const std::function<void(void *)> &body) {
     const int rc = kavro::test::run_in_child([&] {
         if (unshare(CLONE_NEWIPC) != 0) return 77;
-        struct sigaction sa{};
+        struct sigaction sa {};
         sa.sa_handler = [](int) {};
         sigaction(SIGUSR1, &sa, nullptr);
         void *h = nullptr;
@@ -52,11 +52,13 @@ TEST(MsgQueue, MessagesArriveWholeByTypeWithinTheirSizes) {
         std::vector<char> msg(3 * KAVRO_MSGQ_MAX_DATA), buf(msg.size());
         for (size_t i = 0; i < msg.size(); ++i) msg[i] = char(i * 7);
         ASSERT_EQ(kavro::test::run_in_child([&] {
-            void *q = nullptr;
-            CHILD_CHECK(IPC_MSGQ_Create(&q, 0x4D510001u, nullptr) == KAVRO_OK && qid(q) == qid(h));
-            CHILD_CHECK(IPC_MSGQ_Send(q, "two", 3, 2, 0) == KAVRO_OK);
-            return IPC_MSGQ_Send(q, msg.data(), KAVRO_MSGQ_MAX_DATA, 0, 0) == KAVRO_OK ? 0 : 3;  // the largest
-        }), 0);
+                      void *q = nullptr;
+                      CHILD_CHECK(IPC_MSGQ_Create(&q, 0x4D510001u, nullptr) == KAVRO_OK && qid(q) == qid(h));
+                      CHILD_CHECK(IPC_MSGQ_Send(q, "two", 3, 2, 0) == KAVRO_OK);
+                      return IPC_MSGQ_Send(q, msg.data(), KAVRO_MSGQ_MAX_DATA, 0, 0) == KAVRO_OK ? 0
+                                                                                                 : 3;  // the largest
+                  }),
+                  0);
         uint32_t len = 77;
         EXPECT_TRUE(IPC_MSGQ_Rcv(h, buf.data(), 50, &len, 1, 0) == KAVRO_E_FAIL && queued(h) == 2);  // too small
         EXPECT_TRUE(IPC_MSGQ_Rcv(h, buf.data(), int32_t(buf.size()), &len, 0, 0) == KAVRO_OK &&
@@ -70,7 +72,10 @@ TEST(MsgQueue, MessagesArriveWholeByTypeWithinTheirSizes) {
         rec.dataLength = KAVRO_MSGQ_MAX_DATA + 1;
         EXPECT_TRUE(mesg_send(qid(h), &rec, IPC_NOWAIT) == -1 && errno == EINVAL);
         EXPECT_TRUE(mesg_send(qid(h), nullptr, 0) == -1 && mesg_recv(qid(h), nullptr, 8, 0) == -1);
-        struct { long type; char text[3000]; } raw{1, {}};  // put there by another program: never overflows
+        struct {
+            long type;
+            char text[3000];
+        } raw{1, {}};  // put there by another program: never overflows
         ASSERT_EQ(msgsnd(qid(h), &raw, sizeof raw.text, IPC_NOWAIT), 0);
         EXPECT_EQ(IPC_MSGQ_Rcv(h, buf.data(), int32_t(buf.size()), &len, 1, 0), KAVRO_E_FAIL);
         EXPECT_TRUE(mesg_recv(qid(h), &rec, 8192, IPC_NOWAIT) == -1 && errno == E2BIG && rec.dataLength == -1);

@@ -33,7 +33,8 @@ bool has(const std::string &text, const std::string &part) { return text.find(pa
 TEST(CliParse, OptionsAndUsageErrors) {
     Options o;
     std::string err;
-    ASSERT_TRUE(kavro::cli::parse({"latency", "--seconds=3", "--svg", "a.svg", "--png=b.png", "--csv=c", "--quiet"}, &o, &err));
+    ASSERT_TRUE(
+        kavro::cli::parse({"latency", "--seconds=3", "--svg", "a.svg", "--png=b.png", "--csv=c", "--quiet"}, &o, &err));
     EXPECT_TRUE(o.seconds == 3 && o.svg == "a.svg" && o.png == "b.png" && o.csv == "c" && o.quiet);
     ASSERT_TRUE(kavro::cli::parse({"reg", "set", "--dword", "--", "Tmr", "Period", "0x10"}, &o, &err));
     EXPECT_TRUE(o.dword && o.args[2] == "0x10");
@@ -112,7 +113,8 @@ TEST(CliTool, ExitStatusesAndMessages) {
         {KAVRO_TOOL_PATH, "nonsense", 2, "", "kavro: unknown command 'nonsense' (try: kavro --help)\n"},
         {KAVRO_TOOL_PATH, "version > /dev/full", 1, "", "kavro: cannot write the output: No space left on device\n"},
         {KAVRO_TOOL_PATH, "ipc --root=" + dir.path(), 1, "", "/kmxipc: No such file or directory\n"},
-        {KAVRO_TOOL_PATH, "latency --seconds=1 --svg=" + missing, 1, "", "cannot write " + missing + ": No such file or directory\n"},
+        {KAVRO_TOOL_PATH, "latency --seconds=1 --svg=" + missing, 1, "",
+         "cannot write " + missing + ": No such file or directory\n"},
         {KAVRO_DEMO_PATH, "--help", 0, "usage: kavro-demo", ""},
         {KAVRO_DEMO_PATH, "--seconds 0", 2, "", "--seconds takes"},
         {KAVRO_DEMO_PATH, "--seconds=abc", 2, "", "--seconds takes"},
@@ -148,7 +150,8 @@ TEST(CliTool, RegistryInPrivateMounts) {
             int status;
             const char *says;  // in stdout, or in stderr when the status is not 0
         } steps[] = {
-            {"Tmr\nPeriod\nREG_DWORD\n10\nBlob\nData\nREG_BINARY\n00ff\n", "reg get Tmr Period", 0, "0x00000010 (16)\n"},
+            {"Tmr\nPeriod\nREG_DWORD\n10\nBlob\nData\nREG_BINARY\n00ff\n", "reg get Tmr Period", 0,
+             "0x00000010 (16)\n"},
             {"=", "reg set --dword Tmr Period 10", 0, "stored as 10; a read gives 0x00000010 (16)"},
             {"=", "reg set Net Host alpha", 0, ""},
             {"=", "reg get Net Host", 0, "alpha\n"},
@@ -156,12 +159,15 @@ TEST(CliTool, RegistryInPrivateMounts) {
             {"=", "reg get Blob Data", 1, "Blob Data is a REG_BINARY record, which the library does not read"},
             {"=", "reg get Nope Nothing", 1, "no entry Nope Nothing"},
             {"=", "reg set Net Host 'two words'", 2, "cannot hold blanks"},
-            {std::string("Tmr\nPer\0iod\nREG_SZ\nx\n", 21), "reg list", 1, "not a registry: binary data (a NUL byte at offset 7)"},
+            {std::string("Tmr\nPer\0iod\nREG_SZ\nx\n", 21), "reg list", 1,
+             "not a registry: binary data (a NUL byte at offset 7)"},
             {"/", "reg list", 1, ".registry: Is a directory"},
         };
         for (const auto &s : steps) {
-            if (s.file == "/") CHILD_CHECK(unlink(reg.c_str()) == 0 && mkdir(reg.c_str(), 0755) == 0);
-            else if (s.file != "=") CHILD_CHECK(kavro::test::write_file(reg, s.file));
+            if (s.file == "/")
+                CHILD_CHECK(unlink(reg.c_str()) == 0 && mkdir(reg.c_str(), 0755) == 0);
+            else if (s.file != "=")
+                CHILD_CHECK(kavro::test::write_file(reg, s.file));
             const ChildOutput r = tool(s.args);
             if (r.status != s.status || !has(s.status ? r.err : r.out, s.says) || (s.status && has(r.err, "\n\n"))) {
                 std::fprintf(stderr, "%s: %d\n%s%s", s.args, r.status, r.out.c_str(), r.err.c_str());
@@ -183,18 +189,22 @@ TEST(CliTool, IpcCleanRemovesOnlyWhatNobodyUses) {
             for (std::string p = dir + "/.pipe." + key; p.size() <= dir.size() + 10; p += '_')
                 CHILD_CHECK(mkfifo(p.c_str(), 0600) == 0);
         const int reader = open((dir + "/.pipe.12").c_str(), O_RDONLY | O_NONBLOCK);  // 12 is in use
-        const int mine = shmget(IPC_PRIVATE, 4096, 0600);                              // creator alive
+        const int mine = shmget(IPC_PRIVATE, 4096, 0600);                             // creator alive
         int orphan = -1;
-        CHILD_CHECK(reader >= 0 && mine >= 0 && kavro::test::run_in_child([&] {
-            return shmget(0x4711, 4096, IPC_CREAT | 0600) >= 0 ? 0 : 1;  // creator gone once it returns
-        }) == 0);
+        CHILD_CHECK(reader >= 0 && mine >= 0 &&
+                    kavro::test::run_in_child([&] {
+                        return shmget(0x4711, 4096, IPC_CREAT | 0600) >= 0 ? 0 : 1;  // creator gone once it returns
+                    }) == 0);
         orphan = shmget(0x4711, 0, 0);
         const ChildOutput dry = tool("ipc --root=/usr/torvanex --clean --dry-run");
         CHILD_CHECK(dry.status == 0 && has(dry.out, "would remove pipe channel 11, reader absent (no reader)"));
-        CHILD_CHECK(has(dry.out, "would remove shm id " + std::to_string(orphan)) && access((dir + "/.pipe.11").c_str(), F_OK) == 0);
+        CHILD_CHECK(has(dry.out, "would remove shm id " + std::to_string(orphan)) &&
+                    access((dir + "/.pipe.11").c_str(), F_OK) == 0);
         const ChildOutput done = tool("ipc --root=/usr/torvanex --clean");
-        CHILD_CHECK(done.status == 0 && has(done.out, "removed pipe channel 11") && has(done.out, "2 object(s) removed"));
-        CHILD_CHECK(access((dir + "/.pipe.11___").c_str(), F_OK) != 0 && access((dir + "/.pipe.12").c_str(), F_OK) == 0);
+        CHILD_CHECK(done.status == 0 && has(done.out, "removed pipe channel 11") &&
+                    has(done.out, "2 object(s) removed"));
+        CHILD_CHECK(access((dir + "/.pipe.11___").c_str(), F_OK) != 0 &&
+                    access((dir + "/.pipe.12").c_str(), F_OK) == 0);
         CHILD_CHECK(shmget(0x4711, 0, 0) < 0 && shmctl(mine, IPC_RMID, nullptr) == 0);
         return 0;
     });

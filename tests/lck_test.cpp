@@ -33,19 +33,21 @@ int value_of(LckObj *lock) {
 }
 
 TEST(TaskLockFamily, RefusedBeforeInitAndLifeCycleCoupled) {
-    EXPECT_EQ(kavro::test::run_in_child([] {
-        CHILD_CHECK((LCK_Lock(nullptr) & LCK_Lock_2() & LCK_Unlock(nullptr) & LCK_Unlock_2()) == KAVRO_E_FAIL);
-        CHILD_CHECK(LCK_Init() == 0 && LCK_Init() == 0);
-        LckObj *first = lck_first_lock();
-        CHILD_CHECK(first && first->tag == KAVRO_TAG_LCK && value_of(first) == 1 && value_of(lck_lock2()) == 1);
-        LCK_Exit();  // still up, and the thread family with it
-        CHILD_CHECK(LCK_Lock(nullptr) == KAVRO_OK && LCK_Unlock(nullptr) == KAVRO_OK && THREAD_Init() == 1);
-        THREAD_Exit(), LCK_Exit();
-        CHILD_CHECK(LCK_Lock(nullptr) == KAVRO_E_FAIL && THREAD_Init() == 0);  // threads went down too
-        THREAD_Exit();
-        CHILD_CHECK(LCK_Init() == 0 && lck_first_lock() != first && lck_first_lock() != nullptr);  // new locks
-        return 0;
-    }), 0);
+    EXPECT_EQ(
+        kavro::test::run_in_child([] {
+            CHILD_CHECK((LCK_Lock(nullptr) & LCK_Lock_2() & LCK_Unlock(nullptr) & LCK_Unlock_2()) == KAVRO_E_FAIL);
+            CHILD_CHECK(LCK_Init() == 0 && LCK_Init() == 0);
+            LckObj *first = lck_first_lock();
+            CHILD_CHECK(first && first->tag == KAVRO_TAG_LCK && value_of(first) == 1 && value_of(lck_lock2()) == 1);
+            LCK_Exit();  // still up, and the thread family with it
+            CHILD_CHECK(LCK_Lock(nullptr) == KAVRO_OK && LCK_Unlock(nullptr) == KAVRO_OK && THREAD_Init() == 1);
+            THREAD_Exit(), LCK_Exit();
+            CHILD_CHECK(LCK_Lock(nullptr) == KAVRO_E_FAIL && THREAD_Init() == 0);  // threads went down too
+            THREAD_Exit();
+            CHILD_CHECK(LCK_Init() == 0 && lck_first_lock() != first && lck_first_lock() != nullptr);  // new locks
+            return 0;
+        }),
+        0);
 }
 
 // Threads without a record: the lock excludes, a signal does not end the
@@ -58,7 +60,7 @@ TEST(TaskLock, ForeignThreadsAreExcludedThroughSignals) {
     EXPECT_TRUE(first->owner == ~uintptr_t(0) && sched_of() == before);  // no record: no priority change
     std::atomic<bool> inside{false};
     std::thread waiter([&] { LCK_Lock(nullptr), inside = true, LCK_Unlock(nullptr); });
-    struct sigaction sa{};
+    struct sigaction sa {};
     sa.sa_handler = [](int) {};
     sigaction(SIGUSR2, &sa, nullptr);
     for (int i = 0; i < 10; ++i) pthread_kill(waiter.native_handle(), SIGUSR2), usleep(10000);
@@ -75,11 +77,15 @@ TEST(TaskLock, ForeignThreadsAreExcludedThroughSignals) {
 // Runs fn on a thread made by THREAD_Create at the given priority, to its end.
 template <typename Fn>
 void on_thread(uint32_t priority, Fn fn) {
-    struct Job { Fn *fn; Done done; } job{&fn, {}};
+    struct Job {
+        Fn *fn;
+        Done done;
+    } job{&fn, {}};
     ThreadAttr attr = {24, priority, 0, 0, -1, "locker"};
     ThreadObj *h = nullptr;
-    ASSERT_EQ(THREAD_Create(&h, [](void *c) { (*static_cast<Job *>(c)->fn)(), static_cast<Job *>(c)->done.post(); },
-                            &job, &attr), KAVRO_OK);
+    ASSERT_EQ(THREAD_Create(
+                  &h, [](void *c) { (*static_cast<Job *>(c)->fn)(), static_cast<Job *>(c)->done.post(); }, &job, &attr),
+              KAVRO_OK);
     ASSERT_TRUE(job.done.wait(30000));
     THREAD_Join(h);
 }

@@ -15,8 +15,8 @@
 #include "test_support.hpp"
 
 using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
 using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 
 TEST(LdrInit, FirstInitWritesTheBoardFileAndLaterOnesOnlyCount) {

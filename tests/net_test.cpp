@@ -22,11 +22,16 @@ using Names = std::multiset<std::string>;
 
 TEST(NetParse, NamesFromLinesAndLongLinesRead) {
     const std::pair<std::string, std::string> cases[] = {
-        {"  eth0: 1234 5 0 0", "eth0"}, {"    lo:    3267      29", ""}, {"lo0: 1", "lo0"},
+        {"  eth0: 1234 5 0 0", "eth0"},
+        {"    lo:    3267      29", ""},
+        {"lo0: 1", "lo0"},
         {"e t h 1 :1:2", "eth1"},  // blanks do not count; the first ':' ends the name
-        {"Inter-|   Receive  |  Transmit", ""}, {"   : 1 2 3", ""}, {"l o : 1", ""},
+        {"Inter-|   Receive  |  Transmit", ""},
+        {"   : 1 2 3", ""},
+        {"l o : 1", ""},
         {"eth0\n: 1", ""},  // a ':' on the next line does not count
-        {std::string(31, 'a') + ":", std::string(31, 'a')}, {std::string(32, 'a') + ":", ""},
+        {std::string(31, 'a') + ":", std::string(31, 'a')},
+        {std::string(32, 'a') + ":", ""},
         {std::string(5000, ' ') + "v9:" + std::string(5000, '7'), "v9"},
     };
     for (const auto &[line, want] : cases) {
@@ -73,11 +78,10 @@ TEST(NetNamespace, WalkReturnsUpInterfacesWithIPv4Only) {
         EXPECT_TRUE(NET_Init() == KAVRO_E_FAIL && NET_GetInterface(&none) == KAVRO_E_FAIL &&
                     none == reinterpret_cast<InterfaceRecord *>(&none));
         // v0: up with IPv4; v1: IPv4 but down; t0: up without IPv4; t1: up with IPv4.
-        for (const char *cmd : {"ip link add v0 address 02:1a:2b:3c:4d:5e type veth peer name v1",
-                                "ip tuntap add t0 mode tap", "ip tuntap add t1 mode tap",
-                                "ip addr add 10.77.0.1/24 dev v0", "ip addr add 10.77.1.1/24 dev v1",
-                                "ip addr add 10.77.2.1/24 dev t1", "ip link set v0 up", "ip link set t0 up",
-                                "ip link set t1 up"})
+        for (const char *cmd :
+             {"ip link add v0 address 02:1a:2b:3c:4d:5e type veth peer name v1", "ip tuntap add t0 mode tap",
+              "ip tuntap add t1 mode tap", "ip addr add 10.77.0.1/24 dev v0", "ip addr add 10.77.1.1/24 dev v1",
+              "ip addr add 10.77.2.1/24 dev t1", "ip link set v0 up", "ip link set t0 up", "ip link set t1 up"})
             if (!sh(cmd)) return 78;
         EXPECT_TRUE(_getDeviceList() == 3 && NET_Init() == KAVRO_OK);
         EXPECT_EQ(walk_all(), (Names{"v0", "t1"}));

@@ -46,11 +46,11 @@ TEST(RegText, ReadValuesNamesAndTypes) {
     EXPECT_TRUE(dword(text, "Tmr", "Period") == 0x10u && dword(text, "Net", "Mtu") == 1500u);
     EXPECT_EQ(dword(text, "TmrConfig", "PeriodMs"), 0x10u);  // the file line begins the wanted name
     EXPECT_EQ(dword(text, "Tm", "Period"), 0xAAAAAAAAu);     // ... not the other way round
-    EXPECT_EQ(dword(rec("", "", "REG_DWORD", "1") + text, "Tmr", "Period"), 1u);  // empty matches; first wins
-    EXPECT_EQ(dword("A\nB\nREG_DWORD\n2a"), 0x2Au);                                // no final newline
+    EXPECT_EQ(dword(rec("", "", "REG_DWORD", "1") + text, "Tmr", "Period"), 1u);      // empty matches; first wins
+    EXPECT_EQ(dword("A\nB\nREG_DWORD\n2a"), 0x2Au);                                   // no final newline
     EXPECT_EQ(dword(rec(std::string(253, 'k'), "E", "REG_DWORD", "1") + after), 7u);  // 253: one line
     EXPECT_EQ(dword(rec(std::string(254, 'k'), "E", "REG_DWORD", "1") + after), 0xAAAAAAAAu);  // two lines
-    EXPECT_EQ(reg_parse_hex("123456789", 9) & reg_parse_hex("-1", 2), 0xFFFFFFFFu);  // saturates; negates
+    EXPECT_EQ(reg_parse_hex("123456789", 9) & reg_parse_hex("-1", 2), 0xFFFFFFFFu);            // saturates; negates
     EXPECT_EQ(reg_parse_hex("zz\n", 3) + reg_parse_hex("\t\v\f\r 7", 6), 7u);
     const std::string sz = rec("App", "Greeting", "REG_SZ", "  hello world") + rec("App", "Empty", "REG_SZ", "");
     char buf[300];
@@ -78,7 +78,11 @@ TEST(RegText, RewriteReplacesOnlyTheValueLinesOrAppendsTheRecord) {
     EXPECT_TRUE(out == head + rec("Tmr", "B", "REG_DWORD", "10") + tail && dword(out, "Tmr", "B") == 16u);  // hex in
     const std::string one = rec("X", "Y", "REG_SZ", "1"), two = rec("A", "B", "REG_SZ", "2");
     const std::string fill(kRegPieceMax - 1, ' ');  // after "B": a whole piece without its newline
-    struct { std::string text; const char *sub, *value; std::string want; } cases[] = {
+    struct {
+        std::string text;
+        const char *sub, *value;
+        std::string want;
+    } cases[] = {
         // Names compare as the first word of the line, exactly; the first record wins.
         {"  Tmr  x\nB\nREG_SZ\na\n", "Tmr", "b", "  Tmr  x\nB\nREG_SZ\nb\n"},
         {rec("A", "B", "REG_SZ", "a"), "AB", "b", rec("A", "B", "REG_SZ", "a") + rec("AB", "B", "REG_SZ", "b")},
@@ -86,7 +90,7 @@ TEST(RegText, RewriteReplacesOnlyTheValueLinesOrAppendsTheRecord) {
         // Appended only behind whole records, else it would read out of step.
         {one, "A", "two words", one + rec("A", "B", "REG_SZ", "two words")},
         {"X\nY\nREG_SZ\n1", "A", "v", one + rec("A", "B", "REG_SZ", "v")},  // the last line is ended
-        {"A\nB", "A", "v", rec("A", "B", "REG_SZ", "v")},                      // a found record completed
+        {"A\nB", "A", "v", rec("A", "B", "REG_SZ", "v")},                   // a found record completed
         {one + "dangling\n", "A", "v", "<refused>"},
         {"X\nY\nREG_SZ\n" + std::string(kRegPieceMax, 'v'), "A", "v", "<refused>"},
         {"A\nB" + fill + "\nREG_SZ\nold\n", "A", "v", "<refused>"},  // a cut piece is not the entry line
@@ -98,11 +102,14 @@ const char kReg[] = "/usr/torvanex/cfg/.registry";
 
 // Runs body in a child with an empty private /usr/torvanex/cfg.
 void in_private_torvanex(const std::function<void()> &body) {
-    const int rc = kavro::test::run_in_private_mounts("/usr/torvanex", [&] {
-        if (mkdir("/usr/torvanex/cfg", 0755) != 0) return 2;
-        body();
-        return testing::Test::HasFailure() ? 1 : 0;
-    }, 240);
+    const int rc = kavro::test::run_in_private_mounts(
+        "/usr/torvanex",
+        [&] {
+            if (mkdir("/usr/torvanex/cfg", 0755) != 0) return 2;
+            body();
+            return testing::Test::HasFailure() ? 1 : 0;
+        },
+        240);
     KAVRO_SKIP_IF_NO_MOUNTS(rc);
     EXPECT_EQ(rc, 0);
 }
@@ -127,7 +134,8 @@ TEST(RegFile, ReplacementKeepsModeAndRefusalsLeaveTheFile) {
         const std::string now = rec("Tmr", "Period", "REG_DWORD", "4000000000") + rec("New", "Entry", "REG_SZ", "v1 x");
         EXPECT_TRUE(unchanged(now) && REG_GetValue(nullptr, "New", "Entry", word, &size) == KAVRO_OK);
         EXPECT_STREQ(word, "v1");
-        struct stat before{}, after{};
+        struct stat before {
+        }, after{};
         EXPECT_TRUE(stat(kReg, &before) == 0 && (before.st_mode & 07777) == 0640u);  // the replacement keeps them
         const std::string torn = now + "Tmr\nRate\n";
         ASSERT_TRUE(write_file(kReg, torn) && stat(kReg, &before) == 0);
@@ -135,7 +143,8 @@ TEST(RegFile, ReplacementKeepsModeAndRefusalsLeaveTheFile) {
         EXPECT_EQ(REG_SetValue(nullptr, "New", "Entry", 7, word, &size) | set_dword("Other", "Entry", 1), KAVRO_E_FAIL);
         const std::string err = testing::internal::GetCapturedStderr();  // operators look for these
         EXPECT_NE(err.find("KAVRO:REG_SetValue: Did not find [Tmr] [Period] in /usr/torvanex/cfg/.registry\n"),
-                  std::string::npos) << err;
+                  std::string::npos)
+            << err;
         EXPECT_NE(err.find("ends inside a record: [Other] [Entry] not added\n"), std::string::npos);
         EXPECT_TRUE(stat(kReg, &after) == 0 && after.st_ino == before.st_ino && unchanged(torn));  // not rewritten
         EXPECT_TRUE(set_dword("Tmr", "Rate", 1) == KAVRO_OK && unchanged(now + rec("Tmr", "Rate", "REG_DWORD", "1")));

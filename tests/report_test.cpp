@@ -55,12 +55,14 @@ TEST(Report, ErrorCheckersPrintReturnAndCount) {
         const std::string out = capture(2, [&] {
             errno = c.errnoBefore;
             if (c.kind == MyError) MYerror("f", 7, "t");
-            rc = c.kind == Perror ? MY_c_perror(c.expected, "f", 7, "t")
-                 : c.kind == NoError ? No_error(c.expected, "f", 7, "t") : 0;
+            rc = c.kind == Perror    ? MY_c_perror(c.expected, "f", 7, "t")
+                 : c.kind == NoError ? No_error(c.expected, "f", 7, "t")
+                                     : 0;
             after = errno;
         });
         EXPECT_TRUE(out == c.out && rc == c.rc && global_error == before + c.counted &&
-                    (c.errnoAfter < 0 || after == c.errnoAfter)) << out;
+                    (c.errnoAfter < 0 || after == c.errnoAfter))
+            << out;
     }
 }
 
@@ -85,9 +87,14 @@ TEST(Report, MYperrorEndsTheProcessWithTheCountAndASummary) {
 }
 
 TEST(Report, DivisionPrintersSplitWithTheSignOfTheValue) {
-    const struct { bool two; int32_t a, b; std::string out; } cases[] = {
-        {true, 2500, -1500, "2.500/-1.-500"}, {false, -7, 2, "q=-3 r=-1"},
-        {false, INT32_MIN, -1, "q=" + std::to_string(INT32_MIN) + " r=0"}, {false, 5, 0, ""}};
+    const struct {
+        bool two;
+        int32_t a, b;
+        std::string out;
+    } cases[] = {{true, 2500, -1500, "2.500/-1.-500"},
+                 {false, -7, 2, "q=-3 r=-1"},
+                 {false, INT32_MIN, -1, "q=" + std::to_string(INT32_MIN) + " r=0"},
+                 {false, 5, 0, ""}};
     for (const auto &c : cases) {
         int32_t rc = 0, err = 0;
         const std::string out = capture(1, [&] {
@@ -96,7 +103,8 @@ TEST(Report, DivisionPrintersSplitWithTheSignOfTheValue) {
             err = errno;
         });
         EXPECT_TRUE(out == c.out && rc == (c.out.empty() ? -1 : static_cast<int32_t>(out.size())) &&
-                    err == (c.out.empty() ? EDOM : 0)) << out;
+                    err == (c.out.empty() ? EDOM : 0))
+            << out;
     }
 }
 

@@ -21,10 +21,17 @@ namespace {
 
 // Results compare as 32-bit words, pointers as 0 (null) or 1. A row with handles set runs once for each bad
 // handle it names (null, released, foreign), `bad` standing for it.
-struct Row { const char *call; std::function<uint32_t()> fn; std::optional<uint32_t> want; int handles = 0; };
+struct Row {
+    const char *call;
+    std::function<uint32_t()> fn;
+    std::optional<uint32_t> want;
+    int handles = 0;
+};
 const std::optional<uint32_t> kAny;
 enum { kNull = 1, kReleased = 2, kForeign = 4, kTagged = kReleased | kForeign, kAll = 7 };
 
+// The tables below are data, packed by hand: the formatter would put one row a line.
+// clang-format off
 #define ROW(expr, want) Row{#expr, [&]() -> uint32_t { return static_cast<uint32_t>(expr); }, want}
 #define PTR(expr, want) Row{#expr, [&]() -> uint32_t { return (expr) != nullptr; }, want}
 #define VOID(expr) Row{#expr, [&]() -> uint32_t { expr; return 0; }, 0u}
@@ -395,3 +402,4 @@ TEST(Robustness, ThreadsTaskLocksTimer) {
 }
 
 }  // namespace
+// clang-format on

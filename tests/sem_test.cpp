@@ -35,11 +35,18 @@ bool count_reaches(SEM_HANDLE h, int32_t want) {
 int32_t kind_of(SEM_HANDLE h) { return static_cast<kavro::sem::SemHeader *>(h)->type; }
 
 // Steps: 'p' post, 'P' pend(arg ms), 't' trypend, 'r' reset(arg); each with its status and the count after.
-struct Step { char op; int32_t arg; KAVRO_STATUS st; int32_t count; };
+struct Step {
+    char op;
+    int32_t arg;
+    KAVRO_STATUS st;
+    int32_t count;
+};
 void run_steps(SEM_HANDLE h, std::initializer_list<Step> steps) {
     for (const Step &s : steps) {
-        const KAVRO_STATUS st = s.op == 'p' ? SEM_Post(h) : s.op == 'P' ? SEM_Pend(h, uint32_t(s.arg))
-                              : s.op == 't' ? SEM_TryPend(h) : SEM_Reset(h, s.arg);
+        const KAVRO_STATUS st = s.op == 'p'   ? SEM_Post(h)
+                                : s.op == 'P' ? SEM_Pend(h, uint32_t(s.arg))
+                                : s.op == 't' ? SEM_TryPend(h)
+                                              : SEM_Reset(h, s.arg);
         EXPECT_TRUE(st == s.st && count_of(h) == s.count) << s.op << s.arg << " gave " << std::hex << st;
     }
 }
@@ -53,8 +60,12 @@ TEST(SemKinds, CountingOfEachKind) {
     const auto t0 = Clock::now();
     EXPECT_TRUE(SEM_Pend(c, 120) == KAVRO_E_TIMEOUT && Clock::now() - t0 >= milliseconds(119));
     run_steps(c, {{'p', 0, KAVRO_OK, 1}, {'t', 0, KAVRO_OK, 0}});  // the timed-out claim was given back
-    run_steps(p, {{'P', 0, KAVRO_OK, 2}, {'t', 0, KAVRO_OK, 1}, {'t', 0, KAVRO_OK, 0}, {'t', 0, KAVRO_E_AGAIN, 0},
-                  {'r', 4, KAVRO_OK, 4}, {'r', -1, KAVRO_OK, 0}});  // the timeout does not apply to this kind
+    run_steps(p, {{'P', 0, KAVRO_OK, 2},
+                  {'t', 0, KAVRO_OK, 1},
+                  {'t', 0, KAVRO_OK, 0},
+                  {'t', 0, KAVRO_E_AGAIN, 0},
+                  {'r', 4, KAVRO_OK, 4},
+                  {'r', -1, KAVRO_OK, 0}});  // the timeout does not apply to this kind
     run_steps(v, {{'p', 0, KAVRO_OK, 1}, {'r', 3, KAVRO_OK, 3}, {'P', 0, KAVRO_OK, 2}});
     testing::internal::CaptureStderr();
     EXPECT_EQ(SEM_TryPend(v), KAVRO_E_FAIL);
@@ -72,7 +83,10 @@ TEST(SemCounter, PostWakesOneWaiterResetReleasesAll) {
     std::atomic<int> done{0};
     std::vector<std::thread> waiters;
     for (uint32_t t : {KAVRO_WAIT_FOREVER, KAVRO_WAIT_FOREVER, 60000u})
-        waiters.emplace_back([&, t] { EXPECT_EQ(SEM_Pend(h, t), KAVRO_OK); ++done; });
+        waiters.emplace_back([&, t] {
+            EXPECT_EQ(SEM_Pend(h, t), KAVRO_OK);
+            ++done;
+        });
     ASSERT_TRUE(count_reaches(h, -3));
     EXPECT_EQ(SEM_Post(h), KAVRO_OK);
     for (int i = 0; i < 5000 && done < 1; ++i) std::this_thread::sleep_for(milliseconds(2));
@@ -95,8 +109,10 @@ TEST(SemCounter, NoUnitLostOrDuplicatedUnderTimeouts) {
                 if (SEM_Post(h) != KAVRO_OK || n % 64 == 0) std::this_thread::sleep_for(milliseconds(1));
             for (auto end = Clock::now() + std::chrono::seconds(20); i < 3 && taken < kPosts && Clock::now() < end;) {
                 const KAVRO_STATUS s = i == 0 ? SEM_TryPend(h) : SEM_Pend(h, i);
-                if (s == KAVRO_OK) ++taken;
-                else EXPECT_TRUE(s == KAVRO_E_TIMEOUT || s == KAVRO_E_AGAIN) << std::hex << s;
+                if (s == KAVRO_OK)
+                    ++taken;
+                else
+                    EXPECT_TRUE(s == KAVRO_E_TIMEOUT || s == KAVRO_E_AGAIN) << std::hex << s;
             }
         });
     for (auto &t : threads) t.join();
@@ -107,30 +123,36 @@ TEST(SemCounter, NoUnitLostOrDuplicatedUnderTimeouts) {
 // creator has operated on it and keeps its value; its pend lasts through
 // signals until the set is removed. A keyed creation without a handle makes no set.
 TEST(SemSysV, KeyedSetIsSharedBetweenProcesses) {
-    EXPECT_EQ(kavro::test::run_in_child([] {
-        CHILD_CHECK(unshare(CLONE_NEWIPC) == 0);
-        const uint32_t key = 0x5E3A0001u;
-        CHILD_CHECK(SEM_Create(nullptr, 1, key + 1, 0) == KAVRO_E_INVALIDARG && semget(key_t(key + 1), 1, 0) < 0);
-        SEM_HANDLE h = nullptr;
-        CHILD_CHECK(SEM_Create(&h, 1, key, 0) == KAVRO_OK);
-        Child opener([&](int fd) {
-            struct sigaction sa{};
-            sa.sa_handler = [](int) {};
-            sigaction(SIGUSR1, &sa, nullptr);  // no SA_RESTART: semop sees EINTR
-            const auto t0 = Clock::now();
-            SEM_HANDLE mine = nullptr;
-            int32_t c = -1;
-            if (SEM_Create(&mine, 7, key, 0) != KAVRO_OK || Clock::now() - t0 < milliseconds(250)) return 1;
-            if (SEM_GetCount(mine, &c) != KAVRO_OK || c != 0) return 2;
-            Child::say(fd);
-            return SEM_Pend(mine, KAVRO_WAIT_FOREVER) == KAVRO_E_FAIL ? 0 : 3;
-        });
-        std::this_thread::sleep_for(milliseconds(400));
-        CHILD_CHECK(SEM_Pend(h, KAVRO_WAIT_FOREVER) == KAVRO_OK && opener.said(15000));
-        for (int i = 0; i < 5; ++i, std::this_thread::sleep_for(milliseconds(40))) kill(opener.pid, SIGUSR1);
-        CHILD_CHECK(waitpid(opener.pid, nullptr, WNOHANG) == 0);  // still pending
-        return SEM_Delete(h) == KAVRO_OK && opener.exit_code() == 0 ? 0 : 4;
-    }, 60), 0);
+    EXPECT_EQ(kavro::test::run_in_child(
+                  [] {
+                      CHILD_CHECK(unshare(CLONE_NEWIPC) == 0);
+                      const uint32_t key = 0x5E3A0001u;
+                      CHILD_CHECK(SEM_Create(nullptr, 1, key + 1, 0) == KAVRO_E_INVALIDARG &&
+                                  semget(key_t(key + 1), 1, 0) < 0);
+                      SEM_HANDLE h = nullptr;
+                      CHILD_CHECK(SEM_Create(&h, 1, key, 0) == KAVRO_OK);
+                      Child opener([&](int fd) {
+                          struct sigaction sa {};
+                          sa.sa_handler = [](int) {};
+                          sigaction(SIGUSR1, &sa, nullptr);  // no SA_RESTART: semop sees EINTR
+                          const auto t0 = Clock::now();
+                          SEM_HANDLE mine = nullptr;
+                          int32_t c = -1;
+                          if (SEM_Create(&mine, 7, key, 0) != KAVRO_OK || Clock::now() - t0 < milliseconds(250))
+                              return 1;
+                          if (SEM_GetCount(mine, &c) != KAVRO_OK || c != 0) return 2;
+                          Child::say(fd);
+                          return SEM_Pend(mine, KAVRO_WAIT_FOREVER) == KAVRO_E_FAIL ? 0 : 3;
+                      });
+                      std::this_thread::sleep_for(milliseconds(400));
+                      CHILD_CHECK(SEM_Pend(h, KAVRO_WAIT_FOREVER) == KAVRO_OK && opener.said(15000));
+                      for (int i = 0; i < 5; ++i, std::this_thread::sleep_for(milliseconds(40)))
+                          kill(opener.pid, SIGUSR1);
+                      CHILD_CHECK(waitpid(opener.pid, nullptr, WNOHANG) == 0);  // still pending
+                      return SEM_Delete(h) == KAVRO_OK && opener.exit_code() == 0 ? 0 : 4;
+                  },
+                  60),
+              0);
 }
 
 // A post the kernel refuses (the set is gone) still returns 0 and says nothing.

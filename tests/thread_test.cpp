@@ -72,7 +72,13 @@ protected:
 
 TEST_F(Threads, RefusalsLogOneLineAndAllocateNothing) {
     const int lots[4] = {1, 2, 3, 4};
-    const struct { ThreadAttr attr; bool handle; const void *ctx; KAVRO_STATUS status; const char *line; } cases[] = {
+    const struct {
+        ThreadAttr attr;
+        bool handle;
+        const void *ctx;
+        KAVRO_STATUS status;
+        const char *line;
+    } cases[] = {
         {{28, 1, 0, 0, -1, nullptr}, true, nullptr, KAVRO_E_INVALIDARG, "Error, invalid attribute length\n"},
         {{24, 16, 0, 0, -1, nullptr}, true, nullptr, KAVRO_E_INVALIDARG, "priority = 16, min = 0, max = 15"},
         {{20, 16, 0, 0, -1, nullptr}, true, nullptr, KAVRO_E_INVALIDARG, "invalid priority = 16"},
@@ -87,7 +93,8 @@ TEST_F(Threads, RefusalsLogOneLineAndAllocateNothing) {
         EXPECT_EQ(THREAD_Create(c.handle ? &h : nullptr, context_fn, const_cast<void *>(c.ctx), &c.attr), c.status);
         const std::string err = testing::internal::GetCapturedStderr();
         EXPECT_TRUE(err.rfind("KAVRO:THREAD_Create: ", 0) == 0 && err.find(c.line) != std::string::npos &&
-                    std::count(err.begin(), err.end(), '\n') == 1) << err;
+                    std::count(err.begin(), err.end(), '\n') == 1)
+            << err;
         EXPECT_TRUE((!c.handle || h == nullptr) && memalloccalls == allocs && threadalloccalls == made);
     }
 }
@@ -129,7 +136,7 @@ TEST_F(Threads, SuspendedStartWaitsForSetPriority) {
     ThreadObj *h = nullptr, *hLate = nullptr;
     ASSERT_EQ(THREAD_Create(&h, context_fn, &seen, &suspended) | THREAD_Create(&hLate, context_fn, &late, &suspended),
               KAVRO_OK);
-    struct sigaction sa{};
+    struct sigaction sa {};
     sa.sa_handler = [](int) {};
     sigaction(SIGUSR2, &sa, nullptr);
     for (int i = 0; i < 10; ++i) pthread_kill(h->systemHandle, SIGUSR2), usleep(20000);
@@ -172,8 +179,9 @@ TEST_F(Threads, RecordReleasedAtTheEndJoinNeverWaitsNameField) {
     char field[THREAD_GETNAME_SIZE + 4];
     std::memset(field, '#', sizeof field);
     EXPECT_TRUE(THREAD_GetName(h, field) == KAVRO_OK && std::string(field, 81) == name.substr(0, 80) + "#");
-    EXPECT_EQ(kavro::test::run_in_child([h] { return THREAD_Join(h) == KAVRO_OK && thread_live_count() == 0 ? 0 : 1; },
-                                        30), 0);
+    EXPECT_EQ(
+        kavro::test::run_in_child([h] { return THREAD_Join(h) == KAVRO_OK && thread_live_count() == 0 ? 0 : 1; }, 30),
+        0);
     seen.release.post();
     EXPECT_EQ(THREAD_Join(h), KAVRO_OK);  // waits for the release
     EXPECT_TRUE(thread_live_count() == live && kavro::detail::mem_counters().memgenfreecalls == freed + 1);
@@ -183,19 +191,20 @@ TEST_F(Threads, RecordReleasedAtTheEndJoinNeverWaitsNameField) {
 // Counted life cycle; the stack size from the environment is used.
 TEST(ThreadFamily, CountedLifeCycleAndStackSize) {
     EXPECT_EQ(kavro::test::run_in_child([] {
-        setenv("PELOSSTACKSIZE", "3211264", 1);  // 3 MiB + 64 KiB: no default size, no cached stack
-        ThreadAttr inherit = {24, 0, 0, 0, -1, nullptr};
-        ThreadObj *h = nullptr;
-        Seen seen;
-        CHILD_CHECK(THREAD_Create(&h, context_fn, &seen, &inherit) == KAVRO_E_FAIL);  // family down
-        CHILD_CHECK(THREAD_Init() == 0 && PelStackSize == 3211264 && THREAD_Init() == 1);
-        THREAD_Exit();
-        CHILD_CHECK(run(&inherit, &seen) && seen.stack >= 3211264 && seen.stack < 3211264 + 512 * 1024);
-        THREAD_Exit();  // down: the key is gone
-        CHILD_CHECK(THREAD_Self(&h) == KAVRO_OK && h == nullptr);
-        CHILD_CHECK(THREAD_Create(&h, context_fn, &seen, &inherit) == KAVRO_E_FAIL);
-        return THREAD_Init() == 0 ? 0 : 7;
-    }), 0);
+                  setenv("PELOSSTACKSIZE", "3211264", 1);  // 3 MiB + 64 KiB: no default size, no cached stack
+                  ThreadAttr inherit = {24, 0, 0, 0, -1, nullptr};
+                  ThreadObj *h = nullptr;
+                  Seen seen;
+                  CHILD_CHECK(THREAD_Create(&h, context_fn, &seen, &inherit) == KAVRO_E_FAIL);  // family down
+                  CHILD_CHECK(THREAD_Init() == 0 && PelStackSize == 3211264 && THREAD_Init() == 1);
+                  THREAD_Exit();
+                  CHILD_CHECK(run(&inherit, &seen) && seen.stack >= 3211264 && seen.stack < 3211264 + 512 * 1024);
+                  THREAD_Exit();  // down: the key is gone
+                  CHILD_CHECK(THREAD_Self(&h) == KAVRO_OK && h == nullptr);
+                  CHILD_CHECK(THREAD_Create(&h, context_fn, &seen, &inherit) == KAVRO_E_FAIL);
+                  return THREAD_Init() == 0 ? 0 : 7;
+              }),
+              0);
 }
 
 }  // namespace

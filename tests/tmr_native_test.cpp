@@ -79,28 +79,31 @@ TEST(NativeLoop, CallsBackAboutFiveHundredTimesASecondUntilDeletedAndProfiles) {
     kavro::test::ScratchDir dir;
     const std::string err = dir.path() + "/err";
     ASSERT_EQ(run_in_child([&] {
-        if (!freopen(err.c_str(), "w", stderr)) return 99;
-        g_TimerProfilePeriodSec = 1;
-        g_TimerProfilePrint = 1;
-        setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
-        TmrTimer *t = nullptr;
-        if (TMR_Init() != 0 || TMR_Create(&t, 2.0, count_call, 1) != 0 || t == nullptr) return 1;
-        usleep(20000);
-        const uint32_t start = calls.load();
-        if (start == 0) return 2;  // from the first tick on
-        usleep(1000000);
-        if (calls.load() - start < 350 || calls.load() - start > 650) return 3;
-        TMR_Delete(t);
-        const uint32_t atDelete = calls.load();
-        usleep(2500000);
-        return calls.load() <= atDelete + 1 ? 0 : 4;
-    }), 0);
+                  if (!freopen(err.c_str(), "w", stderr)) return 99;
+                  g_TimerProfilePeriodSec = 1;
+                  g_TimerProfilePrint = 1;
+                  setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
+                  TmrTimer *t = nullptr;
+                  if (TMR_Init() != 0 || TMR_Create(&t, 2.0, count_call, 1) != 0 || t == nullptr) return 1;
+                  usleep(20000);
+                  const uint32_t start = calls.load();
+                  if (start == 0) return 2;  // from the first tick on
+                  usleep(1000000);
+                  if (calls.load() - start < 350 || calls.load() - start > 650) return 3;
+                  TMR_Delete(t);
+                  const uint32_t atDelete = calls.load();
+                  usleep(2500000);
+                  return calls.load() <= atDelete + 1 ? 0 : 4;
+              }),
+              0);
     const std::string text = kavro::test::read_file(err);
     int lines = 0;
     for (size_t pos = 0; (pos = text.find("KAVRO: TC:", pos)) != std::string::npos; ++pos) {
         unsigned long long tc, pm, tm, msm, at, tbt, ed;
         ASSERT_EQ(std::sscanf(text.c_str() + pos, "KAVRO: TC:%llu PM:%llu TM:%llu MSM:%llu AT:%llu TBT:%llu ED:%llu\n",
-                              &tc, &pm, &tm, &msm, &at, &tbt, &ed), 7) << text;
+                              &tc, &pm, &tm, &msm, &at, &tbt, &ed),
+                  7)
+            << text;
         if (++lines > 1) {  // the first period is cut short by the start
             EXPECT_TRUE(tc + pm > 400 && tc < 600 && at > 1500 && at < 2500) << text;
         }

@@ -26,7 +26,10 @@ timeval tod(int64_t us) { return timeval{static_cast<time_t>(us / 1000000), stat
 
 // Time of day of interrupt k of a 4096 Hz train, relative to the origin, as gettimeofday gives it.
 int64_t irq_us(int k) { return static_cast<int64_t>(k) * 1000000 / 4096; }
-struct Dispatch { int64_t atUs; uint64_t served; };
+struct Dispatch {
+    int64_t atUs;
+    uint64_t served;
+};
 
 // Interrupts 1..40, then from..to; the dispatches of a grid started at the origin.
 std::vector<Dispatch> feed(int from, int to, bool catchUp, RtcGrid *grid = nullptr) {
@@ -52,7 +55,7 @@ TEST(RtcDecision, SteadyInterruptsServeEveryBoundaryOnceAlternatelyEarlyAndLate)
 TEST(RtcDecision, SevenMsGapDropsTicksOrCatchesThemUp) {
     auto d = feed(70, 73, false);  // none from 9765 to 17089 us
     ASSERT_EQ(d.size(), 6u);
-    EXPECT_EQ(d[3].atUs, 7812);  // tick 4, early
+    EXPECT_EQ(d[3].atUs, 7812);                           // tick 4, early
     EXPECT_TRUE(d[4].atUs == 17089 && d[4].served == 8);  // ticks 5..7 dropped
     EXPECT_TRUE(d[5].atUs == 17822 && d[5].served == 9);  // tick 9 early
     d = feed(70, 73, true);
@@ -66,7 +69,7 @@ TEST(RtcDecision, ThirteenMsGapOrAClockStepRestartsTheGridWithoutServing) {
         RtcGrid g;
         const auto d = feed(95, 104, catchUp, &g);  // none from 9765 to 23193 us
         ASSERT_EQ(d.size(), 5u) << catchUp;
-        EXPECT_EQ(g.origin.tv_usec, irq_us(95));                     // the new origin
+        EXPECT_EQ(g.origin.tv_usec, irq_us(95));                    // the new origin
         EXPECT_TRUE(d[4].atUs == irq_us(104) && d[4].served == 1);  // about 2.2 ms later
     }
     RtcGrid g;
@@ -133,17 +136,22 @@ std::string engine_threads() {
     _exit(0);
 }
 
-struct RoleRun : ChildOutput { std::string log; };
+struct RoleRun : ChildOutput {
+    std::string log;
+};
 
 RoleRun run_rtc(const char *runMs, std::vector<std::pair<const char *, const char *>> env) {
     ScratchDir dir;
     const std::string log = dir.path() + "/rtc.log";
     RoleRun r{run_captured([&] {
-        env.insert(env.end(), {{"KAVRO_TMR_RUN_MS", runMs}, {"KAVRO_RTC_LOG", log.c_str()}, {"KAVRO_TMR_ROLE", "rtc"},
-                               {"LD_PRELOAD", KAVRO_RTC_EMULATOR_PATH}});
-        for (auto &[k, v] : env) setenv(k, v, 1);
-        return execl("/proc/self/exe", "tmr_rtc_test", static_cast<char *>(nullptr)), 127;
-    }), {}};
+                  env.insert(env.end(), {{"KAVRO_TMR_RUN_MS", runMs},
+                                         {"KAVRO_RTC_LOG", log.c_str()},
+                                         {"KAVRO_TMR_ROLE", "rtc"},
+                                         {"LD_PRELOAD", KAVRO_RTC_EMULATOR_PATH}});
+                  for (auto &[k, v] : env) setenv(k, v, 1);
+                  return execl("/proc/self/exe", "tmr_rtc_test", static_cast<char *>(nullptr)), 127;
+              }),
+              {}};
     return r.log = read_file(log), r;
 }
 
@@ -183,22 +191,29 @@ TEST(RtcLoop, StalledClockIsReportedAndReprogrammedOnce) {
     // No interrupt ever: seen at 5 s; the round ending at 10 s stays silent.
     RoleRun r = run_rtc("11500", {{"KAVRO_RTC_STALL_AFTER", "0"}});
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(count_of(r.err, "KAVRO:TMR_Watchdog: ERROR, The RTC clock is not ticking.  To correct this specify, "
-                              "\"hpet=disable\" (32-bit system) or \"nohpet\" (64-bit system) on the kernel boot "
-                              "line.\n"), 1) << r.err;
+    EXPECT_EQ(count_of(r.err,
+                       "KAVRO:TMR_Watchdog: ERROR, The RTC clock is not ticking.  To correct this specify, "
+                       "\"hpet=disable\" (32-bit system) or \"nohpet\" (64-bit system) on the kernel boot "
+                       "line.\n"),
+              1)
+        << r.err;
     EXPECT_TRUE(count_of(r.log, "IRQP_SET 4096") == 2 && count_of(r.log, "PIE_ON") == 2) << r.log;  // + re-programming
 }
 
 TEST(RtcLoop, DeviceFailuresEndTheProcessWithTheErrorNumber) {
     KAVRO_REQUIRE_RT();
-    const struct { const char *fail, *line; int status; } cases[] = {
-        {"open", "Failed to open /dev/rtc, errno 2\n", ENOENT},
-        {"irqp", "Failed to set RTC IRQ freq, errno 22\n", EINVAL},
-        {"pie", "Failed to enable RTC interrupts, errno 5\n", EIO}, {"read@3", "RTC read failed, errno 5\n", EIO}};
+    const struct {
+        const char *fail, *line;
+        int status;
+    } cases[] = {{"open", "Failed to open /dev/rtc, errno 2\n", ENOENT},
+                 {"irqp", "Failed to set RTC IRQ freq, errno 22\n", EINVAL},
+                 {"pie", "Failed to enable RTC interrupts, errno 5\n", EIO},
+                 {"read@3", "RTC read failed, errno 5\n", EIO}};
     for (const auto &c : cases) {
         RoleRun r = run_rtc("5000", {{"KAVRO_RTC_FAIL", c.fail}});
         EXPECT_TRUE(r.status == c.status && count_of(r.err, std::string("KAVRO:TMR_Handler: ERROR: ") + c.line) == 1)
-            << c.fail << " " << r.status << "\n" << r.err;
+            << c.fail << " " << r.status << "\n"
+            << r.err;
     }
 }
 

@@ -61,7 +61,7 @@ TEST(TickSourceChoice, OverrideHypervisorResolutionAndEnvironment) {
         return choose_tick_source(ovr, hv, true, 1, posix).source;
     };
     EXPECT_TRUE(src(0, true, true) == T::Native && src(-1, false, false) == T::Native);  // PELOSHRT does not matter
-    EXPECT_TRUE(src(0, false, false) == T::Rtc && src(1, true, false) == T::Rtc);  // the override beats detection
+    EXPECT_TRUE(src(0, false, false) == T::Rtc && src(1, true, false) == T::Rtc);        // the override beats detection
     EXPECT_EQ(src(0, false, true), T::PosixTimer);
     SourceChoice c = choose_tick_source(0, true, true, 4000000, false);
     EXPECT_TRUE(c.nativeTried && c.refusal == NativeRefusal::NotHighRes && c.source == TickSource::Rtc);
@@ -70,9 +70,14 @@ TEST(TickSourceChoice, OverrideHypervisorResolutionAndEnvironment) {
 }
 
 TEST(Tuning, EnvironmentSetsTheGlobalsWithTheirMessages) {
-    const struct { std::map<std::string, std::string> env; const char *globals, *messages; } cases[] = {
-        {{{"TORVANEX_TMR_USE_RTC", " -1"}, {"TORVANEX_TMR_PROFILE_PERIOD", "60"},
-          {"TORVANEX_TMR_PROFILE_PRINT", "1"}, {"TORVANEX_TMR_MIN_TIME2TGT", "300"}},
+    const struct {
+        std::map<std::string, std::string> env;
+        const char *globals, *messages;
+    } cases[] = {
+        {{{"TORVANEX_TMR_USE_RTC", " -1"},
+          {"TORVANEX_TMR_PROFILE_PERIOD", "60"},
+          {"TORVANEX_TMR_PROFILE_PRINT", "1"},
+          {"TORVANEX_TMR_MIN_TIME2TGT", "300"}},
          "-1 3600 1 300",
          "KAVRO: Timer override set to -1. Using native clock.\n"
          "KAVRO: Timer profile period set to 60 minutes. \n"
@@ -82,11 +87,13 @@ TEST(Tuning, EnvironmentSetsTheGlobalsWithTheirMessages) {
          "1 60 0 100",
          "KAVRO: Timer override set to 1. Using /dev/rtc.\nKAVRO: Timer profile period set to 1 minutes. \n"
          "KAVRO: Timer min time to target set to 100 us. \n"},
-        {{{"TORVANEX_TMR_PROFILE_PERIOD", "61"}}, "-1 60 0 150",
+        {{{"TORVANEX_TMR_PROFILE_PERIOD", "61"}},
+         "-1 60 0 150",
          "KAVRO: Timer profile period (61) out of range. Ignoring. \n"},
         // Silently: an unknown override resets the host's, a bad minimum is ignored.
         {{{"TORVANEX_TMR_USE_RTC", "2"}, {"TORVANEX_TMR_MIN_TIME2TGT", "301"}, {"TORVANEX_TMR_PROFILE_PRINT", "yes"}},
-         "0 120 0 150", ""},
+         "0 120 0 150",
+         ""},
     };
     for (const auto &c : cases) {
         ChildOutput r = run_captured([&] {
@@ -120,7 +127,8 @@ TEST(TmrInit, RecognisedHypervisorTakesTheNativeLoopOnce) {
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(has(r.err, "KAVRO: VM detected\nKAVRO: Running in a ") &&
                 has(r.err, " VMKAVRO: Using native clock\n") &&
-                r.err.find("Using native clock") == r.err.rfind("Using native clock")) << r.err;
+                r.err.find("Using native clock") == r.err.rfind("Using native clock"))
+        << r.err;
 }
 
 TEST(TmrInit, RefusedRealTimePriorityFailsOnceAndStartsNothing) {
@@ -132,12 +140,17 @@ TEST(TmrInit, RefusedRealTimePriorityFailsOnceAndStartsNothing) {
         if (TMR_Init() != KAVRO_E_FAIL) return 1;
         if (TMR_Init() != 0 || tmrRefs != 1) return 2;
         TmrTimer *t = nullptr;
-        return TMR_Create(&t, 2.0, [](uint32_t) { return 0; }, 0) == 0 && t == nullptr ? 0 : 3;
+        return TMR_Create(
+                   &t, 2.0, [](uint32_t) { return 0; }, 0) == 0 &&
+                       t == nullptr
+                   ? 0
+                   : 3;
     });
     if (r.status == 90) GTEST_SKIP() << "capabilities cannot be dropped here";
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(has(r.err, "KAVRO: Timer override set to -1. Using native clock.\n") &&
-                !has(r.err, "KAVRO: Using native clock\n")) << r.err;  // no source was chosen
+                !has(r.err, "KAVRO: Using native clock\n"))
+        << r.err;  // no source was chosen
 }
 
 int32_t nop(uint32_t) { return 0; }
@@ -153,8 +166,8 @@ TEST(TmrSlot, ArmDisarmReuseAndFree) {
         for (auto bad :
              {TMR_Create(&a, 1.5, nop, 0), TMR_Create(&a, 2.0, nullptr, 0), TMR_Create(nullptr, 2.0, nop, 0)})
             if (bad != KAVRO_E_INVALIDARG || timers.load() != nullptr) return 2;
-        if (TMR_Create(&a, std::nan(""), nop, 7) != 0 || a == nullptr || a->tag != KAVRO_TAG_TMR ||
-            a->interval != 2 || a->remainingMs != 2000 || a->active != 1 || a->callbackArg != 7)
+        if (TMR_Create(&a, std::nan(""), nop, 7) != 0 || a == nullptr || a->tag != KAVRO_TAG_TMR || a->interval != 2 ||
+            a->remainingMs != 2000 || a->active != 1 || a->callbackArg != 7)
             return 4;
         if (TMR_Create(&b, 2.0, nop, 0) != 0 || b != nullptr) return 5;  // slot busy
         if (TMR_SetTime(a, 10.0) != 0 || TMR_Delete(a) != 0 || a->active != 0) return 6;
@@ -181,18 +194,22 @@ TEST(TmrWait, ShortWaitSleepsLongOneIsRefusedSignalEndsItEarly) {
         struct sigaction sa {};
         sa.sa_handler = [](int) {}, sigaction(SIGUSR1, &sa, nullptr);  // no SA_RESTART
         pthread_t self = pthread_self(), t;
-        pthread_create(&t, nullptr, [](void *p) -> void * {
-            usleep(50000);
-            pthread_kill(*static_cast<pthread_t *>(p), SIGUSR1);
-            return nullptr;
-        }, &self);
+        pthread_create(
+            &t, nullptr,
+            [](void *p) -> void * {
+                usleep(50000);
+                pthread_kill(*static_cast<pthread_t *>(p), SIGUSR1);
+                return nullptr;
+            },
+            &self);
         const KAVRO_STATUS st = TMR_Wait(900000);
         pthread_join(t, nullptr);
         return st == KAVRO_E_FAIL ? 0 : 1;
     });
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_TRUE(has(r.err, ":clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs)\n") &&
-                has(r.err, "\033[1;31mUNEXPECTED source/PEL_tmrulx,")) << r.err;  // the one line naming the sleep
+                has(r.err, "\033[1;31mUNEXPECTED source/PEL_tmrulx,"))
+        << r.err;  // the one line naming the sleep
 }
 
 }  // namespace

@@ -23,12 +23,21 @@ TEST(Version, FormsKindsAndFields) {
     const std::string id = "TXcid 01001000-060 libkavro_rt.so ", label(KAVRO_VERSION_ID_MAX - 15, 'b'),
                       id40 = "TXcid 01001000-9 " + std::string(40, 'n') + "tail";
     const std::pair<std::pair<std::string, int32_t>, std::string> cases[] = {
-        {{id, 0}, "1.00 "}, {{id, 2}, "Build: 060"}, {{id, 3}, "libkavro_rt.so"}, {{id, 4}, " "},
-        {{"TXcid 11002030-1 m", 1}, "1.00 Beta 20 Build: 1"}, {{"TXcid 21002030-1 m", 1}, "1.00 Alpha 20.30 Build: 1"},
-        {{"TXcid 31002030-1 m", 1}, "1.00 Exp 20.30 Build: 1"}, {{"TXcid 41002030-1 m", 1}, "1.00 Spec 20 Build: 1"},
-        {{"TXcid 71002030-1 mod.so", 1}, "<refused>"}, {{"TXcid 71002030-1 mod.so", 3}, "mod.so"},  // no kind 7 text
-        {{"TXcid 01001000-", 1}, "1.00  Build: "}, {{"TXcid 01001000-77 m a b", 4}, " a b"},
-        {{id40, 3}, std::string(32, 'n')}, {{id40, 4}, std::string(8, 'n') + "tail"}, {{"TXcid 01001", 1}, "<refused>"},
+        {{id, 0}, "1.00 "},
+        {{id, 2}, "Build: 060"},
+        {{id, 3}, "libkavro_rt.so"},
+        {{id, 4}, " "},
+        {{"TXcid 11002030-1 m", 1}, "1.00 Beta 20 Build: 1"},
+        {{"TXcid 21002030-1 m", 1}, "1.00 Alpha 20.30 Build: 1"},
+        {{"TXcid 31002030-1 m", 1}, "1.00 Exp 20.30 Build: 1"},
+        {{"TXcid 41002030-1 m", 1}, "1.00 Spec 20 Build: 1"},
+        {{"TXcid 71002030-1 mod.so", 1}, "<refused>"},
+        {{"TXcid 71002030-1 mod.so", 3}, "mod.so"},  // no kind 7 text
+        {{"TXcid 01001000-", 1}, "1.00  Build: "},
+        {{"TXcid 01001000-77 m a b", 4}, " a b"},
+        {{id40, 3}, std::string(32, 'n')},
+        {{id40, 4}, std::string(8, 'n') + "tail"},
+        {{"TXcid 01001", 1}, "<refused>"},
         {{"TXcid 21002030-" + label, 1}, "1.00 Alpha 20.30 Build: " + label},  // the longest fits the buffer
         {{"TXcid 21002030-b" + label, 1}, "<refused>"},
     };

@@ -93,40 +93,63 @@ bool parse(const std::vector<std::string> &argv, Options *out, std::string *erro
         if (first < ac) o.topic = copy[static_cast<size_t>(first)];
         return *out = o, true;
     }
-    if (cmd == "version") o.command = Command::Version;
-    else if (cmd == "ipc") o.command = Command::Ipc;
-    else if (cmd == "latency") o.command = Command::Latency;
+    if (cmd == "version")
+        o.command = Command::Version;
+    else if (cmd == "ipc")
+        o.command = Command::Ipc;
+    else if (cmd == "latency")
+        o.command = Command::Latency;
     else if (cmd == "reg") {
         const std::string sub = first < ac ? copy[static_cast<size_t>(first)] : "";
         if (sub == "--help" || sub == "-h") return o.topic = "reg", *out = o, true;
-        if (sub == "get") o.command = Command::RegGet;
-        else if (sub == "set") o.command = Command::RegSet;
-        else if (sub == "list") o.command = Command::RegList;
-        else if (sub.empty()) return fail("reg needs a subcommand: get, set or list");
-        else return fail("unknown reg subcommand '" + sub + "' (get, set or list)");
+        if (sub == "get")
+            o.command = Command::RegGet;
+        else if (sub == "set")
+            o.command = Command::RegSet;
+        else if (sub == "list")
+            o.command = Command::RegList;
+        else if (sub.empty())
+            return fail("reg needs a subcommand: get, set or list");
+        else
+            return fail("unknown reg subcommand '" + sub + "' (get, set or list)");
         ++first;
     } else {
         return fail("unknown command '" + cmd + "' (try: kavro --help)");
     }
 
-    const option all[] = {{"help", no_argument, nullptr, kHelp},      {"dword", no_argument, nullptr, kDword},
-                          {"seconds", required_argument, nullptr, kSeconds}, {"svg", required_argument, nullptr, kSvg},
-                          {"png", required_argument, nullptr, kPng},   {"csv", required_argument, nullptr, kCsv},
-                          {"quiet", no_argument, nullptr, kQuiet},     {"idle", no_argument, nullptr, kIdle},
-                          {"root", required_argument, nullptr, kRoot}, {"clean", no_argument, nullptr, kClean},
-                          {"dry-run", no_argument, nullptr, kDry},     {}};
+    const option all[] = {{"help", no_argument, nullptr, kHelp},
+                          {"dword", no_argument, nullptr, kDword},
+                          {"seconds", required_argument, nullptr, kSeconds},
+                          {"svg", required_argument, nullptr, kSvg},
+                          {"png", required_argument, nullptr, kPng},
+                          {"csv", required_argument, nullptr, kCsv},
+                          {"quiet", no_argument, nullptr, kQuiet},
+                          {"idle", no_argument, nullptr, kIdle},
+                          {"root", required_argument, nullptr, kRoot},
+                          {"clean", no_argument, nullptr, kClean},
+                          {"dry-run", no_argument, nullptr, kDry},
+                          {}};
     // Which options each command takes.
     auto allowed = [&](int opt) {
         switch (opt) {
             case kHelp: return true;
             case kDword: return o.command == Command::RegSet;
-            case kSeconds: case kSvg: case kPng: case kCsv: case kQuiet: case kIdle: return o.command == Command::Latency;
-            case kRoot: case kClean: case kDry: return o.command == Command::Ipc;
+            case kSeconds:
+            case kSvg:
+            case kPng:
+            case kCsv:
+            case kQuiet:
+            case kIdle: return o.command == Command::Latency;
+            case kRoot:
+            case kClean:
+            case kDry: return o.command == Command::Ipc;
             default: return false;
         }
     };
-    const std::string name = o.command == Command::RegGet ? "reg get" : o.command == Command::RegSet ? "reg set"
-                             : o.command == Command::RegList ? "reg list" : cmd;
+    const std::string name = o.command == Command::RegGet    ? "reg get"
+                             : o.command == Command::RegSet  ? "reg set"
+                             : o.command == Command::RegList ? "reg list"
+                                                             : cmd;
     std::vector<char *> sub(av.begin() + first - 1, av.end());
     const int sc = static_cast<int>(sub.size()) - 1;
     optind = 0;
@@ -134,12 +157,15 @@ bool parse(const std::vector<std::string> &argv, Options *out, std::string *erro
     while ((c = getopt_long(sc, sub.data(), "h", all, &idx)) != -1) {
         const std::string given = sub[static_cast<size_t>(optind - 1)];
         if (c == '?' || c == ':' || !allowed(c)) {
-            if (c == '?' && optopt != 0 && allowed(optopt))
-                return fail("option '" + given + "' needs a value");
+            if (c == '?' && optopt != 0 && allowed(optopt)) return fail("option '" + given + "' needs a value");
             return fail("unknown option '" + given + "' for " + name);
         }
         switch (c) {
-            case kHelp: o.topic = cmd; o.command = Command::Help; *out = o; return true;
+            case kHelp:
+                o.topic = cmd;
+                o.command = Command::Help;
+                *out = o;
+                return true;
             case kDword: o.dword = true; break;
             case kSeconds:
                 if (!to_int(optarg, 1, 3600, &o.seconds)) return fail("--seconds takes a number from 1 to 3600");
@@ -206,7 +232,9 @@ bool parse_registry(const std::string &text, std::vector<RegRecord> *records, st
 
 const RegRecord *find_record(const std::vector<RegRecord> &records, const std::string &subkey,
                              const std::string &entry) {
-    auto begins = [](const std::string &line, const std::string &name) { return name.compare(0, line.size(), line) == 0; };
+    auto begins = [](const std::string &line, const std::string &name) {
+        return name.compare(0, line.size(), line) == 0;
+    };
     for (const RegRecord &r : records)
         if (begins(r.subkey, subkey) && begins(r.entry, entry)) return &r;
     return nullptr;
@@ -260,8 +288,9 @@ void draw_chart(Canvas &cv, const kavro::tool::LatencyStats &st, const RunInfo &
     cv.text(kLeft, 62, buf, 0, 12);
     for (int i = 0; i < n; ++i) {
         const uint64_t v = bins[static_cast<size_t>(i)];
-        if (v != 0) cv.rect(kLeft + i * bar_w + 1, y_of(static_cast<double>(v)), std::max(1.0, bar_w - 2),
-                            kTop + kPlotH - y_of(static_cast<double>(v)), i + 1 == n);
+        if (v != 0)
+            cv.rect(kLeft + i * bar_w + 1, y_of(static_cast<double>(v)), std::max(1.0, bar_w - 2),
+                    kTop + kPlotH - y_of(static_cast<double>(v)), i + 1 == n);
     }
     cv.line(kLeft, kTop, kLeft, kTop + kPlotH);
     cv.line(kLeft, kTop + kPlotH, kLeft + kPlotW, kTop + kPlotH);
@@ -279,17 +308,22 @@ void draw_chart(Canvas &cv, const kavro::tool::LatencyStats &st, const RunInfo &
         cv.line(x, kTop + kPlotH, x, kTop + kPlotH + 5);
         cv.text(x, kTop + kPlotH + 18, std::to_string(i * width), 1, 11);
     }
-    cv.text(kLeft + kPlotW / 2.0, kTop + kPlotH + 42, "lateness against the 2 ms grid (us); red: beyond the axis", 1, 12);
+    cv.text(kLeft + kPlotW / 2.0, kTop + kPlotH + 42, "lateness against the 2 ms grid (us); red: beyond the axis", 1,
+            12);
     cv.text(18, kTop + kPlotH / 2.0, "ticks (log scale)", 1, 12, true);
 }
 
 std::string escape(const std::string &s) {
     std::string r;
     for (char c : s) {
-        if (c == '<') r += "&lt;";
-        else if (c == '>') r += "&gt;";
-        else if (c == '&') r += "&amp;";
-        else r += c;
+        if (c == '<')
+            r += "&lt;";
+        else if (c == '>')
+            r += "&gt;";
+        else if (c == '&')
+            r += "&amp;";
+        else
+            r += c;
     }
     return r;
 }
@@ -303,7 +337,8 @@ struct SvgCanvas : Canvas {
         s << b;
     }
     void line(double x1, double y1, double x2, double y2) override {
-        s << "<line x1=\"" << x1 << "\" y1=\"" << y1 << "\" x2=\"" << x2 << "\" y2=\"" << y2 << "\" stroke=\"black\"/>\n";
+        s << "<line x1=\"" << x1 << "\" y1=\"" << y1 << "\" x2=\"" << x2 << "\" y2=\"" << y2
+          << "\" stroke=\"black\"/>\n";
     }
     void text(double x, double y, const std::string &t, int anchor, double size, bool vertical) override {
         static const char *anchors[] = {"start", "middle", "end"};
@@ -319,8 +354,10 @@ struct CairoCanvas : Canvas {
     cairo_t *cr;
     explicit CairoCanvas(cairo_t *c) : cr(c) {}
     void rect(double x, double y, double w, double h, bool overflow) override {
-        if (overflow) cairo_set_source_rgb(cr, 0.75, 0.22, 0.17);
-        else cairo_set_source_rgb(cr, 0.18, 0.53, 0.76);
+        if (overflow)
+            cairo_set_source_rgb(cr, 0.75, 0.22, 0.17);
+        else
+            cairo_set_source_rgb(cr, 0.18, 0.53, 0.76);
         cairo_rectangle(cr, x, y, w, h);
         cairo_fill(cr);
     }

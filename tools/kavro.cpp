@@ -70,7 +70,8 @@ bool read_registry(std::vector<kavro::cli::RegRecord> *records, int *rc) {
     std::fclose(f);
     if (bad) return errno = err, *rc = fail_errno(std::string("cannot read ") + kRegistry), false;
     std::string error;
-    if (!kavro::cli::parse_registry(text, records, &error)) return *rc = fail(std::string(kRegistry) + ": " + error), false;
+    if (!kavro::cli::parse_registry(text, records, &error))
+        return *rc = fail(std::string(kRegistry) + ": " + error), false;
     return true;
 }
 
@@ -105,16 +106,16 @@ int cmd_reg_set(const Options &o) {
     uint32_t size = o.dword ? sizeof number : static_cast<uint32_t>(o.args[2].size() + 1);
     REG_Init();
     errno = 0;
-    const KAVRO_STATUS st = REG_SetValue(nullptr, o.args[0].c_str(), o.args[1].c_str(),
-                                         o.dword ? KAVRO_REG_DWORD : KAVRO_REG_SZ,
-                                         o.dword ? static_cast<const void *>(&number) : o.args[2].c_str(), &size);
+    const KAVRO_STATUS st =
+        REG_SetValue(nullptr, o.args[0].c_str(), o.args[1].c_str(), o.dword ? KAVRO_REG_DWORD : KAVRO_REG_SZ,
+                     o.dword ? static_cast<const void *>(&number) : o.args[2].c_str(), &size);
     const int err = errno;
     REG_Exit();
     if (st != 0) return fail_status(std::string("cannot write ") + kRegistry, st, err);
     // The registry keeps the number in decimal and the library reads it back as hexadecimal digits.
     if (o.dword) {
-        const uint32_t back = static_cast<uint32_t>(std::min(std::strtoull(std::to_string(number).c_str(), nullptr, 16),
-                                                             0xFFFFFFFFull));
+        const uint32_t back =
+            static_cast<uint32_t>(std::min(std::strtoull(std::to_string(number).c_str(), nullptr, 16), 0xFFFFFFFFull));
         std::printf("%s %s stored as %u; a read gives 0x%08X (%u)\n", o.args[0].c_str(), o.args[1].c_str(), number,
                     back, back);
     }
@@ -199,20 +200,27 @@ int cmd_ipc(const Options &o) {
     while (dirent *e = readdir(d)) {
         int32_t key = 0;
         int streams = -1;
-        if (channel_key(e->d_name, ".pipe.", &key)) streams = 0;
-        else if (channel_key(e->d_name, ".strpipe.", &key)) streams = 1;
+        if (channel_key(e->d_name, ".pipe.", &key))
+            streams = 0;
+        else if (channel_key(e->d_name, ".strpipe.", &key))
+            streams = 1;
         if (streams < 0) continue;
         const KAVRO_STATUS st = IPC_FIFO_CheckKey_2(static_cast<uint32_t>(key), streams);
         char what[96];
         std::snprintf(what, sizeof what, "%s channel %d, reader %s", streams ? "streams" : "pipe", key,
-                      st == 0 ? "present" : st == KAVRO_E_FAIL ? "absent" : "unknown");
+                      st == 0              ? "present"
+                      : st == KAVRO_E_FAIL ? "absent"
+                                           : "unknown");
         base = dir + "/" + e->d_name;
-        c.object(what, st == KAVRO_E_FAIL, "no reader", [](long long) {
-            bool ok = true;
-            for (std::string p = base; p.size() <= base.size() + 3; p += '_')
-                if (unlink(p.c_str()) != 0 && errno != ENOENT) ok = false;
-            return ok;
-        }, 0);
+        c.object(
+            what, st == KAVRO_E_FAIL, "no reader",
+            [](long long) {
+                bool ok = true;
+                for (std::string p = base; p.size() <= base.size() + 3; p += '_')
+                    if (unlink(p.c_str()) != 0 && errno != ENOENT) ok = false;
+                return ok;
+            },
+            0);
     }
     closedir(d);
     IPC_FIFO_Exit();
@@ -221,18 +229,20 @@ int cmd_ipc(const Options &o) {
     char what[128];
     // shm: key shmid perms size cpid lpid nattch
     for (const auto &r : sysv_rows("/proc/sysvipc/shm")) {
-        std::snprintf(what, sizeof what, "shm id %lld key 0x%08llx, creator %lld, %lld attached", r[1], r[0] & 0xFFFFFFFFll,
-                      r[4], r[6]);
-        c.object(what, r[6] == 0 && gone(r[4]), "creator gone, not attached",
-                 [](long long id) { return shmctl(static_cast<int>(id), IPC_RMID, nullptr) == 0; }, r[1]);
+        std::snprintf(what, sizeof what, "shm id %lld key 0x%08llx, creator %lld, %lld attached", r[1],
+                      r[0] & 0xFFFFFFFFll, r[4], r[6]);
+        c.object(
+            what, r[6] == 0 && gone(r[4]), "creator gone, not attached",
+            [](long long id) { return shmctl(static_cast<int>(id), IPC_RMID, nullptr) == 0; }, r[1]);
     }
     // msg: key msqid perms cbytes qnum lspid lrpid; a queue nobody has used yet is kept
     for (const auto &r : sysv_rows("/proc/sysvipc/msg")) {
         std::snprintf(what, sizeof what, "queue id %lld key 0x%08llx, %lld message(s), last sender %lld, receiver %lld",
                       r[1], r[0] & 0xFFFFFFFFll, r[4], r[5], r[6]);
         const bool unused = (r[5] > 0 || r[6] > 0) && (r[5] == 0 || gone(r[5])) && (r[6] == 0 || gone(r[6]));
-        c.object(what, unused, "last sender and receiver gone",
-                 [](long long id) { return msgctl(static_cast<int>(id), IPC_RMID, nullptr) == 0; }, r[1]);
+        c.object(
+            what, unused, "last sender and receiver gone",
+            [](long long id) { return msgctl(static_cast<int>(id), IPC_RMID, nullptr) == 0; }, r[1]);
     }
     // sem: key semid perms nsems; per semaphore the last process and the waiters
     for (const auto &r : sysv_rows("/proc/sysvipc/sem")) {
@@ -243,9 +253,11 @@ int cmd_ipc(const Options &o) {
             if (semctl(id, i, GETNCNT) > 0 || semctl(id, i, GETZCNT) > 0 || (pid > 0 && !gone(pid))) unused = false;
             used = used || pid > 0;
         }
-        std::snprintf(what, sizeof what, "sem id %lld key 0x%08llx, %lld semaphore(s)", r[1], r[0] & 0xFFFFFFFFll, r[3]);
-        c.object(what, used && unused, "last users gone, no waiters",
-                 [](long long sid) { return semctl(static_cast<int>(sid), 0, IPC_RMID) == 0; }, r[1]);
+        std::snprintf(what, sizeof what, "sem id %lld key 0x%08llx, %lld semaphore(s)", r[1], r[0] & 0xFFFFFFFFll,
+                      r[3]);
+        c.object(
+            what, used && unused, "last users gone, no waiters",
+            [](long long sid) { return semctl(static_cast<int>(sid), 0, IPC_RMID) == 0; }, r[1]);
     }
     // Snapshots left by processes that ended without removing theirs (`kavro top`).
     if (o.clean && !o.dryRun) c.removed += kavro::top::remove_dead_snapshots(stdout);

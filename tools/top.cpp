@@ -81,8 +81,14 @@ bool load(const std::string &path, uid_t owner, pid_t namedPid, Snapshot &s) {
     std::vector<char> buf;
     for (int attempt = 0; attempt < kReadTries; ++attempt) {
         why = nullptr;
-        if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) { why = "not a regular file"; break; }
-        if (st.st_uid != owner) { why = "wrong owner"; break; }
+        if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+            why = "not a regular file";
+            break;
+        }
+        if (st.st_uid != owner) {
+            why = "wrong owner";
+            break;
+        }
         const uint64_t size = static_cast<uint64_t>(st.st_size);
         if (size < sizeof(Header) || size > sizeof(Header) + uint64_t{kavro::pub::kMaxRows} * sizeof(Row)) {
             why = "wrong size";
@@ -90,17 +96,33 @@ bool load(const std::string &path, uid_t owner, pid_t namedPid, Snapshot &s) {
         }
         buf.assign(size, 0);
         const ssize_t got = pread(fd, buf.data(), size, 0);
-        if (got != static_cast<ssize_t>(size)) { why = "truncated"; continue; }
+        if (got != static_cast<ssize_t>(size)) {
+            why = "truncated";
+            continue;
+        }
         std::memcpy(&s.h, buf.data(), sizeof(Header));
         const Header &h = s.h;
-        if (std::memcmp(h.magic, kavro::pub::kMagic, sizeof h.magic) != 0) { why = "wrong magic"; break; }
+        if (std::memcmp(h.magic, kavro::pub::kMagic, sizeof h.magic) != 0) {
+            why = "wrong magic";
+            break;
+        }
         if (h.version != kavro::pub::kVersion || h.headerSize != sizeof(Header) || h.rowSize != sizeof(Row)) {
             why = "unknown layout";
             break;
         }
-        if (static_cast<pid_t>(h.pid) != namedPid) { why = "names another process"; break; }
-        if (process_gone(h)) { s.gone = true; break; }
-        if (h.seq % 2 != 0) { why = "being rewritten"; usleep(20000); continue; }
+        if (static_cast<pid_t>(h.pid) != namedPid) {
+            why = "names another process";
+            break;
+        }
+        if (process_gone(h)) {
+            s.gone = true;
+            break;
+        }
+        if (h.seq % 2 != 0) {
+            why = "being rewritten";
+            usleep(20000);
+            continue;
+        }
         if (h.rows > kavro::pub::kMaxRows || size != sizeof(Header) + uint64_t{h.rows} * sizeof(Row)) {
             why = "wrong size";
             continue;
@@ -257,8 +279,8 @@ void print_table(const std::vector<Snapshot> &all) {
     int live = 0;
     for (const Snapshot &s : all) live += s.gone ? 0 : 1;
     std::printf("kavro top  %s  %d process%s\n", when, live, live == 1 ? "" : "es");
-    std::printf("%7s %-15s %4s %7s %7s %7s %8s %5s %6s %5s\n", "PID", "COMMAND", "THR", "LCK/W", "MBX/F",
-                "CHN/NR", "TICKS", "LATE", "WORST", "P99");
+    std::printf("%7s %-15s %4s %7s %7s %7s %8s %5s %6s %5s\n", "PID", "COMMAND", "THR", "LCK/W", "MBX/F", "CHN/NR",
+                "TICKS", "LATE", "WORST", "P99");
     for (const Snapshot &s : all) {
         if (s.gone) {
             std::printf("%7u %-15.15s gone, snapshot removed\n", s.h.pid, s.h.comm);
@@ -280,9 +302,9 @@ void print_process(const Snapshot &s) {
     if (s.gone) return;
     if (s.h.tickSource != 0)
         std::printf("timer: source %s, ticks served %llu, skipped %llu, worst %uus, p99 %lluus\n",
-                source_name(s.h.tickSource), static_cast<unsigned long long>(s.h.ticksServed),
-                static_cast<unsigned long long>(s.h.ticksSkipped), s.h.worstUs,
-                static_cast<unsigned long long>(percentile_us(s.h, 0.99)));
+                    source_name(s.h.tickSource), static_cast<unsigned long long>(s.h.ticksServed),
+                    static_cast<unsigned long long>(s.h.ticksSkipped), s.h.worstUs,
+                    static_cast<unsigned long long>(percentile_us(s.h, 0.99)));
     if (s.h.ticksServed != 0) {
         std::printf("lateness:");
         int shown = 0;
@@ -304,24 +326,23 @@ void print_process(const Snapshot &s) {
                 case kavro::pub::Thread:
                     std::printf("  %-16.16s %3lld %3lld %-6s %c %5lld %-16.16s %7lld%s\n", r.name[0] ? r.name : "-",
                                 (long long)v[0], (long long)v[1], policy_name(v[2]),
-                                v[3] ? static_cast<char>(v[3]) : '?',
-                                (long long)v[4], v[5] != 0 ? "task lock" : "-", (long long)v[6],
-                                v[7] ? " suspended" : "");
+                                v[3] ? static_cast<char>(v[3]) : '?', (long long)v[4], v[5] != 0 ? "task lock" : "-",
+                                (long long)v[6], v[7] ? " suspended" : "");
                     break;
                 case kavro::pub::Lock:
                     std::printf("  %-16.16s %-18.18s %5lld %7lld\n", r.name,
-                                thread_name(s, static_cast<uint64_t>(v[0])).c_str(),
-                                (long long)v[1], (long long)v[2]);
+                                thread_name(s, static_cast<uint64_t>(v[0])).c_str(), (long long)v[1], (long long)v[2]);
                     break;
                 case kavro::pub::Semaphore:
                     std::printf("  0x%-16llx %-9s %7lld %7lld\n", (unsigned long long)r.id,
-                                v[0] == 0 ? "counter" : v[0] == 1 ? "posix" : "system-v", (long long)v[1],
-                                (long long)v[2]);
+                                v[0] == 0   ? "counter"
+                                : v[0] == 1 ? "posix"
+                                            : "system-v",
+                                (long long)v[1], (long long)v[2]);
                     break;
                 case kavro::pub::Mailbox:
                     std::printf("  0x%-16llx %5lld %5lld %5lld %8lld %6lld%s\n", (unsigned long long)r.id,
-                                (long long)v[0],
-                                (long long)v[1], (long long)v[2], (long long)v[3], (long long)v[4],
+                                (long long)v[0], (long long)v[1], (long long)v[2], (long long)v[3], (long long)v[4],
                                 v[0] > 0 && v[1] >= v[0] ? "  FULL" : "");
                     break;
                 case kavro::pub::Channel:
@@ -348,9 +369,12 @@ void json_string(const char *s) {
     std::putchar('"');
     for (; *s != '\0'; ++s) {
         const unsigned char c = static_cast<unsigned char>(*s);
-        if (c == '"' || c == '\\') std::printf("\\%c", c);
-        else if (c < 0x20) std::printf("\\u%04x", c);
-        else std::putchar(c);
+        if (c == '"' || c == '\\')
+            std::printf("\\%c", c);
+        else if (c < 0x20)
+            std::printf("\\u%04x", c);
+        else
+            std::putchar(c);
     }
     std::putchar('"');
 }
@@ -363,15 +387,16 @@ void print_json(const std::vector<Snapshot> &all) {
         json_string(s.h.comm);
         std::printf(", \"gone\": %s", s.gone ? "true" : "false");
         if (!s.gone) {
-            std::printf(", \"timer\": {\"source\": \"%s\", \"served\": %llu, \"skipped\": %llu, \"worst_us\": %u, "
-                        "\"p99_us\": %llu, \"histogram\": [",
-                        source_name(s.h.tickSource), (unsigned long long)s.h.ticksServed,
-                        (unsigned long long)s.h.ticksSkipped, s.h.worstUs,
-                        (unsigned long long)percentile_us(s.h, 0.99));
+            std::printf(
+                ", \"timer\": {\"source\": \"%s\", \"served\": %llu, \"skipped\": %llu, \"worst_us\": %u, "
+                "\"p99_us\": %llu, \"histogram\": [",
+                source_name(s.h.tickSource), (unsigned long long)s.h.ticksServed, (unsigned long long)s.h.ticksSkipped,
+                s.h.worstUs, (unsigned long long)percentile_us(s.h, 0.99));
             for (int b = 0; b < kavro::pub::kHistBuckets; ++b) std::printf("%s%u", b ? ", " : "", s.h.hist[b]);
-            std::printf("]}, \"late_ticks\": %llu, \"full_mailboxes\": %d, \"waited_locks\": %d, "
-                        "\"channels_without_reader\": %d, \"objects\": [",
-                        (unsigned long long)s.lateTicks, s.fullMailboxes, s.waitedLocks, s.channelsNoReader);
+            std::printf(
+                "]}, \"late_ticks\": %llu, \"full_mailboxes\": %d, \"waited_locks\": %d, "
+                "\"channels_without_reader\": %d, \"objects\": [",
+                (unsigned long long)s.lateTicks, s.fullMailboxes, s.waitedLocks, s.channelsNoReader);
             static const char *fields[][8] = {
                 {},
                 {"priority", "platform_priority", "policy", "state", "lock_depth", "waits_for", "tid", "suspended"},
@@ -415,11 +440,16 @@ int run(const std::vector<std::string> &args) {
     long pid = 0;
     for (size_t i = 0; i < args.size(); ++i) {
         static const char kUsage[] = "usage: kavro top [--once] [--json] [--pid=N]\n";
-        if (args[i] == "--once") once = true;
-        else if (args[i] == "--json") json = true;
-        else if (args[i] == "--help") return std::printf("%s", kUsage) > 0 && std::fflush(stdout) == 0 ? 0 : 1;
-        else if (args[i].rfind("--pid=", 0) == 0 && (pid = std::atol(args[i].c_str() + 6)) > 0) continue;
-        else if (args[i] == "--pid" && i + 1 < args.size() && (pid = std::atol(args[i + 1].c_str())) > 0) ++i;
+        if (args[i] == "--once")
+            once = true;
+        else if (args[i] == "--json")
+            json = true;
+        else if (args[i] == "--help")
+            return std::printf("%s", kUsage) > 0 && std::fflush(stdout) == 0 ? 0 : 1;
+        else if (args[i].rfind("--pid=", 0) == 0 && (pid = std::atol(args[i].c_str() + 6)) > 0)
+            continue;
+        else if (args[i] == "--pid" && i + 1 < args.size() && (pid = std::atol(args[i + 1].c_str())) > 0)
+            ++i;
         else {
             std::fprintf(stderr, "kavro: %s", kUsage);
             return 2;
@@ -436,9 +466,12 @@ int run(const std::vector<std::string> &args) {
             }
         }
         if (!once) std::printf("\033[H\033[2J");
-        if (json) print_json(all);
-        else if (pid != 0) for (const Snapshot &s : all) print_process(s);
-        else print_table(all);
+        if (json)
+            print_json(all);
+        else if (pid != 0)
+            for (const Snapshot &s : all) print_process(s);
+        else
+            print_table(all);
         std::fflush(stdout);
         if (once) return 0;
         sleep(1);

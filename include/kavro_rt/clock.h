@@ -67,8 +67,7 @@ int timer_create(clockid_t clock_id, struct sigevent *evp, timer_t *timerid);
  * @retval 0  done
  * @retval -1 failed; errno EINVAL (unknown timer, bad nanoseconds), EFAULT
  */
-int timer_settime(timer_t timerid, int flags, const struct itimerspec *value,
-                  struct itimerspec *ovalue);
+int timer_settime(timer_t timerid, int flags, const struct itimerspec *value, struct itimerspec *ovalue);
 
 /**
  * Read a timer's remaining time and interval (system call 261).
@@ -133,8 +132,7 @@ int clock_getres(clockid_t clock_id, struct timespec *res);
  * @retval -1 failed; errno EINTR (a signal handler ran), EINVAL (unknown
  *            clock or flag, bad nanoseconds: `rem` is not written), EFAULT
  */
-int clock_nanosleep(clockid_t clock_id, int flags, const struct timespec *req,
-                    struct timespec *rem);
+int clock_nanosleep(clockid_t clock_id, int flags, const struct timespec *req, struct timespec *rem);
 #endif /* KAVRO_DOXYGEN */
 
 #endif /* KAVRO_RT_CLOCK_H */

@@ -125,8 +125,7 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Exit(void);
  * @retval 0          done (check @p fd)
  * @retval KAVRO_E_INVALIDARG @p fd or @p path is null
  */
-KAVRO_API KAVRO_STATUS IPC_FIFO_Create(uintptr_t reserved, int32_t *fd, uintptr_t reserved2,
-                                       const char *path);
+KAVRO_API KAVRO_STATUS IPC_FIFO_Create(uintptr_t reserved, int32_t *fd, uintptr_t reserved2, const char *path);
 
 /**
  * Reader side: one `read` of up to @p length bytes.
@@ -169,9 +168,8 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Read(int32_t fd, void *buffer, int32_t *count, u
  *                    failed otherwise, or the index pipe is full (the
  *                    message then stands without its rank byte)
  */
-KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t reserved, uint32_t key, int32_t msgTag,
-                                      const void *buffer, int32_t *written, uint32_t length,
-                                      int32_t isStreams);
+KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t reserved, uint32_t key, int32_t msgTag, const void *buffer,
+                                      int32_t *written, uint32_t length, int32_t isStreams);
 
 /**
  * Is a reader present on channel @p key of one kind? Opens the index pipe
@@ -203,8 +201,7 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_CheckKey(uint32_t key);
  * @retval 0          done (0 reports when the family is not up)
  * @retval KAVRO_E_INVALIDARG @p status or @p count is null
  */
-KAVRO_API KAVRO_STATUS IPC_FIFO_KeyStatus(FifoKeyStatus *status, int32_t *count,
-                                          int32_t isStreams);
+KAVRO_API KAVRO_STATUS IPC_FIFO_KeyStatus(FifoKeyStatus *status, int32_t *count, int32_t isStreams);
 
 /**
  * Close and forget channels of one kind: every table entry of each listed
@@ -216,8 +213,7 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_KeyStatus(FifoKeyStatus *status, int32_t *count,
  * @retval 0          done
  * @retval KAVRO_E_FAIL @p status is null
  */
-KAVRO_API KAVRO_STATUS IPC_FIFO_RemoveKeys(const FifoKeyStatus *status, int32_t count,
-                                           int32_t isStreams);
+KAVRO_API KAVRO_STATUS IPC_FIFO_RemoveKeys(const FifoKeyStatus *status, int32_t count, int32_t isStreams);
 
 /** Does nothing; accepts any arguments. @param reserved ignored @retval 0 always */
 KAVRO_API KAVRO_STATUS IPC_FIFO_Delete(uintptr_t reserved, ...);

@@ -141,8 +141,8 @@ KAVRO_API KAVRO_STATUS IPC_Clean(void);
  * are the System V message buffer; `dataLength` stays in the process.
  */
 typedef struct MessageRecord {
-    int32_t dataLength; /**< data bytes to send; after a receive, its result */
-    long msgType;       /**< System V message type, greater than 0 */
+    int32_t dataLength;             /**< data bytes to send; after a receive, its result */
+    long msgType;                   /**< System V message type, greater than 0 */
     char data[KAVRO_MSGQ_MAX_DATA]; /**< the message text */
 } MessageRecord;
 
@@ -254,7 +254,8 @@ KAVRO_API KAVRO_STATUS IPC_MSGQ_Send(void *handle, const void *data, int32_t len
  *                    buffer, a message without data, a removed queue, or
  *                    @p handle is not a queue handle
  */
-KAVRO_API KAVRO_STATUS IPC_MSGQ_Rcv(void *handle, void *buffer, int32_t size, uint32_t *outLength, int32_t msgType, uint32_t flags);
+KAVRO_API KAVRO_STATUS IPC_MSGQ_Rcv(void *handle, void *buffer, int32_t size, uint32_t *outLength, int32_t msgType,
+                                    uint32_t flags);
 
 /**
  * Remove the queue system-wide and free the handle.
@@ -312,7 +313,8 @@ typedef struct SharedMemoryRecord {
  *                    @p size, or a size the system refuses)
  * @retval KAVRO_E_OUTOFMEMORY the record could not be allocated (the segment stays)
  */
-KAVRO_API KAVRO_STATUS IPC_SHM_Create(void **outHandle, uint32_t key, uint32_t size, void **outAddress, const char *name);
+KAVRO_API KAVRO_STATUS IPC_SHM_Create(void **outHandle, uint32_t key, uint32_t size, void **outAddress,
+                                      const char *name);
 
 /**
  * Attach a handle's segment that is not attached yet; the address is then

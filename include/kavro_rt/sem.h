@@ -126,8 +126,7 @@ KAVRO_API int32_t SEM_Exit(void);
  * @retval KAVRO_E_FAIL the System V set could be neither created nor opened
  * @retval KAVRO_E_OUTOFMEMORY out of memory
  */
-KAVRO_API KAVRO_STATUS SEM_Create(SEM_HANDLE *handle, int32_t initialCount, uint32_t key,
-                                  uint32_t systemWide);
+KAVRO_API KAVRO_STATUS SEM_Create(SEM_HANDLE *handle, int32_t initialCount, uint32_t key, uint32_t systemWide);
 
 /**
  * Create a process-local semaphore of the POSIX kind (an unnamed POSIX

@@ -15,7 +15,7 @@
 #include <stdint.h>
 
 #if defined(__GNUC__)
-#define KAVRO_API __attribute__((visibility("default")))
+#define KAVRO_API          __attribute__((visibility("default")))
 #define KAVRO_PRINTF(f, a) __attribute__((format(printf, f, a)))
 #else
 #define KAVRO_API
@@ -24,7 +24,7 @@
 
 #ifdef __cplusplus
 #define KAVRO_BEGIN_DECLS extern "C" {
-#define KAVRO_END_DECLS }
+#define KAVRO_END_DECLS   }
 #else
 #define KAVRO_BEGIN_DECLS
 #define KAVRO_END_DECLS
@@ -37,18 +37,18 @@ typedef uint32_t KAVRO_STATUS;
 
 /** @name Status values */
 /**@{*/
-#define KAVRO_OK              0x00000000u /**< success */
-#define KAVRO_E_FAIL          0x80004005u /**< bad or foreign handle, failed system call, unsupported */
-#define KAVRO_E_INVALIDARG    0x80070057u /**< invalid argument */
-#define KAVRO_E_POINTER       0x80004003u /**< null pointer (thread creation) */
-#define KAVRO_E_OUTOFMEMORY   0x8007000Eu /**< out of memory */
-#define KAVRO_E_NOTIMPL       0x80004001u /**< not implemented */
-#define KAVRO_E_TIMEOUT       0x80040201u /**< a wait timed out */
-#define KAVRO_E_AGAIN         0x80070007u /**< nothing available now (would block, queue full, no message) */
-#define KAVRO_E_BROKENPIPE    0x80070008u /**< the peer is gone */
-#define KAVRO_E_NOTMRINIT     0x80070009u /**< the timer engine is not initialised */
-#define KAVRO_E_NOREADER      0x8007000Au /**< no reader has the named pipe open */
-#define KAVRO_E_LOADFAILED    0x80040301u /**< a module could not be loaded */
+#define KAVRO_OK            0x00000000u /**< success */
+#define KAVRO_E_FAIL        0x80004005u /**< bad or foreign handle, failed system call, unsupported */
+#define KAVRO_E_INVALIDARG  0x80070057u /**< invalid argument */
+#define KAVRO_E_POINTER     0x80004003u /**< null pointer (thread creation) */
+#define KAVRO_E_OUTOFMEMORY 0x8007000Eu /**< out of memory */
+#define KAVRO_E_NOTIMPL     0x80004001u /**< not implemented */
+#define KAVRO_E_TIMEOUT     0x80040201u /**< a wait timed out */
+#define KAVRO_E_AGAIN       0x80070007u /**< nothing available now (would block, queue full, no message) */
+#define KAVRO_E_BROKENPIPE  0x80070008u /**< the peer is gone */
+#define KAVRO_E_NOTMRINIT   0x80070009u /**< the timer engine is not initialised */
+#define KAVRO_E_NOREADER    0x8007000Au /**< no reader has the named pipe open */
+#define KAVRO_E_LOADFAILED  0x80040301u /**< a module could not be loaded */
 /**@}*/
 
 /**
@@ -66,7 +66,7 @@ typedef uint32_t KAVRO_STATUS;
 KAVRO_API const char *KAVRO_StatusText(KAVRO_STATUS status);
 
 /** True when a status word reports a failure. */
-#define KAVRO_FAILED(s) (((KAVRO_STATUS)(s) & 0x80000000u) != 0)
+#define KAVRO_FAILED(s) (((KAVRO_STATUS)(s)&0x80000000u) != 0)
 
 /** @name Timeouts (milliseconds) */
 /**@{*/

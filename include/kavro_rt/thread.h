@@ -90,7 +90,7 @@ KAVRO_BEGIN_DECLS
 /** Most argument words a user function can receive. */
 #define THREAD_MAX_ARGS 8
 /** Length word of the full and of the short attribute form. */
-#define THREAD_ATTR_LENGTH 24u
+#define THREAD_ATTR_LENGTH       24u
 #define THREAD_ATTR_SHORT_LENGTH 20u
 /** Size of a name record, including its terminator. */
 #define THREAD_NAME_SIZE 256
@@ -126,22 +126,22 @@ typedef struct ThreadAttr {
  * order. The library's own fields; read them through the operations.
  */
 typedef struct ThreadObj {
-    uint32_t tag;              /**< 0x44524854 ("THRD"); 0xDEADBEEF once released */
-    pthread_t systemHandle;    /**< the platform thread */
-    pthread_t creator;         /**< the thread that called `THREAD_Create` */
-    sem_t startSem;            /**< posted when the thread may run user code */
-    uint32_t suspended;        /**< 1 while a suspended thread waits for release */
-    uint32_t autoFree;         /**< 1: the thread releases its record itself (always) */
-    uint32_t releaseCount;     /**< releases recorded; the record goes at 2 */
-    int32_t lockCount;         /**< task-lock nesting depth */
-    uint32_t environment;      /**< one word for the caller's use */
-    uint32_t priority;         /**< current portable priority */
-    uint32_t previousPriority; /**< priority to return to after a task lock */
-    char name[THREAD_NAME_SIZE]; /**< NUL-terminated name; empty when none was given */
-    int32_t numArgs;           /**< -1 or 0..8 */
+    uint32_t tag;                   /**< 0x44524854 ("THRD"); 0xDEADBEEF once released */
+    pthread_t systemHandle;         /**< the platform thread */
+    pthread_t creator;              /**< the thread that called `THREAD_Create` */
+    sem_t startSem;                 /**< posted when the thread may run user code */
+    uint32_t suspended;             /**< 1 while a suspended thread waits for release */
+    uint32_t autoFree;              /**< 1: the thread releases its record itself (always) */
+    uint32_t releaseCount;          /**< releases recorded; the record goes at 2 */
+    int32_t lockCount;              /**< task-lock nesting depth */
+    uint32_t environment;           /**< one word for the caller's use */
+    uint32_t priority;              /**< current portable priority */
+    uint32_t previousPriority;      /**< priority to return to after a task lock */
+    char name[THREAD_NAME_SIZE];    /**< NUL-terminated name; empty when none was given */
+    int32_t numArgs;                /**< -1 or 0..8 */
     uint32_t args[THREAD_MAX_ARGS]; /**< argument words copied at creation */
-    THREAD_UserFn fnUser;      /**< the user function */
-    void *context;             /**< the argument array, or the context pointer */
+    THREAD_UserFn fnUser;           /**< the user function */
+    void *context;                  /**< the argument array, or the context pointer */
 } ThreadObj;
 
 /** Stack size of new threads in bytes (0: the platform's default); initially 2 MiB, or PELOSSTACKSIZE. */
@@ -233,8 +233,7 @@ KAVRO_API KAVRO_STATUS THREAD_SetPriority(ThreadObj *obj, uint32_t priority, uin
  * @retval 0          done
  * @retval KAVRO_E_INVALIDARG @p obj or @p changed is NULL (nothing changed)
  */
-KAVRO_API KAVRO_STATUS THREAD_Set2Priority(ThreadObj *obj, uint32_t priority, uint32_t *oldPriority,
-                                           uint32_t *changed);
+KAVRO_API KAVRO_STATUS THREAD_Set2Priority(ThreadObj *obj, uint32_t priority, uint32_t *oldPriority, uint32_t *changed);
 
 /**
  * The restoring half: when the nesting depth is 0, return to the priority

@@ -160,8 +160,7 @@ KAVRO_API int32_t TMR_Exit(void);
  * @retval KAVRO_E_NOTMRINIT `TMR_Init` has not run
  * @retval KAVRO_E_INVALIDARG @p periodMs below 2.0, @p callback or @p phTimer NULL
  */
-KAVRO_API KAVRO_STATUS TMR_Create(TmrTimer **phTimer, double periodMs, TMR_CALLBACK callback,
-                                  uint32_t callbackArg);
+KAVRO_API KAVRO_STATUS TMR_Create(TmrTimer **phTimer, double periodMs, TMR_CALLBACK callback, uint32_t callbackArg);
 
 /**
  * Disarm the timer. The record stays for the next `TMR_Create`; the

@@ -49,13 +49,12 @@ KAVRO_BEGIN_DECLS
 
 /** @name Version of these headers (the package version; the build reads it from here) */
 /**@{*/
-#define KAVRO_RT_VERSION_MAJOR 1
-#define KAVRO_RT_VERSION_MINOR 0
-#define KAVRO_RT_VERSION_PATCH 0
+#define KAVRO_RT_VERSION_MAJOR  1
+#define KAVRO_RT_VERSION_MINOR  0
+#define KAVRO_RT_VERSION_PATCH  0
 #define KAVRO_RT_VERSION_STRING "1.0.0"
 /** One number that orders versions: MAJOR * 10000 + MINOR * 100 + PATCH. */
-#define KAVRO_RT_VERSION_NUMBER \
-    (KAVRO_RT_VERSION_MAJOR * 10000 + KAVRO_RT_VERSION_MINOR * 100 + KAVRO_RT_VERSION_PATCH)
+#define KAVRO_RT_VERSION_NUMBER (KAVRO_RT_VERSION_MAJOR * 10000 + KAVRO_RT_VERSION_MINOR * 100 + KAVRO_RT_VERSION_PATCH)
 /**@}*/
 
 /** Longest identity string accepted, in characters (terminator excluded). */

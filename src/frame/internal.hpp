@@ -72,9 +72,7 @@ bool env_present(const char *name);
 inline constexpr long kNsPerSec = 1000000000L;
 timespec add_ms(timespec t, uint32_t ms);
 timespec add_ns(timespec t, int64_t ns);
-inline int64_t to_ns(const timespec &t) {
-    return static_cast<int64_t>(t.tv_sec) * kNsPerSec + t.tv_nsec;
-}
+inline int64_t to_ns(const timespec &t) { return static_cast<int64_t>(t.tv_sec) * kNsPerSec + t.tv_nsec; }
 inline timespec from_ns(int64_t ns) {
     timespec t{};
     t.tv_sec = static_cast<time_t>(ns / kNsPerSec);

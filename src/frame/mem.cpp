@@ -12,9 +12,9 @@ using kavro::detail::diag;
 
 namespace {
 int32_t cRefs = 0;
-uint32_t memcnt = 0;          // bytes ever requested
-uint32_t memfreecalls = 0;    // MEM_Free calls, MEM_Free2 included
-uint32_t memgenfreecalls = 0; // MEM_Free2 calls
+uint32_t memcnt = 0;           // bytes ever requested
+uint32_t memfreecalls = 0;     // MEM_Free calls, MEM_Free2 included
+uint32_t memgenfreecalls = 0;  // MEM_Free2 calls
 
 void count_alloc(uint32_t size, uint32_t marker) {
     count_up(memcnt, size);

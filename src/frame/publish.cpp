@@ -100,7 +100,7 @@ Header header{};
 uint64_t seq = 0;
 pid_t publisherPid = 0;  // the process whose publisher runs (a forked child has none)
 std::atomic<bool> stopping{false};
-int state = -1;          // -1 undecided, 0 off, 1 on
+int state = -1;  // -1 undecided, 0 off, 1 on
 
 void lock() { pthread_mutex_lock(&regLock); }
 void unlock() { pthread_mutex_unlock(&regLock); }
@@ -381,8 +381,6 @@ void set_tick_source(TickSource s) {
     unlock();
 }
 
-void dir_of(uint32_t uid, char *buf, unsigned size) {
-    std::snprintf(buf, size, "/dev/shm/kavro_rt-%u", uid);
-}
+void dir_of(uint32_t uid, char *buf, unsigned size) { std::snprintf(buf, size, "/dev/shm/kavro_rt-%u", uid); }
 
 }  // namespace kavro::pub

@@ -36,10 +36,10 @@ struct Header {
     uint32_t rowSize;     // sizeof(Row)
     uint32_t rows;
     uint64_t seq;
-    uint32_t checksum;    // FNV-1a of the rows
+    uint32_t checksum;  // FNV-1a of the rows
     uint32_t pid;
-    uint64_t startTime;   // the process's start, in clock ticks after boot (/proc/<pid>/stat field 22)
-    int64_t updatedNs;    // CLOCK_REALTIME of the last write
+    uint64_t startTime;  // the process's start, in clock ticks after boot (/proc/<pid>/stat field 22)
+    int64_t updatedNs;   // CLOCK_REALTIME of the last write
     char comm[16];
     // The timer engine.
     uint32_t tickSource;

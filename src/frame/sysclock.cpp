@@ -12,8 +12,7 @@
 namespace {
 
 #if defined(__i386__)
-static_assert(sizeof(time_t) == 4 && sizeof(long) == 4,
-              "the i386 calls exchange 32-bit time records with the kernel");
+static_assert(sizeof(time_t) == 4 && sizeof(long) == 4, "the i386 calls exchange 32-bit time records with the kernel");
 static_assert(sizeof(timer_t) == sizeof(int), "i386 timer ids are the kernel's int");
 
 enum : long {
@@ -31,10 +30,7 @@ enum : long {
 // Software interrupt 0x80: number in eax, arguments in ebx, ecx, edx, esi.
 inline long raw(long nr, long a = 0, long b = 0, long c = 0, long d = 0) {
     long r;
-    __asm__ volatile("int $0x80"
-                     : "=a"(r)
-                     : "0"(nr), "b"(a), "c"(b), "d"(c), "S"(d)
-                     : "memory");
+    __asm__ volatile("int $0x80" : "=a"(r) : "0"(nr), "b"(a), "c"(b), "d"(c), "S"(d) : "memory");
     return r;
 }
 
@@ -67,10 +63,7 @@ enum : long {
 inline long raw(long nr, long a = 0, long b = 0, long c = 0, long d = 0) {
     long r;
     register long r10 __asm__("r10") = d;
-    __asm__ volatile("syscall"
-                     : "=a"(r)
-                     : "0"(nr), "D"(a), "S"(b), "d"(c), "r"(r10)
-                     : "rcx", "r11", "memory");
+    __asm__ volatile("syscall" : "=a"(r) : "0"(nr), "D"(a), "S"(b), "d"(c), "r"(r10) : "rcx", "r11", "memory");
     return r;
 }
 
@@ -84,9 +77,7 @@ inline int finish(long r) {
 
 // timer_t is pointer-sized here while the kernel's timer id is an int: the id
 // travels in the pointer's low 32 bits, sign-extended.
-inline long kernel_timer(timer_t id) {
-    return static_cast<int>(reinterpret_cast<intptr_t>(id));
-}
+inline long kernel_timer(timer_t id) { return static_cast<int>(reinterpret_cast<intptr_t>(id)); }
 
 #else
 #error "the clock calls are written for i386 and x86_64"
@@ -136,4 +127,3 @@ int sys_clock_nanosleep(clockid_t clock_id, int flags, const timespec *req, time
 }
 
 }  // namespace kavro::detail
-

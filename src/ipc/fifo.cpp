@@ -22,8 +22,8 @@ using namespace kavro::detail;
 namespace {
 
 int32_t cRefs = 0;
-FifoKeyEntry *pFifoFdArray = nullptr;    // pipe channels
-FifoKeyEntry *pFifoStrFdArray = nullptr; // streams channels
+FifoKeyEntry *pFifoFdArray = nullptr;     // pipe channels
+FifoKeyEntry *pFifoStrFdArray = nullptr;  // streams channels
 
 // Beside each table, an open-addressing index (linear probing) from a key
 // to its first table position, stored as position + 1 (0: empty slot).
@@ -88,14 +88,11 @@ namespace kavro::detail {
 
 pthread_mutex_t fifo_lock = PTHREAD_MUTEX_INITIALIZER;
 
-FifoKeyEntry *fifo_table(int32_t isStreams) {
-    return isStreams != 0 ? pFifoStrFdArray : pFifoFdArray;
-}
+FifoKeyEntry *fifo_table(int32_t isStreams) { return isStreams != 0 ? pFifoStrFdArray : pFifoFdArray; }
 
 int fifo_index_path(char *buf, const char *root, uint32_t key, int32_t isStreams) {
     if (root == nullptr) return -1;
-    int n = std::snprintf(buf, kFifoPathSize, "%s%s.%d", root,
-                          isStreams != 0 ? "/kmxipc/.strpipe" : "/kmxipc/.pipe",
+    int n = std::snprintf(buf, kFifoPathSize, "%s%s.%d", root, isStreams != 0 ? "/kmxipc/.strpipe" : "/kmxipc/.pipe",
                           static_cast<int32_t>(key));
     // The rank pipes add up to three underscores; refuse rather than cut.
     if (n < 0 || static_cast<size_t>(n) + 3 >= kFifoPathSize) {
@@ -109,8 +106,8 @@ int fifo_index_path(char *buf, uint32_t key, int32_t isStreams) {
     return fifo_index_path(buf, install_root(), key, isStreams);
 }
 
-int32_t search_key(uint32_t key, int32_t msgTag, int32_t isStreams, int32_t *rank0,
-                   int32_t *rank1, int32_t *rank2, int8_t *rank) {
+int32_t search_key(uint32_t key, int32_t msgTag, int32_t isStreams, int32_t *rank0, int32_t *rank1, int32_t *rank2,
+                   int8_t *rank) {
     FifoKeyEntry *t = fifo_table(isStreams);
     if (key == 0 || t == nullptr) return 0;
     const uint16_t *ix = slots[kind_of(isStreams)];
@@ -139,8 +136,8 @@ KAVRO_SAMPLER void sample_channel(const void *h, const uint32_t *, kavro::pub::R
     }
 }
 
-uint32_t add_key(uint32_t key, int32_t msgTag, int32_t isStreams, int32_t writefifo,
-                 int32_t rank0, int32_t rank1, int32_t rank2, int8_t *rank) {
+uint32_t add_key(uint32_t key, int32_t msgTag, int32_t isStreams, int32_t writefifo, int32_t rank0, int32_t rank1,
+                 int32_t rank2, int8_t *rank) {
     FifoKeyEntry *t = fifo_table(isStreams);
     // writefifo 0 would read as a free entry and be overwritten under its key.
     if (key == 0 || writefifo == 0 || t == nullptr) return 0;
@@ -264,16 +261,13 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Read(int32_t fd, void *buffer, int32_t *count, u
     *count = static_cast<int32_t>(n);
     if (n != -1) return 0;
     switch (errno) {
-    case EAGAIN:
-        return kAgain;
-    case EPIPE:
-        return kBrokenPipe;
-    case EINTR:
-        n = read(fd, buffer, length);
-        *count = static_cast<int32_t>(n);
-        return n == -1 ? kFail : 0;
-    default:
-        return 0;
+        case EAGAIN: return kAgain;
+        case EPIPE: return kBrokenPipe;
+        case EINTR:
+            n = read(fd, buffer, length);
+            *count = static_cast<int32_t>(n);
+            return n == -1 ? kFail : 0;
+        default: return 0;
     }
 }
 

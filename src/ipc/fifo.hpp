@@ -14,10 +14,10 @@ namespace kavro::detail {
 // One channel of a writer's table. Free while writefifo is 0.
 struct FifoKeyEntry {
     uint32_t key;
-    int32_t writefifo;   // index pipe, opened for writing
-    int32_t rankFifo[3]; // rank pipes 0, 1, 2
-    int8_t rank;         // rank of the latest write, 0..2
-    uint32_t removed;    // 1 once the reader is known to be gone
+    int32_t writefifo;    // index pipe, opened for writing
+    int32_t rankFifo[3];  // rank pipes 0, 1, 2
+    int8_t rank;          // rank of the latest write, 0..2
+    uint32_t removed;     // 1 once the reader is known to be gone
     int32_t minTag;
     int32_t maxTag;
 };
@@ -54,12 +54,12 @@ bool fifo_trace_decided();
 // search_key: 0 when the key is absent; otherwise advances the entry's
 // round-robin rank, widens its tags with msgTag, hands out the rank pipes
 // and the new rank and returns writefifo.
-int32_t search_key(uint32_t key, int32_t msgTag, int32_t isStreams, int32_t *rank0,
-                   int32_t *rank1, int32_t *rank2, int8_t *rank);
+int32_t search_key(uint32_t key, int32_t msgTag, int32_t isStreams, int32_t *rank0, int32_t *rank1, int32_t *rank2,
+                   int8_t *rank);
 // Enters a channel in the first free entry (rank 2, tags = msgTag) and
 // returns key; 0 when the table is full (nothing stored).
-uint32_t add_key(uint32_t key, int32_t msgTag, int32_t isStreams, int32_t writefifo,
-                 int32_t rank0, int32_t rank1, int32_t rank2, int8_t *rank);
+uint32_t add_key(uint32_t key, int32_t msgTag, int32_t isStreams, int32_t writefifo, int32_t rank0, int32_t rank1,
+                 int32_t rank2, int8_t *rank);
 void mark_key_removed(uint32_t key, int32_t isStreams);
 // Closes the four descriptors of every entry with that key and frees them.
 void remove_key(uint32_t key, int32_t isStreams);

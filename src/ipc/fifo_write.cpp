@@ -66,8 +66,7 @@ void close_all(const int32_t *fds, int n) {
 
 // Opens the four FIFOs of a channel for writing and enters them in the
 // table. On failure nothing stays open and nothing is entered.
-KAVRO_STATUS open_channel(uint32_t key, int32_t msgTag, int32_t isStreams, int32_t fds[4],
-                          int8_t *rank) {
+KAVRO_STATUS open_channel(uint32_t key, int32_t msgTag, int32_t isStreams, int32_t fds[4], int8_t *rank) {
     char name[kFifoPathSize];
     int len = fifo_index_path(name, key, isStreams);
     if (len == -1) {
@@ -128,8 +127,8 @@ bool kavro::detail::fifo_trace_decided() { return count == 1; }
 
 extern "C" {
 
-KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t, uint32_t key, int32_t msgTag, const void *buffer,
-                                      int32_t *written, uint32_t length, int32_t isStreams) {
+KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t, uint32_t key, int32_t msgTag, const void *buffer, int32_t *written,
+                                      uint32_t length, int32_t isStreams) {
     pthread_once(&trace_once, trace_setup);
 
     std::unique_lock<FamilyLock> held(family_lock);
@@ -184,14 +183,13 @@ KAVRO_API KAVRO_STATUS IPC_FIFO_Write(uintptr_t, uint32_t key, int32_t msgTag, c
     if (err == EAGAIN) {
         held.unlock();  // this line alone goes out after the lock is released
         diag(kFn,
-             isStreams != 0
-                 ? "Write error (EAGAIN), in Streams  errno is 0x%x : length 0x%x writefifo is %d \n"
-                 : "Write error (EAGAIN), in Rank Pipe errno is 0x%x : length 0x%x writefifo is %d \n",
+             isStreams != 0 ? "Write error (EAGAIN), in Streams  errno is 0x%x : length 0x%x writefifo is %d \n"
+                            : "Write error (EAGAIN), in Rank Pipe errno is 0x%x : length 0x%x writefifo is %d \n",
              static_cast<unsigned>(err), static_cast<unsigned>(*written), fds[0]);
         return kFail;
     }
-    diag(kFn, "Write error (default), errno is 0x%x : length 0x%x writefifo is %d \n",
-         static_cast<unsigned>(err), static_cast<unsigned>(*written), fds[0]);
+    diag(kFn, "Write error (default), errno is 0x%x : length 0x%x writefifo is %d \n", static_cast<unsigned>(err),
+         static_cast<unsigned>(*written), fds[0]);
     return kFail;
 }
 

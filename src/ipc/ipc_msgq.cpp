@@ -58,8 +58,8 @@ KAVRO_SAMPLER void sample_queue(const void *h, const uint32_t *counters, kavro::
 
 namespace kavro::detail {
 
-KAVRO_STATUS msgq_send_polling(int32_t queueId, MessageRecord *rec, int32_t flags,
-                               uint32_t retries, uint32_t pause_us) {
+KAVRO_STATUS msgq_send_polling(int32_t queueId, MessageRecord *rec, int32_t flags, uint32_t retries,
+                               uint32_t pause_us) {
     if (mesg_send(queueId, rec, flags) == 0) return kOk;
     if (errno != EAGAIN) return kFail;
     // Full queue and the caller does not wait: poll for room, sleeping
@@ -100,8 +100,7 @@ KAVRO_API int32_t mesg_recv(int32_t queueId, MessageRecord *msg, int32_t capacit
         errno = EINVAL;
     } else {
         if (capacity > KAVRO_MSGQ_MAX_DATA) capacity = KAVRO_MSGQ_MAX_DATA;
-        rc = static_cast<int32_t>(
-            msgrcv(queueId, &msg->msgType, static_cast<size_t>(capacity), msg->msgType, flags));
+        rc = static_cast<int32_t>(msgrcv(queueId, &msg->msgType, static_cast<size_t>(capacity), msg->msgType, flags));
     }
     msg->dataLength = rc;
     return rc;
@@ -131,8 +130,7 @@ KAVRO_API KAVRO_STATUS IPC_MSGQ_Create(void **outHandle, uint32_t key, const cha
     return kOk;
 }
 
-KAVRO_API KAVRO_STATUS IPC_MSGQ_Send(void *handle, const void *data, int32_t length,
-                                     int32_t msgType, uint32_t flags) {
+KAVRO_API KAVRO_STATUS IPC_MSGQ_Send(void *handle, const void *data, int32_t length, int32_t msgType, uint32_t flags) {
     int32_t id;
     if (!queue_of(handle, &id)) return kFail;
     if (data == nullptr || length <= 0 || length > KAVRO_MSGQ_MAX_DATA) return kInvalidArg;
@@ -145,8 +143,8 @@ KAVRO_API KAVRO_STATUS IPC_MSGQ_Send(void *handle, const void *data, int32_t len
     return msgq_send_polling(id, &rec, static_cast<int32_t>(flags), kMsgqRetries, kMsgqRetryPauseUs);
 }
 
-KAVRO_API KAVRO_STATUS IPC_MSGQ_Rcv(void *handle, void *buffer, int32_t size, uint32_t *outLength,
-                                    int32_t msgType, uint32_t flags) {
+KAVRO_API KAVRO_STATUS IPC_MSGQ_Rcv(void *handle, void *buffer, int32_t size, uint32_t *outLength, int32_t msgType,
+                                    uint32_t flags) {
     int32_t id;
     if (!queue_of(handle, &id)) return kFail;
     if (buffer == nullptr || size <= 0 || outLength == nullptr) return kInvalidArg;

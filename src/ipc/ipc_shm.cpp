@@ -35,8 +35,8 @@ KAVRO_SAMPLER void sample_shm(const void *h, const uint32_t *counters, kavro::pu
 
 extern "C" {
 
-KAVRO_API KAVRO_STATUS IPC_SHM_Create(void **outHandle, uint32_t key, uint32_t size,
-                                      void **outAddress, const char * /*name*/) {
+KAVRO_API KAVRO_STATUS IPC_SHM_Create(void **outHandle, uint32_t key, uint32_t size, void **outAddress,
+                                      const char * /*name*/) {
     if (outHandle == nullptr) return kInvalidArg;
     *outHandle = nullptr;
     const key_t k = static_cast<key_t>(key);
@@ -71,8 +71,7 @@ KAVRO_API KAVRO_STATUS IPC_SHM_Create(void **outHandle, uint32_t key, uint32_t s
         }
     }
 
-    auto *rec = static_cast<SharedMemoryRecord *>(
-        KAVRO_OBJ_Alloc(sizeof(SharedMemoryRecord), KAVRO_TAG_SHM, 0));
+    auto *rec = static_cast<SharedMemoryRecord *>(KAVRO_OBJ_Alloc(sizeof(SharedMemoryRecord), KAVRO_TAG_SHM, 0));
     if (rec == nullptr) return kOutOfMemory;
     rec->shmId = id;
     rec->size = size;

@@ -71,10 +71,9 @@ constexpr long kFutexCall = SYS_futex;
 // deadline or without limit. 0 after a wake-up, else the errno (EAGAIN: the
 // word had changed; EINTR; ETIMEDOUT).
 int futex_wait(uint32_t *word, uint32_t seen, const timespec *deadline) {
-    const long rc = deadline == nullptr
-                        ? syscall(kFutexCall, word, FUTEX_WAIT_PRIVATE, seen, nullptr, nullptr, 0)
-                        : syscall(kFutexCall, word, FUTEX_WAIT_BITSET_PRIVATE | FUTEX_CLOCK_REALTIME, seen,
-                                  deadline, nullptr, FUTEX_BITSET_MATCH_ANY);
+    const long rc = deadline == nullptr ? syscall(kFutexCall, word, FUTEX_WAIT_PRIVATE, seen, nullptr, nullptr, 0)
+                                        : syscall(kFutexCall, word, FUTEX_WAIT_BITSET_PRIVATE | FUTEX_CLOCK_REALTIME,
+                                                  seen, deadline, nullptr, FUTEX_BITSET_MATCH_ANY);
     return rc == 0 ? 0 : errno;
 }
 
@@ -169,8 +168,7 @@ bool counter_trypend(LocalSemaphore *s) {
         State st = unpack(v);
         if (st.count <= 0) return false;
         --st.count;
-        if (state.compare_exchange_weak(v, pack(st), std::memory_order_acquire, std::memory_order_relaxed))
-            return true;
+        if (state.compare_exchange_weak(v, pack(st), std::memory_order_acquire, std::memory_order_relaxed)) return true;
     }
 }
 

@@ -29,10 +29,10 @@ using namespace kavro::detail;
 // own bookkeeping, which no user sees.
 struct ThreadRecord {
     ThreadObj obj;
-    ThreadRecord *next;   // live table
+    ThreadRecord *next;  // live table
     ThreadRecord *prev;
-    int inheritPolicy;    // the creator's scheduling when the thread was made:
-    int inheritPriority;  // what portable priority 0 stands for
+    int inheritPolicy;       // the creator's scheduling when the thread was made:
+    int inheritPriority;     // what portable priority 0 stands for
     const void *waitingFor;  // published: the task lock this thread waits for
     long tid;                // published: the system's id of the thread
 };
@@ -83,8 +83,10 @@ void live_add(ThreadRecord *r) {
 // Caller holds liveLock.
 void live_unlink(ThreadRecord *r) {
     kavro::pub::remove(r);
-    if (r->prev != nullptr) r->prev->next = r->next;
-    else liveFirst = r->next;
+    if (r->prev != nullptr)
+        r->prev->next = r->next;
+    else
+        liveFirst = r->next;
     if (r->next != nullptr) r->next->prev = r->prev;
     --liveCount;
 }
@@ -103,9 +105,8 @@ void live_prepare_fork() { pthread_mutex_lock(&liveLock); }
 void live_parent_after_fork() { pthread_mutex_unlock(&liveLock); }
 void live_child_after_fork() {
     processId.store(static_cast<long>(getpid()), std::memory_order_relaxed);
-    auto *self = keyValid.load(std::memory_order_acquire)
-                     ? static_cast<ThreadObj *>(pthread_getspecific(infoKey))
-                     : nullptr;
+    auto *self =
+        keyValid.load(std::memory_order_acquire) ? static_cast<ThreadObj *>(pthread_getspecific(infoKey)) : nullptr;
     liveFirst = nullptr;
     liveCount = 0;
     if (self != nullptr) {
@@ -125,8 +126,7 @@ pthread_once_t forkHandlersOnce = PTHREAD_ONCE_INIT;
 void install_fork_handlers() { pthread_atfork(live_prepare_fork, live_parent_after_fork, live_child_after_fork); }
 
 ThreadObj *thread_self_record() {
-    return keyValid.load(std::memory_order_acquire) ? static_cast<ThreadObj *>(pthread_getspecific(infoKey))
-                                                    : nullptr;
+    return keyValid.load(std::memory_order_acquire) ? static_cast<ThreadObj *>(pthread_getspecific(infoKey)) : nullptr;
 }
 
 // Puts a portable priority into effect on the thread. Platform refusals are
@@ -169,22 +169,19 @@ void call_user(ThreadObj *o) {
     const U *a = o->args;
     void (*fn)() = reinterpret_cast<void (*)()>(o->fnUser);
     switch (o->numArgs) {
-    case THREAD_USE_CONTEXT: o->fnUser(o->context); break;
-    case 0: fn(); break;
-    case 1: reinterpret_cast<void (*)(U)>(fn)(a[0]); break;
-    case 2: reinterpret_cast<void (*)(U, U)>(fn)(a[0], a[1]); break;
-    case 3: reinterpret_cast<void (*)(U, U, U)>(fn)(a[0], a[1], a[2]); break;
-    case 4: reinterpret_cast<void (*)(U, U, U, U)>(fn)(a[0], a[1], a[2], a[3]); break;
-    case 5: reinterpret_cast<void (*)(U, U, U, U, U)>(fn)(a[0], a[1], a[2], a[3], a[4]); break;
-    case 6: reinterpret_cast<void (*)(U, U, U, U, U, U)>(fn)(a[0], a[1], a[2], a[3], a[4], a[5]); break;
-    case 7:
-        reinterpret_cast<void (*)(U, U, U, U, U, U, U)>(fn)(a[0], a[1], a[2], a[3], a[4], a[5], a[6]);
-        break;
-    case 8:
-        reinterpret_cast<void (*)(U, U, U, U, U, U, U, U)>(fn)(a[0], a[1], a[2], a[3], a[4], a[5], a[6],
-                                                               a[7]);
-        break;
-    default: break;  // refused at creation
+        case THREAD_USE_CONTEXT: o->fnUser(o->context); break;
+        case 0: fn(); break;
+        case 1: reinterpret_cast<void (*)(U)>(fn)(a[0]); break;
+        case 2: reinterpret_cast<void (*)(U, U)>(fn)(a[0], a[1]); break;
+        case 3: reinterpret_cast<void (*)(U, U, U)>(fn)(a[0], a[1], a[2]); break;
+        case 4: reinterpret_cast<void (*)(U, U, U, U)>(fn)(a[0], a[1], a[2], a[3]); break;
+        case 5: reinterpret_cast<void (*)(U, U, U, U, U)>(fn)(a[0], a[1], a[2], a[3], a[4]); break;
+        case 6: reinterpret_cast<void (*)(U, U, U, U, U, U)>(fn)(a[0], a[1], a[2], a[3], a[4], a[5]); break;
+        case 7: reinterpret_cast<void (*)(U, U, U, U, U, U, U)>(fn)(a[0], a[1], a[2], a[3], a[4], a[5], a[6]); break;
+        case 8:
+            reinterpret_cast<void (*)(U, U, U, U, U, U, U, U)>(fn)(a[0], a[1], a[2], a[3], a[4], a[5], a[6], a[7]);
+            break;
+        default: break;  // refused at creation
     }
 }
 
@@ -215,8 +212,8 @@ const char kCreateFn[] = "THREAD_Create";
 // THREAD_Create's argument checks, in the order of their lines: the attribute
 // block (brought to its full form in *a), then the pointers. kOk, or the
 // status of the first rejected argument with its line.
-KAVRO_STATUS check_create(ThreadObj **phThreadObj, THREAD_UserFn fnUser, const void *context,
-                          const ThreadAttr *attr, ThreadAttr *a) {
+KAVRO_STATUS check_create(ThreadObj **phThreadObj, THREAD_UserFn fnUser, const void *context, const ThreadAttr *attr,
+                          ThreadAttr *a) {
     if (attr == nullptr) {
         *a = defAttrs;
     } else if (attr->length == THREAD_ATTR_LENGTH) {
@@ -239,8 +236,8 @@ KAVRO_STATUS check_create(ThreadObj **phThreadObj, THREAD_UserFn fnUser, const v
         return kInvalidArg;
     }
     if (a->numArgs < THREAD_USE_CONTEXT || a->numArgs > THREAD_MAX_ARGS) {
-        diag(kCreateFn, "Error, invalid num of args = %d, useContext = %d, max = %d\n", a->numArgs,
-             THREAD_USE_CONTEXT, THREAD_MAX_ARGS);
+        diag(kCreateFn, "Error, invalid num of args = %d, useContext = %d, max = %d\n", a->numArgs, THREAD_USE_CONTEXT,
+             THREAD_MAX_ARGS);
         return kInvalidArg;
     }
     if (phThreadObj == nullptr || fnUser == nullptr) {
@@ -344,8 +341,7 @@ const pthread_attr_t *platform_attrs(PlatformAttrs *want) {
     const bool inherit = want->priority == 0;
     for (int i = 0; i < kAttrSlots; ++i) {
         int st = attrSlotState[i].load(std::memory_order_acquire);
-        if (st == kSlotFree &&
-            attrSlotState[i].compare_exchange_strong(st, kSlotBuilding, std::memory_order_acquire)) {
+        if (st == kSlotFree && attrSlotState[i].compare_exchange_strong(st, kSlotBuilding, std::memory_order_acquire)) {
             PlatformAttrs &slot = attrSlots[i];
             slot.stackSize = want->stackSize;
             slot.policy = want->policy;

@@ -22,8 +22,7 @@ using namespace kavro::detail;
 // declares them non-throwing).
 extern "C" {
 
-KAVRO_API int timer_create(clockid_t clock_id, struct sigevent *__restrict evp,
-                           timer_t *__restrict timerid) noexcept {
+KAVRO_API int timer_create(clockid_t clock_id, struct sigevent *__restrict evp, timer_t *__restrict timerid) noexcept {
     return sys_timer_create(clock_id, evp, timerid);
 }
 
@@ -36,13 +35,9 @@ KAVRO_API int timer_gettime(timer_t timerid, struct itimerspec *value) noexcept 
     return sys_timer_gettime(timerid, value);
 }
 
-KAVRO_API int timer_getoverrun(timer_t timerid) noexcept {
-    return sys_timer_getoverrun(timerid);
-}
+KAVRO_API int timer_getoverrun(timer_t timerid) noexcept { return sys_timer_getoverrun(timerid); }
 
-KAVRO_API int timer_delete(timer_t timerid) noexcept {
-    return sys_timer_delete(timerid);
-}
+KAVRO_API int timer_delete(timer_t timerid) noexcept { return sys_timer_delete(timerid); }
 
 KAVRO_API int clock_settime(clockid_t clock_id, const struct timespec *tp) noexcept {
     return sys_clock_settime(clock_id, tp);
@@ -56,8 +51,7 @@ KAVRO_API int clock_getres(clockid_t clock_id, struct timespec *res) noexcept {
     return sys_clock_getres(clock_id, res);
 }
 
-KAVRO_API int clock_nanosleep(clockid_t clock_id, int flags, const struct timespec *req,
-                              struct timespec *rem) {
+KAVRO_API int clock_nanosleep(clockid_t clock_id, int flags, const struct timespec *req, struct timespec *rem) {
     return sys_clock_nanosleep(clock_id, flags, req, rem);
 }
 

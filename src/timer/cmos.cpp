@@ -105,18 +105,13 @@ extern "C" {
 KAVRO_API int32_t GetSycconfigCMOSClockUTCSetting(void) {
     static constexpr const char fn[] = "GetSycconfigCMOSClockUTCSetting";
     switch (scan_clock_path(kSysconfigClockPath)) {
-    case ClockFileVerdict::Utc:
-        return 1;
-    case ClockFileVerdict::Local:
-        return 0;
-    case ClockFileVerdict::NoFile:
-        diag(fn, "/etc/sysconfig/clock not found assuming CMOS in UTC\n");
-        return 1;
-    case ClockFileVerdict::TagUnparsed:
-        diag(fn, "/etc/sysconfig/clock found UTC tag, but could not parse data - assuming UTC\n");
-        return 1;
-    case ClockFileVerdict::NoTag:
-        break;
+        case ClockFileVerdict::Utc: return 1;
+        case ClockFileVerdict::Local: return 0;
+        case ClockFileVerdict::NoFile: diag(fn, "/etc/sysconfig/clock not found assuming CMOS in UTC\n"); return 1;
+        case ClockFileVerdict::TagUnparsed:
+            diag(fn, "/etc/sysconfig/clock found UTC tag, but could not parse data - assuming UTC\n");
+            return 1;
+        case ClockFileVerdict::NoTag: break;
     }
     diag(fn, "/etc/sysconfig/clock Did not find UTC tag Assuming UTC\n");
     return 1;
@@ -153,11 +148,9 @@ KAVRO_API int32_t CMOS_GetEnvironment(void) {
     if (g_TimeOffset_usec > 999999u) g_TimeOffset_usec = kDefaultCmosOffsetUsec;
 
     if (inSeconds)
-        diag(fn, "KMX CMOS UPDATE Interval =%u seconds\n",
-             static_cast<unsigned>(g_WriteIntervalTime_sec));
+        diag(fn, "KMX CMOS UPDATE Interval =%u seconds\n", static_cast<unsigned>(g_WriteIntervalTime_sec));
     else
-        diag(fn, "KMX CMOS UPDATE Interval =%u minutes\n",
-             static_cast<unsigned>(g_WriteIntervalTime_sec / 60));
+        diag(fn, "KMX CMOS UPDATE Interval =%u minutes\n", static_cast<unsigned>(g_WriteIntervalTime_sec / 60));
     if (g_TimeOffset_usec != kDefaultCmosOffsetUsec)
         diag(fn, "KMX CMOS UPDATE OFFSET =%u \n", static_cast<unsigned>(g_TimeOffset_usec));
 
@@ -216,8 +209,8 @@ KAVRO_API int32_t Read_CMOS_UntilChange(int32_t fd, int32_t reset) {
     rtc_time rt{};
     const int rc = ioctl(fd, RTC_RD_TIME, &rt);
     if (rc == -1) {
-        GP_printf("KAVRO:%s: ERROR, Error setting the CMOS clock error =%u\n",
-                  "Read_CMOS_UntilChange", static_cast<unsigned>(rc));
+        GP_printf("KAVRO:%s: ERROR, Error setting the CMOS clock error =%u\n", "Read_CMOS_UntilChange",
+                  static_cast<unsigned>(rc));
         return 0;
     }
     const tm reading = same_fields<tm>(rt);
@@ -233,8 +226,7 @@ KAVRO_API int32_t Read_CMOS_UntilChange(int32_t fd, int32_t reset) {
     count += 1;
     sum += static_cast<float>(delta);
     average = sum / count;
-    std::printf("Delta=%06i Average =%f micro seconds\n", static_cast<int>(delta),
-                static_cast<double>(average));
+    std::printf("Delta=%06i Average =%f micro seconds\n", static_cast<int>(delta), static_cast<double>(average));
     CMOSTimePrev = reading;
     return 1;
 }

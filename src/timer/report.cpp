@@ -34,8 +34,7 @@ void flush_both() {
 extern "C" {
 
 KAVRO_API void MYerror(const char *file, int32_t line, const char *text) {
-    std::fprintf(stderr, "%s%s,%d:%s%s", kRed, text_or_null(file), static_cast<int>(line),
-                 text_or_null(text), kReset);
+    std::fprintf(stderr, "%s%s,%d:%s%s", kRed, text_or_null(file), static_cast<int>(line), text_or_null(text), kReset);
     flush_both();
     ++global_error;
 }
@@ -55,8 +54,8 @@ KAVRO_API void MYperror(const char *file, int32_t line, const char *text) {
 
 KAVRO_API int32_t MY_c_perror(int32_t expected, const char *file, int32_t line, const char *text) {
     const int err = errno;
-    std::fprintf(stderr, "%s %s,%d:", expected != 0 ? "expected" : "\033[1;31mUNEXPECTED",
-                 text_or_null(file), static_cast<int>(line));
+    std::fprintf(stderr, "%s %s,%d:", expected != 0 ? "expected" : "\033[1;31mUNEXPECTED", text_or_null(file),
+                 static_cast<int>(line));
     perror_as(text, err);
     if (expected > 0 && err != expected) {
         perror_as("\033[1;31mExpected", expected);
@@ -73,8 +72,7 @@ KAVRO_API int32_t MY_c_perror(int32_t expected, const char *file, int32_t line, 
 
 KAVRO_API int32_t No_error(int32_t expected, const char *file, int32_t line, const char *text) {
     const int err = errno;
-    std::fprintf(stderr, "%s %s,%d:%s\n%s",
-                 expected == 0 ? "Cool" : "\033[1;31mERROR expected but not found",
+    std::fprintf(stderr, "%s %s,%d:%s\n%s", expected == 0 ? "Cool" : "\033[1;31mERROR expected but not found",
                  text_or_null(file), static_cast<int>(line), text_or_null(text), kReset);
     if (expected != 0) {
         if (expected > 0 && err != expected) {
@@ -105,8 +103,8 @@ KAVRO_API int32_t printfx(const char *format, int32_t a, int32_t b) {
 
 KAVRO_API int32_t printf2(const char *format, int32_t x, int32_t y) {
     if (format == nullptr) return -1;
-    return std::printf(format, static_cast<int>(x / 1000), static_cast<int>(x % 1000),
-                       static_cast<int>(y / 1000), static_cast<int>(y % 1000));
+    return std::printf(format, static_cast<int>(x / 1000), static_cast<int>(x % 1000), static_cast<int>(y / 1000),
+                       static_cast<int>(y % 1000));
 }
 
 }  // extern "C"

@@ -155,8 +155,7 @@ KAVRO_STATUS start_posix_timer() {
     sa.sa_sigaction = tmr_signal_handler;
     sa.sa_flags = SA_SIGINFO;
     sigemptyset(&sa.sa_mask);
-    if (sigaction(SIGRTMIN, &sa, nullptr) != 0)
-        MYperror(kModule, __LINE__, "sigaction(THM_SIGNAL, &sa, NULL)");
+    if (sigaction(SIGRTMIN, &sa, nullptr) != 0) MYperror(kModule, __LINE__, "sigaction(THM_SIGNAL, &sa, NULL)");
 
     sigevent sig1{};
     sig1.sigev_notify = SIGEV_SIGNAL;
@@ -261,8 +260,7 @@ void serve_slot(SlotTick how, CountDownHook hook) {
 
 // ---- pure decisions ------------------------------------------------------------------
 
-VmVerdict decide_vm(bool hypervisorBit, const char *signature, const HV_DATA *table, ProbeReader read,
-                    void *ctx) {
+VmVerdict decide_vm(bool hypervisorBit, const char *signature, const HV_DATA *table, ProbeReader read, void *ctx) {
     VmVerdict v{nullptr, false};
     for (const HV_DATA *e = table; e->vmName != nullptr; ++e) {
         if (hypervisorBit) {
@@ -327,8 +325,8 @@ bool native_wanted(int32_t override, bool hypervisorKnown) {
     return override != 1 && (hypervisorKnown || override == -1);
 }
 
-SourceChoice choose_tick_source(int32_t override, bool hypervisorKnown, bool resolutionRead,
-                                long resolutionNs, bool posixTimerAsked) {
+SourceChoice choose_tick_source(int32_t override, bool hypervisorKnown, bool resolutionRead, long resolutionNs,
+                                bool posixTimerAsked) {
     SourceChoice c{TickSource::Rtc, false, NativeRefusal::None};
     if (native_wanted(override, hypervisorKnown)) {
         c.nativeTried = true;
@@ -389,8 +387,7 @@ KAVRO_API int32_t TMR_Exit(void) {
     return 0;
 }
 
-KAVRO_API KAVRO_STATUS TMR_Create(TmrTimer **phTimer, double periodMs, TMR_CALLBACK callback,
-                                  uint32_t callbackArg) {
+KAVRO_API KAVRO_STATUS TMR_Create(TmrTimer **phTimer, double periodMs, TMR_CALLBACK callback, uint32_t callbackArg) {
     if (tmrRefs < 1) return kNoTimer;
     if (periodMs < 2.0) return kInvalidArg;  // NaN passes, as it always has
     if (callback == nullptr || phTimer == nullptr) return kInvalidArg;

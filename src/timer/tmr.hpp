@@ -20,10 +20,10 @@ namespace kavro::detail {
 
 // The engine's shared record.
 struct TmrData {
-    timer_t timeId;          // POSIX interval timer (POSIX-timer path)
-    clockid_t clockSource;   // clock of that timer, of its start and of TMR_Wait
-    double periodMs;         // the tick: each tick counts a timer down by it
-    itimerspec tValue;       // the interval timer's setting
+    timer_t timeId;         // POSIX interval timer (POSIX-timer path)
+    clockid_t clockSource;  // clock of that timer, of its start and of TMR_Wait
+    double periodMs;        // the tick: each tick counts a timer down by it
+    itimerspec tValue;      // the interval timer's setting
 };
 extern TmrData TMR_Data;
 
@@ -89,8 +89,7 @@ struct VmVerdict {
 
 // The decision from the hypervisor bit, the CPUID signature (12 bytes and a
 // zero), the probe files (through `read`) and the table. Pure: logs nothing.
-VmVerdict decide_vm(bool hypervisorBit, const char *signature, const HV_DATA *table,
-                    ProbeReader read, void *ctx);
+VmVerdict decide_vm(bool hypervisorBit, const char *signature, const HV_DATA *table, ProbeReader read, void *ctx);
 
 // The processor's answer: hypervisor bit of leaf 1 and the 13-byte signature
 // of leaf 0x40000000 (filled only when the bit is set).
@@ -116,16 +115,16 @@ bool native_wanted(int32_t override, bool hypervisorKnown);
 // Pure: the source from the override, the recognised hypervisor, the
 // monotonic clock's resolution (consulted only when the native loop is
 // tried) and whether PELOSHRT is present.
-SourceChoice choose_tick_source(int32_t override, bool hypervisorKnown, bool resolutionRead,
-                                long resolutionNs, bool posixTimerAsked);
+SourceChoice choose_tick_source(int32_t override, bool hypervisorKnown, bool resolutionRead, long resolutionNs,
+                                bool posixTimerAsked);
 
 // ---- the native loop's arithmetic ----------------------------------------------
 
 inline constexpr int64_t kTickNs = 2000000;
 
 struct NativeLoopState {
-    timespec target;      // the deadline the next pass serves
-    timespec previous;    // clock reading of the previous pass
+    timespec target;    // the deadline the next pass serves
+    timespec previous;  // clock reading of the previous pass
     int64_t nextProfileSec;
     int64_t minTimeToTargetNs;
     bool skippedSleep;
@@ -137,14 +136,13 @@ struct ProfileLine {
 };
 
 struct PassOutcome {
-    int64_t lateness;     // now - target as read (negative: before the deadline)
-    bool negativeDiff;    // early without a skipped sleep: logged, grid moved
+    int64_t lateness;   // now - target as read (negative: before the deadline)
+    bool negativeDiff;  // early without a skipped sleep: logged, grid moved
     uint64_t missed;
-    bool sleep;           // sleep until the new target; else begin the next pass at once
+    bool sleep;  // sleep until the new target; else begin the next pass at once
 };
 
-void native_start(NativeLoopState &s, const timespec &first, int32_t profilePeriodSec,
-                  int32_t minTimeToTargetUs);
+void native_start(NativeLoopState &s, const timespec &first, int32_t profilePeriodSec, int32_t minTimeToTargetUs);
 // The profile step of a pass; true (and the line's numbers) when the period ended.
 bool native_profile(NativeLoopState &s, int32_t profilePeriodSec, ProfileLine *line);
 // Everything a pass does with the clock reading `now`.
@@ -171,8 +169,8 @@ void rtc_start(RtcGrid &g, const timeval &now);
 RtcStep rtc_decide(RtcGrid &g, const timeval &now, bool catchUp, int32_t threshold);
 
 // Whether TMR_CMOS writes now; updates *periodStartSec. Pure.
-bool cmos_write_due(uint32_t *periodStartSec, uint32_t monoSec, uint32_t wallUsec,
-                    int32_t intervalSec, uint32_t offsetUsec);
+bool cmos_write_due(uint32_t *periodStartSec, uint32_t monoSec, uint32_t wallUsec, int32_t intervalSec,
+                    uint32_t offsetUsec);
 
 // Formats "period is %d \n" without stdio; returns the length.
 int format_period_line(char *buf, int size, int32_t r);

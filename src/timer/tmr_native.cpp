@@ -27,8 +27,7 @@ namespace {
 
 }  // namespace
 
-void native_start(NativeLoopState &s, const timespec &first, int32_t profilePeriodSec,
-                  int32_t minTimeToTargetUs) {
+void native_start(NativeLoopState &s, const timespec &first, int32_t profilePeriodSec, int32_t minTimeToTargetUs) {
     s = NativeLoopState{};
     s.target = first;
     s.previous = first;
@@ -105,10 +104,9 @@ void *TMR_HandlerNative(void *) {
 
         ProfileLine p;
         if (native_profile(s, tuning_load(g_TimerProfilePeriodSec), &p) && tuning_load(g_TimerProfilePrint) != 0) {
-            GP_printf("KAVRO: TC:%llu PM:%llu TM:%llu MSM:%llu AT:%llu TBT:%llu ED:%llu\n",
-                      (unsigned long long)p.TC, (unsigned long long)p.PM, (unsigned long long)p.TM,
-                      (unsigned long long)p.MSM, (unsigned long long)p.AT, (unsigned long long)p.TBT,
-                      (unsigned long long)p.ED);
+            GP_printf("KAVRO: TC:%llu PM:%llu TM:%llu MSM:%llu AT:%llu TBT:%llu ED:%llu\n", (unsigned long long)p.TC,
+                      (unsigned long long)p.PM, (unsigned long long)p.TM, (unsigned long long)p.MSM,
+                      (unsigned long long)p.AT, (unsigned long long)p.TBT, (unsigned long long)p.ED);
         }
 
         if (sys_clock_gettime(CLOCK_MONOTONIC, &now) != 0) fail_get_time();
@@ -120,8 +118,8 @@ void *TMR_HandlerNative(void *) {
         if (sys_clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &s.target, nullptr) != 0) {
             const int e = errno;
             GP_printf("KAVRO: ERROR: sleep failed: %s: diff %lld : missed %llu : next s %lld  : ns %lld ",
-                      std::strerror(e), (long long)(o.negativeDiff ? 0 : o.lateness),
-                      (unsigned long long)o.missed, (long long)s.target.tv_sec, (long long)s.target.tv_nsec);
+                      std::strerror(e), (long long)(o.negativeDiff ? 0 : o.lateness), (unsigned long long)o.missed,
+                      (long long)s.target.tv_sec, (long long)s.target.tv_nsec);
             std::exit(e);
         }
     }

@@ -31,7 +31,7 @@ std::atomic<uint32_t> running{0};  // the signal role is serving the timer
 // Published by the loop once the CMOS settings are read: the condition is
 // signalled without a mutex, so the signal itself orders nothing.
 std::atomic<bool> cmosConfigured{false};
-uint32_t done = 0;                 // the watchdog has reported a stall
+uint32_t done = 0;  // the watchdog has reported a stall
 
 [[noreturn]] void rtc_fail(const char *fmt) {
     const int e = errno;

@@ -76,9 +76,13 @@ void skipArgs(const char *fmt, va_list ap) {
         if (*fmt == 'l' || *fmt == 'L') ++fmt;
         switch (*fmt++) {
             case '\0': return;
-            case 'd': case 'i': case 'u': case 'x': case 'X': case 'o': case 'c':
-                (void)va_arg(ap, uint32_t);
-                break;
+            case 'd':
+            case 'i':
+            case 'u':
+            case 'x':
+            case 'X':
+            case 'o':
+            case 'c': (void)va_arg(ap, uint32_t); break;
             case 's': (void)va_arg(ap, const char *); break;
             case 'f': (void)va_arg(ap, double); break;
             default: break;
@@ -121,8 +125,7 @@ void doPrint(char *out, const char *fmt, va_list ap) {
         }
         int32_t mindig = 0;
         if (zero) {
-            mindig = width > static_cast<uint32_t>(kNumBufSize) ? kNumBufSize
-                                                                : static_cast<int32_t>(width);
+            mindig = width > static_cast<uint32_t>(kNumBufSize) ? kNumBufSize : static_cast<int32_t>(width);
             width = 0;
         }
         if (*fmt == 'l' || *fmt == 'L') ++fmt;
@@ -221,9 +224,7 @@ void doPrint(char *out, const char *fmt, va_list ap) {
 
 extern "C" {
 
-KAVRO_API void GP_vsprintf(char *dst, const char *format, va_list args) {
-    doPrint(dst, format, args);
-}
+KAVRO_API void GP_vsprintf(char *dst, const char *format, va_list args) { doPrint(dst, format, args); }
 
 KAVRO_API void GP_sprintf(char *dst, const char *format, ...) {
     va_list ap;
@@ -232,8 +233,6 @@ KAVRO_API void GP_sprintf(char *dst, const char *format, ...) {
     va_end(ap);
 }
 
-KAVRO_API void GP_vprintf(const char *format, va_list args) {
-    doPrint(nullptr, format, args);
-}
+KAVRO_API void GP_vprintf(const char *format, va_list args) { doPrint(nullptr, format, args); }
 
 }  // extern "C"

@@ -14,9 +14,7 @@ constexpr int32_t kBadHandle = -1;
 constexpr int32_t kNullBuffer = -EIO;
 constexpr int32_t kTooMany = -EINVAL;
 
-bool valid(const KFILE *f) {
-    return f != nullptr && *static_cast<const volatile uint32_t *>(&f->mark) == KFILE_MARK;
-}
+bool valid(const KFILE *f) { return f != nullptr && *static_cast<const volatile uint32_t *>(&f->mark) == KFILE_MARK; }
 
 }  // namespace
 

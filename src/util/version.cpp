@@ -38,15 +38,9 @@ KAVRO_API int32_t _libTorVersion2String(const char *id, int32_t form, char *out)
     char text[KAVRO_VERSION_TEXT_SIZE];
     const int lbl = static_cast<int>(labelLen);
     switch (form) {
-        case KAVRO_VERSION_BUILD:
-            std::snprintf(text, sizeof text, "Build: %.*s", lbl, label);
-            break;
-        case KAVRO_VERSION_NAME:
-            std::snprintf(text, sizeof text, "%.*s", static_cast<int>(moduleLen), module);
-            break;
-        case KAVRO_VERSION_REST:
-            std::snprintf(text, sizeof text, "%s", rest);
-            break;
+        case KAVRO_VERSION_BUILD: std::snprintf(text, sizeof text, "Build: %.*s", lbl, label); break;
+        case KAVRO_VERSION_NAME: std::snprintf(text, sizeof text, "%.*s", static_cast<int>(moduleLen), module); break;
+        case KAVRO_VERSION_REST: std::snprintf(text, sizeof text, "%s", rest); break;
         default: {
             const char version[] = {id[7], '.', id[8], id[9], '\0'};
             const char numText[] = {id[10], id[11], '\0'};
@@ -61,8 +55,7 @@ KAVRO_API int32_t _libTorVersion2String(const char *id, int32_t form, char *out)
                 case '4': n = std::snprintf(text, sizeof text, "%s Spec %d", version, number); break;
                 default: return -1;  // no text exists for this kind
             }
-            if (form == KAVRO_VERSION_FULL)
-                std::snprintf(text + n, sizeof text - n, " Build: %.*s", lbl, label);
+            if (form == KAVRO_VERSION_FULL) std::snprintf(text + n, sizeof text - n, " Build: %.*s", lbl, label);
             break;
         }
     }
@@ -70,8 +63,6 @@ KAVRO_API int32_t _libTorVersion2String(const char *id, int32_t form, char *out)
     return 0;
 }
 
-KAVRO_API int32_t qLibVersionString(char *out) {
-    return _libTorVersion2String(kLibId, KAVRO_VERSION_FULL, out);
-}
+KAVRO_API int32_t qLibVersionString(char *out) { return _libTorVersion2String(kLibId, KAVRO_VERSION_FULL, out); }
 
 }  // extern "C"

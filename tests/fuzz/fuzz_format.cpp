@@ -29,7 +29,8 @@ void vformat(char *dst, const char *fmt, ...) {
 }
 
 // Builds the argument list one typed argument at a time, then calls.
-template <typename... A> void call(char *dst, const char *fmt, const Value *v, size_t n, A... a) {
+template <typename... A>
+void call(char *dst, const char *fmt, const Value *v, size_t n, A... a) {
     if constexpr (sizeof...(A) < kMaxArgs) {
         if (n > 0) {
             if (v->type == 's') return call(dst, fmt, v + 1, n - 1, a..., v->s);

@@ -56,8 +56,7 @@ int fuzz_proc_net_dev(const uint8_t *data, size_t size) {
         std::memset(got, 0x5A, sizeof(*got) * (slots == 0 ? 1 : slots));
         const int32_t count = kavro::detail::read_dev_names(fd, got, slots);
         FUZZ_CHECK(count == expected);
-        for (int32_t i = 0; i < count; ++i)
-            FUZZ_CHECK(good_name(got[i]) && std::strcmp(got[i], expect[i]) == 0);
+        for (int32_t i = 0; i < count; ++i) FUZZ_CHECK(good_name(got[i]) && std::strcmp(got[i], expect[i]) == 0);
         for (int32_t i = count; i < slots; ++i)
             for (int32_t k = 0; k < kNetNameSize; ++k) FUZZ_CHECK(got[i][k] == '\0');
         delete[] got;

@@ -14,7 +14,12 @@ namespace {
 using namespace kavro::detail;
 
 // Streams the text in chunks of sizes drawn from a seed; the read that would pass fail_at fails.
-struct Chunks { const char *p; size_t n, pos; uint32_t seed; size_t fail_at; };
+struct Chunks {
+    const char *p;
+    size_t n, pos;
+    uint32_t seed;
+    size_t fail_at;
+};
 
 long chunk_read(void *ctx, char *buf, size_t cap) {
     auto *c = static_cast<Chunks *>(ctx);
@@ -152,8 +157,9 @@ int fuzz_registry(const uint8_t *data, size_t size) {
         if (sa == 0) {
             std::string tv;
             FUZZ_CHECK(record_lines(ra, subkey, entry, &tv));
-            FUZZ_CHECK(tv == (type == kRegSz ? "REG_SZ\n" + std::string(value)
-                                             : "REG_DWORD\n" + std::to_string(dword)) + "\n");
+            FUZZ_CHECK(tv ==
+                       (type == kRegSz ? "REG_SZ\n" + std::string(value) : "REG_DWORD\n" + std::to_string(dword)) +
+                           "\n");
             RegReader again(ra.data(), ra.size());
             KAVRO_STATUS s2;
             const std::string r2 = rewrite(again, subkey, entry, type, v, &s2);

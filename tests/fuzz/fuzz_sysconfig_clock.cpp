@@ -19,7 +19,8 @@ using kavro::detail::scan_clock_text;
 ClockFileVerdict from_fd(const char *text, size_t len) {
     const int fd = memfd_create("clock", MFD_CLOEXEC);
     FILE *f = fd < 0 || (len > 0 && write(fd, text, len) != static_cast<ssize_t>(len)) || lseek(fd, 0, SEEK_SET) != 0
-                  ? nullptr : fdopen(fd, "r");
+                  ? nullptr
+                  : fdopen(fd, "r");
     if (f == nullptr) {
         if (fd >= 0) close(fd);
         return ClockFileVerdict::NoFile;
@@ -41,8 +42,8 @@ int fuzz_sysconfig_clock(const uint8_t *data, size_t size) {
     const ClockFileVerdict f = from_fd(text, size);
     FUZZ_CHECK(f == ClockFileVerdict::NoFile || f == v);
     if (std::string(text, size).find("UTC=") == std::string::npos) FUZZ_CHECK(v == ClockFileVerdict::NoTag);
-    for (const auto &[first, verdict] : {std::pair{"UTC=yes\n", ClockFileVerdict::Utc},
-                                         std::pair{"UTC=false\n", ClockFileVerdict::Local}}) {
+    for (const auto &[first, verdict] :
+         {std::pair{"UTC=yes\n", ClockFileVerdict::Utc}, std::pair{"UTC=false\n", ClockFileVerdict::Local}}) {
         const std::string both = first + std::string(text, size);
         FUZZ_CHECK(scan_clock_text(both.data(), both.size()) == verdict);
     }

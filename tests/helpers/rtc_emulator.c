@@ -17,7 +17,7 @@
 #include <unistd.h>
 
 #define API __attribute__((visibility("default")))
-#define NS 1000000000LL
+#define NS  1000000000LL
 
 static int (*real_open)(const char *, int, ...);
 static int (*real_ioctl)(int, unsigned long, ...);
@@ -32,9 +32,9 @@ static struct {
     pthread_mutex_t lock;
     pthread_cond_t change;
     int fd, rate, pie;
-    int64_t start;                /* monotonic ns of the current train's start */
-    uint64_t before, taken;       /* raised before this train; reported by reads */
-    uint64_t stall_after;         /* interrupts raised in all, at most */
+    int64_t start;          /* monotonic ns of the current train's start */
+    uint64_t before, taken; /* raised before this train; reported by reads */
+    uint64_t stall_after;   /* interrupts raised in all, at most */
     uint64_t fail_from[F_COUNT], calls[F_COUNT];
     int64_t cmos_base, cmos_turn; /* CMOS seconds: base until cmos_turn, then one more each second */
     char log[512];
@@ -99,7 +99,7 @@ __attribute__((constructor)) static void emulator_load(void) {
     if ((s = getenv("KAVRO_RTC_LOG")) != NULL) snprintf(dev.log, sizeof dev.log, "%s", s);
     struct timespec wall;
     clock_gettime(CLOCK_REALTIME, &wall);
-    dev.cmos_base = wall.tv_sec;  /* in step with the wall clock's seconds */
+    dev.cmos_base = wall.tv_sec; /* in step with the wall clock's seconds */
     dev.cmos_turn = mono_ns() + NS - wall.tv_nsec;
 }
 
@@ -124,8 +124,10 @@ static int rtc_ioctl(unsigned long req, void *arg) {
     const unsigned long hz = (unsigned long)arg;
     struct rtc_time *t = arg;
     if (req == RTC_IRQP_SET && !failing(F_IRQP)) {
-        if (hz < 2 || hz > 8192 || (hz & (hz - 1)) != 0) errno = EINVAL;
-        else start_train(now), dev.rate = (int)hz, log_event("IRQP_SET %lu", hz), rc = 0;
+        if (hz < 2 || hz > 8192 || (hz & (hz - 1)) != 0)
+            errno = EINVAL;
+        else
+            start_train(now), dev.rate = (int)hz, log_event("IRQP_SET %lu", hz), rc = 0;
     } else if (req == RTC_PIE_ON && !failing(F_PIE)) {
         start_train(now), dev.pie = 1, log_event("PIE_ON"), rc = 0;
     } else if (req == RTC_IRQP_SET || req == RTC_PIE_ON) {
@@ -138,12 +140,16 @@ static int rtc_ioctl(unsigned long req, void *arg) {
         t->tm_mday = b.tm_mday, t->tm_mon = b.tm_mon, t->tm_year = b.tm_year;
         rc = 0;
     } else if (req == RTC_SET_TIME) {
-        if (t->tm_year < 70 || t->tm_mon < 0 || t->tm_mon > 11 || t->tm_mday < 1 || t->tm_mday > 31 ||
-            t->tm_hour < 0 || t->tm_hour > 23 || t->tm_min < 0 || t->tm_min > 59 || t->tm_sec < 0 || t->tm_sec > 59) {
+        if (t->tm_year < 70 || t->tm_mon < 0 || t->tm_mon > 11 || t->tm_mday < 1 || t->tm_mday > 31 || t->tm_hour < 0 ||
+            t->tm_hour > 23 || t->tm_min < 0 || t->tm_min > 59 || t->tm_sec < 0 || t->tm_sec > 59) {
             errno = EINVAL;
         } else {
-            struct tm b = {.tm_sec = t->tm_sec, .tm_min = t->tm_min, .tm_hour = t->tm_hour,
-                           .tm_mday = t->tm_mday, .tm_mon = t->tm_mon, .tm_year = t->tm_year};
+            struct tm b = {.tm_sec = t->tm_sec,
+                           .tm_min = t->tm_min,
+                           .tm_hour = t->tm_hour,
+                           .tm_mday = t->tm_mday,
+                           .tm_mon = t->tm_mon,
+                           .tm_year = t->tm_year};
             dev.cmos_base = (int64_t)timegm(&b);
             dev.cmos_turn = now + NS / 2;
             log_event("SET %04d-%02d-%02d %02d:%02d:%02d %lld", t->tm_year + 1900, t->tm_mon + 1, t->tm_mday,

@@ -20,9 +20,8 @@ struct kavro_rtc_set {
 
 static inline int kavro_rtc_parse_set(const char *line, struct kavro_rtc_set *out) {
     int y, mo, d, h, mi, s;
-    return strncmp(line, "SET ", 4) == 0 &&
-           sscanf(line, "SET %d-%d-%d %d:%d:%d %lld wall=%lld.%ld", &y, &mo, &d, &h, &mi, &s, &out->epoch,
-                  &out->wall_sec, &out->wall_usec) == 9;
+    return strncmp(line, "SET ", 4) == 0 && sscanf(line, "SET %d-%d-%d %d:%d:%d %lld wall=%lld.%ld", &y, &mo, &d, &h,
+                                                   &mi, &s, &out->epoch, &out->wall_sec, &out->wall_usec) == 9;
 }
 
 #endif /* KAVRO_TEST_RTC_EMULATOR_H */

@@ -43,13 +43,16 @@ int run_in_child(const std::function<int()> &fn, int timeout_s) {
 ChildOutput run_captured(const std::function<int()> &fn, int timeout_s) {
     ScratchDir dir;
     const std::string out = dir.path() + "/out", err = dir.path() + "/err";
-    ChildOutput c{run_in_child([&] {
-        rlimit none{0, 0};
-        setrlimit(RLIMIT_CORE, &none);
-        const int fo = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        const int fe = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        return fo < 0 || fe < 0 || dup2(fo, 1) < 0 || dup2(fe, 2) < 0 ? 99 : fn();
-    }, timeout_s), read_file(out), read_file(err)};
+    ChildOutput c{run_in_child(
+                      [&] {
+                          rlimit none{0, 0};
+                          setrlimit(RLIMIT_CORE, &none);
+                          const int fo = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+                          const int fe = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+                          return fo < 0 || fe < 0 || dup2(fo, 1) < 0 || dup2(fe, 2) < 0 ? 99 : fn();
+                      },
+                      timeout_s),
+                  read_file(out), read_file(err)};
     // An emulator reports a child's fatal signal on the child's own standard error: not the program's line.
     for (size_t at; (at = c.err.find("qemu: uncaught target signal")) != std::string::npos;)
         c.err.erase(at, c.err.find('\n', at) - at + 1);
@@ -57,10 +60,12 @@ ChildOutput run_captured(const std::function<int()> &fn, int timeout_s) {
 }
 
 int run_in_private_mounts(const char *dir, const std::function<int()> &fn, int timeout_s) {
-    return run_in_child([&] {
-        std::string why;
-        return private_mounts({dir}, &why) ? fn() : (std::fprintf(stderr, "%s\n", why.c_str()), kNoMounts);
-    }, timeout_s);
+    return run_in_child(
+        [&] {
+            std::string why;
+            return private_mounts({dir}, &why) ? fn() : (std::fprintf(stderr, "%s\n", why.c_str()), kNoMounts);
+        },
+        timeout_s);
 }
 
 bool read_exact(int fd, void *buf, size_t n, int timeout_ms) {
@@ -161,7 +166,8 @@ bool rt_permitted() {
         sched_param sp{1};
         pthread_attr_setschedparam(&attr, &sp);
         pthread_t t;
-        const int rc = pthread_create(&t, &attr, [](void *) -> void * { return nullptr; }, nullptr);
+        const int rc = pthread_create(
+            &t, &attr, [](void *) -> void * { return nullptr; }, nullptr);
         pthread_attr_destroy(&attr);
         return rc == 0 && pthread_join(t, nullptr) == 0;
     }();

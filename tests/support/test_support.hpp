@@ -102,9 +102,9 @@ public:
 #define KAVRO_SKIP_IF_NO_MOUNTS(rc) \
     if ((rc) == ::kavro::test::kNoMounts) GTEST_SKIP() << "no private mount namespace"
 // In a forked child: names the failed check and returns 1.
-#define CHILD_CHECK(c)                                                                                         \
-    do {                                                                                                       \
-        if (!(c)) return std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #c), 1;        \
+#define CHILD_CHECK(c)                                                                                 \
+    do {                                                                                               \
+        if (!(c)) return std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #c), 1; \
     } while (0)
 #define KAVRO_REQUIRE_RT() \
     if (!::kavro::test::rt_permitted()) GTEST_SKIP() << "real-time scheduling is not permitted for this user"
