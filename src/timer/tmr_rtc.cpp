@@ -11,6 +11,7 @@
 
 #include "timer/cmos.hpp"
 #include "frame/internal.hpp"
+#include "frame/publish.hpp"
 #include "kavro_rt/cmos.h"
 #include "kavro_rt/log.h"
 #include "frame/sysclock.hpp"
@@ -185,7 +186,15 @@ void *TMR_Handler(void *) {
         rtcTickCount.fetch_add(1, std::memory_order_relaxed);
         gettimeofday(&now, nullptr);
         pthread_cond_signal(&g_Condition);
-        if (rtc_decide(grid, now, catchUp, tmrThreshold).dispatch) serve_slot(SlotTick::CountDown);
+        const uint64_t before = grid.served;
+        const RtcStep step = rtc_decide(grid, now, catchUp, tmrThreshold);
+        if (!step.dispatch) continue;
+        serve_slot(SlotTick::CountDown);
+        // For `kavro top`: lateness against the boundary served, and the boundaries dropped.
+        const int64_t elapsedUs = (static_cast<int64_t>(now.tv_sec) - grid.origin.tv_sec) * 1000000 +
+                                  (static_cast<int64_t>(now.tv_usec) - grid.origin.tv_usec);
+        kavro::pub::tick_served((elapsedUs - static_cast<int64_t>(grid.served) * kRtcTickUs) * 1000,
+                                step.rephased || grid.served <= before + 1 ? 0 : grid.served - before - 1);
     }
 }
 
