@@ -52,8 +52,10 @@ def machine():
     }
 
 
-def run_gbench(path, log):
-    rc, out, err = sh([path, "--benchmark_format=json"], timeout=900)
+def run_gbench(path, rounds, log):
+    # Rounds in random order, so that a path and its reference alternate.
+    rc, out, err = sh([path, "--benchmark_format=json", f"--benchmark_repetitions={rounds}",
+                       "--benchmark_enable_random_interleaving=true"], timeout=1800)
     if rc != 0:
         log.append(f"{os.path.basename(path)} failed ({rc}): {err.strip()[:300]}")
         return []
@@ -87,7 +89,8 @@ NOTES = {
 
 
 def pair(rows):
-    """Groups "<path>/kavro" with "<path>/ref:<what>" (extra name parts kept)."""
+    """Groups "<path>/kavro" with "<path>/ref:<what>" (extra name parts kept); each side's
+    rounds give its median and spread (min, max)."""
     ours, refs = {}, {}
     for name, ns, ips in rows:
         name = SETTING.sub("", name)
@@ -96,15 +99,24 @@ def pair(rows):
             continue
         path = m.group(1) + (m.group(3) or "")
         if m.group(2) == "kavro":
-            ours[path] = ns
+            ours.setdefault(path, []).append(ns)
         else:
-            refs.setdefault(path, []).append((m.group(2)[4:], ns))
+            refs.setdefault(path, {}).setdefault(m.group(2)[4:], []).append(ns)
     table = []
     for path in sorted(ours):
-        for what, ref_ns in refs.get(path, [("-", None)]):
-            ratio = ours[path] / ref_ns if ref_ns else None
-            table.append((path, ours[path], what, ref_ns, ratio))
+        mine = ours[path]
+        for what, theirs in (refs.get(path) or {"-": []}).items():
+            ref_ns = statistics.median(theirs) if theirs else None
+            ratio = statistics.median(mine) / ref_ns if ref_ns else None
+            table.append((path, mine, what, theirs, ratio))
     return table
+
+
+def fmt_rounds(values):
+    """median (min-max) over the rounds."""
+    if not values:
+        return "-"
+    return f"{fmt_ns(statistics.median(values))} ({fmt_ns(min(values))}-{fmt_ns(max(values))})"
 
 
 def fmt_ns(ns):
@@ -257,6 +269,7 @@ def main():
     ap.add_argument("--arch", required=True)
     ap.add_argument("--seconds", type=int, default=10)
     ap.add_argument("--tick-rounds", type=int, default=5)
+    ap.add_argument("--rounds", type=int, default=3, help="rounds of each benchmark, interleaved")
     ap.add_argument("--out", default="BENCHMARKS.md")
     a = ap.parse_args()
 
@@ -266,16 +279,18 @@ def main():
     for path in sorted(glob.glob(os.path.join(a.bindir, "*_bench"))):
         name = os.path.basename(path)[: -len("_bench")]
         print(f"bench: {name} ...", file=sys.stderr)
-        rows = run_gbench(path, log)
+        rows = run_gbench(path, a.rounds, log)
         table = pair(rows)
-        loose = [(SETTING.sub("", r[0]),) + tuple(r[1:]) for r in rows
-                 if not re.search(r"/(kavro|ref:[^/]+)", r[0])]
+        loose = {}
+        for r in rows:
+            if not re.search(r"/(kavro|ref:[^/]+)", r[0]):
+                loose.setdefault(SETTING.sub("", r[0]), []).append(r[1])
         sections.append((name, table, loose))
 
-    ours, ref = [], []
+    tick_ours, tick_ref = [], []
     tool = os.path.join(a.bindir, "..", "tools", "kavro")
     if os.access(tool, os.X_OK):
-        ours, ref = tick_rounds(tool, a.tick_rounds, a.seconds, log)
+        tick_ours, tick_ref = tick_rounds(tool, a.tick_rounds, a.seconds, log)
     else:
         log.append("kavro tool not built: no tick measurement")
     svsem = reference_tool(["svsematest", "-l", "20000", "-q"], r"Avg\s+(\d+)", log)
@@ -298,20 +313,20 @@ def main():
     for name, table, loose in sections:
         lines += [f"## {name}", ""]
         if table:
-            lines += ["| path | libkavro_rt | reference | reference time | ratio |",
-                      "|---|---|---|---|---|"]
-            for path, ours, what, ref, ratio in table:
+            lines += ["| path | rounds | libkavro_rt, median (min-max) | reference | reference, median (min-max) "
+                      "| ratio of medians |", "|---|---|---|---|---|---|"]
+            for path, mine, what, theirs, ratio in table:
                 r = f"{ratio:.2f}" if ratio is not None else "-"
-                lines.append(f"| {path} | {fmt_ns(ours)} | {what} | {fmt_ns(ref)} | {r} |")
+                lines.append(f"| {path} | {len(mine)} | {fmt_rounds(mine)} | {what} | {fmt_rounds(theirs)} | {r} |")
             notes = sorted({p for p, *_ in table if p in NOTES})
             lines += [""] + [f"- {p}: {NOTES[p]}." for p in notes] if notes else []
             lines.append("")
         if loose:
-            lines += ["| measurement | time per iteration |", "|---|---|"]
-            for n, ns, _ in loose:
-                lines.append(f"| {n} | {fmt_ns(ns)} |")
+            lines += ["| measurement | rounds | time per iteration, median (min-max) |", "|---|---|---|"]
+            for n, times in loose.items():
+                lines.append(f"| {n} | {len(times)} | {fmt_rounds(times)} |")
             lines.append("")
-    lines += tick_section(ours, ref)
+    lines += tick_section(tick_ours, tick_ref)
     lines += ["## rt-tests references", ""]
     lines.append(f"- svsematest (System V semaphore round trip between two processes), average: "
                  f"{svsem + ' µs' if svsem else 'n/a'}")
