@@ -56,8 +56,25 @@ void write_period_line(int32_t r) {
 
 // The signal role: serves the slot directly at each THM_SIGNAL; a signal
 // that arrives while another is being served is dropped.
+std::atomic<uint64_t> signalsDropped{0};
+int64_t firstSignalNs = -1;  // touched only by the signal being served
+
 void serve_signal() {
-    if (running.exchange(1, std::memory_order_acquire) != 0) return;
+    if (running.exchange(1, std::memory_order_acquire) != 0) {
+        signalsDropped.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
+    // For `kavro top`, when it watches: lateness against the 2 ms grid of the
+    // first served signal, and the signals dropped since the last one served.
+    if (kavro::pub::tickOn) {
+        timespec now{};
+        sys_clock_gettime(CLOCK_MONOTONIC, &now);
+        const int64_t period = int64_t{kRtcTickUs} * 1000, t = to_ns(now);
+        if (firstSignalNs < 0) firstSignalNs = t;
+        const int64_t since = t - firstSignalNs;
+        kavro::pub::tick_served(since - (since + period / 2) / period * period,
+                                signalsDropped.exchange(0, std::memory_order_relaxed));
+    }
     serve_slot(SlotTick::CountDown, write_period_line);
     running.store(0, std::memory_order_release);
 }
