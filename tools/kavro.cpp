@@ -259,9 +259,11 @@ int cmd_ipc(const Options &o) {
             what, used && unused, "last users gone, no waiters",
             [](long long sid) { return semctl(static_cast<int>(sid), 0, IPC_RMID) == 0; }, r[1]);
     }
-    // Snapshots left by processes that ended without removing theirs (`kavro top`).
-    if (o.clean && !o.dryRun) c.removed += kavro::top::remove_dead_snapshots(stdout);
-    if (o.clean && !o.dryRun) std::printf("%d object(s) removed\n", c.removed);
+    if (o.clean && !o.dryRun) {
+        std::printf("%d object(s) removed\n", c.removed);
+        // Snapshots left by processes that ended without removing theirs (`kavro top`), each on a line.
+        kavro::top::remove_dead_snapshots(stdout);
+    }
     return c.failed == 0 ? 0 : 1;
 }
 
