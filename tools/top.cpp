@@ -44,25 +44,11 @@ struct Snapshot {
     }
 };
 
-uint64_t start_time_of(pid_t pid) {
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-    FILE *f = std::fopen(path, "re");
-    if (f == nullptr) return 0;
-    char buf[1024];
-    const size_t n = std::fread(buf, 1, sizeof buf - 1, f);
-    std::fclose(f);
-    buf[n] = '\0';
-    const char *p = std::strrchr(buf, ')');
-    for (int field = 2; field < 22 && p != nullptr; ++field) p = std::strchr(p + 1, ' ');
-    return p != nullptr ? std::strtoull(p + 1, nullptr, 10) : 0;
-}
-
 // Gone: no such process, or another process under the same number.
 bool process_gone(const Header &h) {
     const pid_t pid = static_cast<pid_t>(h.pid);
     if (kill(pid, 0) != 0 && errno == ESRCH) return true;
-    const uint64_t started = start_time_of(pid);
+    const uint64_t started = kavro::pub::start_time_of(pid);
     return started != 0 && h.startTime != 0 && started != h.startTime;
 }
 

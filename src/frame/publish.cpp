@@ -150,24 +150,6 @@ char filePath[128];
 int fileFd = -1;
 pid_t filePid = 0;
 
-uint64_t start_time_of(pid_t pid) {
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-    FILE *f = std::fopen(path, "re");
-    if (f == nullptr) return 0;
-    char buf[1024];
-    const size_t n = std::fread(buf, 1, sizeof buf - 1, f);
-    std::fclose(f);
-    buf[n] = '\0';
-    const char *p = std::strrchr(buf, ')');  // the name may hold anything
-    if (p == nullptr) return 0;
-    // Field 3 follows ") "; the start time is field 22.
-    unsigned long long v = 0;
-    for (int field = 2; field < 22 && p != nullptr; ++field) p = std::strchr(p + 1, ' ');
-    if (p != nullptr) v = std::strtoull(p + 1, nullptr, 10);
-    return v;
-}
-
 // Opens (creating) this user's directory and this process's file. The
 // directory must be ours and writable by nobody else; otherwise this
 // process does not publish, and says so once.

@@ -8,9 +8,14 @@
 // written. The frame knows no family: samplers are handed in.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace kavro::pub {
 
@@ -135,6 +140,23 @@ inline void tick_served(int64_t latenessNs, uint64_t missed) {
 
 // The directory of this user's snapshots, and of a given user's.
 void dir_of(uint32_t uid, char *buf, unsigned size);
+
+// When a process started (field 22 of /proc/PID/stat), 0 when it is gone:
+// with the pid, it tells a snapshot's writer from a later process of the
+// same pid. Inline, as the writer and the reader (`kavro top`) both need it.
+inline uint64_t start_time_of(pid_t pid) {
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+    FILE *f = std::fopen(path, "re");
+    if (f == nullptr) return 0;
+    char buf[1024];
+    const size_t n = std::fread(buf, 1, sizeof buf - 1, f);
+    std::fclose(f);
+    buf[n] = '\0';
+    const char *p = std::strrchr(buf, ')');  // the name may hold anything
+    for (int field = 2; field < 22 && p != nullptr; ++field) p = std::strchr(p + 1, ' ');
+    return p != nullptr ? std::strtoull(p + 1, nullptr, 10) : 0;
+}
 
 // FNV-1a over n bytes; inline, since the reader (`kavro top`) sees only the
 // library's exported interface.
