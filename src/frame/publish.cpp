@@ -35,6 +35,7 @@ struct Entry {
     char label[32];
     Sampler sample;
     uint32_t counters[4];
+    const void *waitingFor;  // what the object waits for (see set_waiting)
 };
 
 // The live objects by handle: open addressing with linear probing, grown by
@@ -217,6 +218,7 @@ void snapshot() {
         r.id = reinterpret_cast<uintptr_t>(e.handle);
         std::memcpy(r.name, e.label, sizeof r.name);
         e.sample(e.handle, e.counters, r);
+        if (e.kind == Thread) r.v[5] = static_cast<int64_t>(reinterpret_cast<uintptr_t>(e.waitingFor));
     }
     unlock();
     rowCount = n;
@@ -332,7 +334,7 @@ bool enabled() {
 
 void add(Kind kind, const void *handle, const char *label, Sampler sample) {
     if (!enabled() || handle == nullptr) return;
-    Entry e{handle, kind, {}, sample, {}};
+    Entry e{handle, kind, {}, sample, {}, nullptr};
     if (label != nullptr) std::strncpy(e.label, label, sizeof e.label - 1);
     lock();
     objects.put(e);
@@ -351,6 +353,13 @@ void bump(const void *handle, int slot, uint32_t by) {
     if (!enabled()) return;
     lock();
     if (Entry *e = objects.find(handle)) e->counters[slot & 3] += by;
+    unlock();
+}
+
+void set_waiting(const void *handle, const void *what) {
+    if (!enabled()) return;
+    lock();
+    if (Entry *e = objects.find(handle)) e->waitingFor = what;
     unlock();
 }
 

@@ -95,6 +95,10 @@ void remove(const void *handle);
 // Adds `by` to counter `slot` (0..3) kept here for a registered object;
 // for rare paths (timeouts, failures) only: it looks the object up.
 void bump(const void *handle, int slot, uint32_t by = 1);
+// Records the object a registered thread waits for (null: none), published
+// as the thread row's v[5]; it looks the thread up, so only for paths about
+// to block anyway.
+void set_waiting(const void *thread, const void *what);
 
 // Counters of a named-pipe channel, found by the channel's index-pipe
 // descriptor: the write path bumps them without a lookup.

@@ -11,7 +11,6 @@
 #include "kavro_rt/sem.h"
 #include "kavro_rt/thread.h"
 #include "sync/lck.hpp"
-#include "sync/thread.hpp"
 
 namespace {
 
@@ -22,6 +21,13 @@ constexpr uintptr_t kForeignOwner = ~static_cast<uintptr_t>(0);
 int32_t cRefs = 0;
 LckObj *firstLock = nullptr;
 LckObj *lock2 = nullptr;
+
+// The caller's thread record; null for a thread the library did not make.
+ThreadObj *self_record() {
+    ThreadObj *self = nullptr;
+    THREAD_Self(&self);
+    return self;
+}
 
 void take(LckObj *lock) {
     while (sem_wait(&lock->sem) != 0 && errno == EINTR) {
@@ -110,7 +116,7 @@ KAVRO_API KAVRO_STATUS LCK_Lock(LckObj *hLock) {
     if (cRefs <= 0) return kFail;
     LckObj *lock = hLock != nullptr ? hLock : firstLock;
     if (lock == nullptr) return kFail;
-    ThreadObj *self = thread_self();
+    ThreadObj *self = self_record();
     if (self == nullptr) {
         take(lock);
         ++lock->holdCount;
@@ -121,9 +127,9 @@ KAVRO_API KAVRO_STATUS LCK_Lock(LckObj *hLock) {
     uint32_t changed = 0;
     THREAD_Set2Priority(self, LCK_PRIORITY, nullptr, &changed);  // raised before it may block
     if (nested) return kOk;
-    thread_set_waiting(self, lock);
+    kavro::pub::set_waiting(self, lock);
     take(lock);
-    thread_set_waiting(self, nullptr);
+    kavro::pub::set_waiting(self, nullptr);
     ++lock->holdCount;
     lock->owner = reinterpret_cast<uintptr_t>(self);
     return kOk;
@@ -132,7 +138,7 @@ KAVRO_API KAVRO_STATUS LCK_Lock(LckObj *hLock) {
 KAVRO_API KAVRO_STATUS LCK_Unlock(LckObj *hLock) {
     LckObj *lock = hLock != nullptr ? hLock : firstLock;
     if (lock == nullptr) return kFail;
-    ThreadObj *self = thread_self();
+    ThreadObj *self = self_record();
     if (self == nullptr) {
         if (lock->holdCount > 0) release(lock);
         return kOk;
@@ -148,7 +154,7 @@ KAVRO_API KAVRO_STATUS LCK_Unlock(LckObj *hLock) {
 
 KAVRO_API KAVRO_STATUS LCK_Lock_2(void) {
     if (lock2 == nullptr) return kFail;
-    ThreadObj *self = thread_self();
+    ThreadObj *self = self_record();
     take(lock2);
     ++lock2->holdCount;
     lock2->owner = reinterpret_cast<uintptr_t>(self);

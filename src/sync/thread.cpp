@@ -31,10 +31,9 @@ struct ThreadRecord {
     ThreadObj obj;
     ThreadRecord *next;  // live table
     ThreadRecord *prev;
-    int inheritPolicy;       // the creator's scheduling when the thread was made:
-    int inheritPriority;     // what portable priority 0 stands for
-    const void *waitingFor;  // published: the task lock this thread waits for
-    long tid;                // published: the system's id of the thread
+    int inheritPolicy;    // the creator's scheduling when the thread was made:
+    int inheritPriority;  // what portable priority 0 stands for
+    long tid;             // published: the system's id of the thread
 };
 static_assert(offsetof(ThreadRecord, obj) == 0, "a handle is the record's address");
 
@@ -64,7 +63,6 @@ KAVRO_SAMPLER void sample_thread(const void *h, const uint32_t *, kavro::pub::Ro
     const auto *r = static_cast<const ThreadRecord *>(h);
     row.v[0] = row.v[1] = KAVRO_PEEK(r->obj.priority);
     row.v[4] = KAVRO_PEEK(r->obj.lockCount);
-    row.v[5] = static_cast<int64_t>(reinterpret_cast<uintptr_t>(KAVRO_PEEK(r->waitingFor)));
     row.v[6] = KAVRO_PEEK(r->tid);
     row.v[7] = KAVRO_PEEK(r->obj.suspended);
 }
@@ -364,10 +362,6 @@ const pthread_attr_t *platform_attrs(PlatformAttrs *want) {
 
 namespace kavro::detail {
 
-ThreadObj *thread_self() { return thread_self_record(); }
-
-void thread_set_waiting(ThreadObj *obj, const void *lock) { record_of(obj)->waitingFor = lock; }
-
 uint32_t thread_live_count() {
     pthread_mutex_lock(&liveLock);
     const uint32_t n = liveCount;
@@ -543,12 +537,12 @@ KAVRO_API KAVRO_STATUS THREAD_SetEnvironment(ThreadObj *obj, uint32_t value) {
 
 KAVRO_API KAVRO_STATUS THREAD_Self(ThreadObj **out) {
     if (out == nullptr) return kInvalidArg;
-    *out = thread_self();
+    *out = thread_self_record();
     return kOk;
 }
 
 KAVRO_API KAVRO_STATUS THREAD_End(void) {
-    ThreadObj *o = thread_self();
+    ThreadObj *o = thread_self_record();
     if (o == nullptr) {
         diag("THREAD_End", "Error, ppThreadObj pointer is NULL\n");
         return kInvalidArg;
