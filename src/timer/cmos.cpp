@@ -16,11 +16,26 @@
 #include "frame/internal.hpp"
 #include "kavro_rt/log.h"
 #include "frame/sysclock.hpp"
+#include "timer/pacing.hpp"
 
 namespace kavro::detail {
 
 int32_t g_WriteIntervalTime_sec = 0;
 uint32_t g_TimeOffset_usec = kDefaultCmosOffsetUsec;
+
+bool cmos_write_due(uint32_t *periodStartSec, uint32_t monoSec, uint32_t wallUsec, int32_t intervalSec,
+                    uint32_t offsetUsec) {
+    if (*periodStartSec == 0) {
+        *periodStartSec = monoSec;  // the first interval starts at the first look
+        return false;
+    }
+    // The interval counts as the unsigned number the configuration reports; a
+    // sum past 32 bits does not wrap round to "due".
+    if (monoSec < uint64_t{*periodStartSec} + static_cast<uint32_t>(intervalSec)) return false;
+    if (offsetUsec == 0 || wallUsec < offsetUsec) return false;
+    *periodStartSec = monoSec;
+    return true;
+}
 
 namespace {
 

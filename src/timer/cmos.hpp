@@ -1,5 +1,4 @@
-// The CMOS clock synchronisation's settings that the timer engine's CMOS
-// thread reads, and the clock-file scan that tests reach directly.
+// The CMOS family's clock-file scan, which its tests reach directly.
 #pragma once
 
 #include <cstddef>
@@ -10,15 +9,6 @@
 #include "kavro_rt/cmos.h"
 
 namespace kavro::detail {
-
-// ---- settings, written by CMOS_GetEnvironment when the RTC loop starts --------
-
-// Seconds between CMOS writes; 0 = no writes.
-extern int32_t g_WriteIntervalTime_sec;
-// Microsecond of the wall-clock second at or after which a write is made.
-extern uint32_t g_TimeOffset_usec;
-
-inline constexpr uint32_t kDefaultCmosOffsetUsec = 500000;
 
 // ---- the distribution's clock file ------------------------------------------------
 

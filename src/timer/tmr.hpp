@@ -13,6 +13,7 @@
 #include <sys/time.h>
 
 #include "kavro_rt/tmr.h"
+#include "timer/pacing.hpp"  // what the engine's CMOS thread follows
 
 namespace kavro::detail {
 
@@ -167,10 +168,6 @@ struct RtcStep {
 void rtc_start(RtcGrid &g, const timeval &now);
 // Whether the interrupt read at `now` serves a tick. Pure.
 RtcStep rtc_decide(RtcGrid &g, const timeval &now, bool catchUp, int32_t threshold);
-
-// Whether TMR_CMOS writes now; updates *periodStartSec. Pure.
-bool cmos_write_due(uint32_t *periodStartSec, uint32_t monoSec, uint32_t wallUsec, int32_t intervalSec,
-                    uint32_t offsetUsec);
 
 // Formats "period is %d \n" without stdio; returns the length.
 int format_period_line(char *buf, int size, int32_t r);

@@ -9,12 +9,12 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "timer/cmos.hpp"
 #include "frame/internal.hpp"
 #include "frame/publish.hpp"
 #include "kavro_rt/cmos.h"
 #include "kavro_rt/log.h"
 #include "frame/sysclock.hpp"
+#include "timer/pacing.hpp"
 #include "timer/tmr.hpp"
 
 namespace kavro::detail {
@@ -131,20 +131,6 @@ RtcStep rtc_decide(RtcGrid &g, const timeval &now, bool catchUp, int32_t thresho
         step.dispatch = true;
     }
     return step;
-}
-
-bool cmos_write_due(uint32_t *periodStartSec, uint32_t monoSec, uint32_t wallUsec, int32_t intervalSec,
-                    uint32_t offsetUsec) {
-    if (*periodStartSec == 0) {
-        *periodStartSec = monoSec;  // the first interval starts at the first look
-        return false;
-    }
-    // The interval counts as the unsigned number the configuration reports; a
-    // sum past 32 bits does not wrap round to "due".
-    if (monoSec < uint64_t{*periodStartSec} + static_cast<uint32_t>(intervalSec)) return false;
-    if (offsetUsec == 0 || wallUsec < offsetUsec) return false;
-    *periodStartSec = monoSec;
-    return true;
 }
 
 int format_period_line(char *buf, int size, int32_t r) {
