@@ -2,6 +2,7 @@
 // threads of one process.
 #include <pthread.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -46,8 +47,8 @@ constexpr int kMaxFailedWaits = 32;
 
 // `count` and `maxCount` are read without the lock by the count getters;
 // relaxed atomics keep those reads well defined and cost nothing here.
-inline int32_t load(const int32_t *p) { return __atomic_load_n(p, __ATOMIC_RELAXED); }
-inline void store(int32_t *p, int32_t v) { __atomic_store_n(p, v, __ATOMIC_RELAXED); }
+inline int32_t load(int32_t *p) { return std::atomic_ref<int32_t>(*p).load(std::memory_order_relaxed); }
+inline void store(int32_t *p, int32_t v) { std::atomic_ref<int32_t>(*p).store(v, std::memory_order_relaxed); }
 
 // Waits on `cond` (the caller holds `mutex`) until ready() holds or the
 // deadline `timeoutMs` from now passes. Returns 0 when ready, else the
