@@ -1,5 +1,4 @@
-// System V message queues through IPC_MSGQ_ handles, between real processes
-// in a private IPC namespace.
+// System V message queues through IPC_MSGQ_ handles, between processes in a private IPC namespace.
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -51,12 +50,11 @@ TEST(MsgQueue, MessagesArriveWholeByTypeWithinTheirSizes) {
         EXPECT_TRUE(qid(h) != qid(other) && IPC_MSGQ_Create(&none, 0, nullptr) == KAVRO_E_INVALIDARG && !none);
         std::vector<char> msg(3 * KAVRO_MSGQ_MAX_DATA), buf(msg.size());
         for (size_t i = 0; i < msg.size(); ++i) msg[i] = char(i * 7);
-        ASSERT_EQ(kavro::test::run_in_child([&] {
+        ASSERT_EQ(kavro::test::run_in_child([&] {  // the largest message, type 0
                       void *q = nullptr;
                       CHILD_CHECK(IPC_MSGQ_Create(&q, 0x4D510001u, nullptr) == KAVRO_OK && qid(q) == qid(h));
-                      CHILD_CHECK(IPC_MSGQ_Send(q, "two", 3, 2, 0) == KAVRO_OK);
-                      return IPC_MSGQ_Send(q, msg.data(), KAVRO_MSGQ_MAX_DATA, 0, 0) == KAVRO_OK ? 0
-                                                                                                 : 3;  // the largest
+                      const int32_t max = KAVRO_MSGQ_MAX_DATA;
+                      return (IPC_MSGQ_Send(q, "two", 3, 2, 0) | IPC_MSGQ_Send(q, msg.data(), max, 0, 0)) == 0 ? 0 : 1;
                   }),
                   0);
         uint32_t len = 77;
@@ -66,12 +64,9 @@ TEST(MsgQueue, MessagesArriveWholeByTypeWithinTheirSizes) {
         EXPECT_EQ(IPC_MSGQ_Rcv(h, buf.data(), 8, &len, 1, 0), KAVRO_E_AGAIN);
         EXPECT_TRUE(IPC_MSGQ_Rcv(h, buf.data(), 8, &len, 2, 0) == KAVRO_OK && std::string(buf.data(), len) == "two");
         EXPECT_EQ(IPC_MSGQ_Send(h, msg.data(), KAVRO_MSGQ_MAX_DATA + 1, 1, 0), KAVRO_E_INVALIDARG);
-        EXPECT_EQ(IPC_MSGQ_Rcv(h, buf.data(), -1, &len, 1, 0), KAVRO_E_INVALIDARG);
         MessageRecord rec{};
-        rec.msgType = 1;
-        rec.dataLength = KAVRO_MSGQ_MAX_DATA + 1;
+        rec.msgType = 1, rec.dataLength = KAVRO_MSGQ_MAX_DATA + 1;
         EXPECT_TRUE(mesg_send(qid(h), &rec, IPC_NOWAIT) == -1 && errno == EINVAL);
-        EXPECT_TRUE(mesg_send(qid(h), nullptr, 0) == -1 && mesg_recv(qid(h), nullptr, 8, 0) == -1);
         struct {
             long type;
             char text[3000];
@@ -90,10 +85,6 @@ TEST(MsgQueue, FullQueueWaitsForAReaderThroughSignals) {
     in_private_ipc([](void *h) {
         char data[100] = {};
         ASSERT_EQ(IPC_MSGQ_Send(h, data, 100, 1, 0) | IPC_MSGQ_Send(h, data, 100, 1, 0), KAVRO_OK);
-        MessageRecord rec{};
-        rec.dataLength = 10;
-        rec.msgType = 1;
-        EXPECT_EQ(kavro::detail::msgq_send_polling(qid(h), &rec, IPC_NOWAIT, 3, 1000), KAVRO_E_AGAIN);
         Child sender([&](int fd) { return Child::say(fd), IPC_MSGQ_Send(h, data, 100, 1, 0) == KAVRO_OK ? 0 : 1; });
         ASSERT_TRUE(sender.said());
         for (int i = 0; i < 5; ++i, usleep(30000)) kill(sender.pid, SIGUSR1);

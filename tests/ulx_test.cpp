@@ -31,10 +31,7 @@ TEST(Deadline, ArithmeticCarriesAndNormalises) {
 }
 
 // The daemon: /dev/null on 0, 1 and 2 (a file before), nothing else open,
-// umask 0, a new session, default signal handling, lines to the system log.
-using kavro::test::open_fds;
-using kavro::test::rt_permitted;
-
+// umask 0, a new session, default signal handling, FIFO 99 where permitted.
 TEST(Daemonize, DetachesToDevNullClosesDescriptorsAndResetsSignals) {
     kavro::test::ScratchDir dir;
     const std::string report = dir.path() + "/report";
@@ -43,21 +40,22 @@ TEST(Daemonize, DetachesToDevNullClosesDescriptorsAndResetsSignals) {
                   for (int fd = 0; fd < 3; ++fd) dup2(file, fd);
                   signal(SIGTERM, SIG_IGN);
                   if (ULX_Daemonize() != 0) return 1;  // the parent side exits with 0
-                  std::string out;
                   struct stat null_st {
                   }, st{};
                   stat("/dev/null", &null_st);
+                  std::string out;
                   for (int fd = 0; fd < 3; ++fd)
                       out += fstat(fd, &st) == 0 && st.st_rdev == null_st.st_rdev ? "n" : "x";
                   struct sigaction term {};
                   sigaction(SIGTERM, nullptr, &term);
-                  sched_param sp{};  // FIFO 99 where real-time scheduling is permitted
+                  sched_param sp{};
                   const bool rt =
                       sched_getparam(0, &sp) == 0 && sched_getscheduler(0) == SCHED_FIFO && sp.sched_priority == 99;
-                  out += " fds=" + std::to_string(open_fds() - 1) + " daemonized=" + std::to_string(PEL_daemonized) +
-                         " umask=" + std::to_string(umask(0)) + " leader=" + std::to_string(getsid(0) == getpid()) +
+                  out += " fds=" + std::to_string(kavro::test::open_fds() - 1) +
+                         " daemonized=" + std::to_string(PEL_daemonized) + " umask=" + std::to_string(umask(0)) +
+                         " leader=" + std::to_string(getsid(0) == getpid()) +
                          " term=" + std::to_string(term.sa_handler == SIG_DFL) +
-                         " rt=" + std::to_string(rt || !rt_permitted());
+                         " rt=" + std::to_string(rt || !kavro::test::rt_permitted());
                   kavro::test::write_file(report + ".tmp", out);
                   return rename((report + ".tmp").c_str(), report.c_str());
               }),
