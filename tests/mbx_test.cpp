@@ -22,8 +22,8 @@ int32_t count_of(MBX_HANDLE m, bool high_water = false) {
     return (high_water ? MBX_GetMaxCount(m, &c) : MBX_GetCount(m, &c)) == KAVRO_OK ? c : -1;
 }
 
-// FIFO order across wrap-around, the high-water mark, bounded waits, and a
-// delete that returns every block it took.
+// FIFO order across wrap-around, the high-water mark, bounded waits, no
+// slots, and a delete that returns every block it took.
 TEST(Mailbox, OrderWaitsAndDelete) {
     using Clock = std::chrono::steady_clock;
     const uint32_t allocs = memgenalloccalls, frees = kavro::detail::mem_counters().memgenfreecalls;
@@ -47,6 +47,10 @@ TEST(Mailbox, OrderWaitsAndDelete) {
     t0 = Clock::now();
     EXPECT_TRUE(MBX_Post(m, &msg, 80) == KAVRO_E_TIMEOUT && Clock::now() - t0 >= std::chrono::milliseconds(79));
     EXPECT_TRUE(count_of(m) == 3 && MBX_Delete(m) == KAVRO_OK);
+    testing::internal::CaptureStderr();  // no slots: refused with a line
+    EXPECT_TRUE(MBX_Create(&m, 16, 0) == KAVRO_OK && MBX_Pend(m, &msg, 0) == KAVRO_E_FAIL && MBX_Delete(m) == KAVRO_OK);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("MBX_Pend: the mailbox length is invalid"),
+              std::string::npos);
     EXPECT_EQ(kavro::detail::mem_counters().memgenfreecalls - frees, memgenalloccalls - allocs);
 }
 
