@@ -43,8 +43,19 @@ void in_private_ipc(const std::function<void(void *)> &body) {
 
 // The sender opens the queue by its key; type 0 and flags 0 mean type 1
 // without blocking. Messages arrive whole and by type; sizes are bounded.
+// Semaphores and queues share one tag: each family refuses the other's
+// handles and leaves them working.
 TEST(MsgQueue, MessagesArriveWholeByTypeWithinTheirSizes) {
     in_private_ipc([](void *other) {
+        SEM_HANDLE local = nullptr, sysv = nullptr;
+        ASSERT_TRUE(SEM_Create(&local, 0, 0, 0) == 0 && SEM_Create(&sysv, 0, 0, 1) == 0);
+        int32_t c = 0;
+        for (KAVRO_STATUS st : {IPC_SEM_Delete(local), IPC_SEM_Post(local), PTHR_SEM_Delete(sysv), PTHR_SEM_Post(sysv),
+                                IPC_MSGQ_Delete(local), IPC_MSGQ_Delete(sysv), SEM_Delete(other), SEM_Post(other),
+                                SEM_GetCount(other, &c), IPC_SEM_Delete(other)})
+            EXPECT_EQ(st, KAVRO_E_FAIL);
+        for (SEM_HANDLE sem : {local, sysv})
+            EXPECT_TRUE(SEM_Post(sem) == 0 && SEM_GetCount(sem, &c) == 0 && c == 1 && SEM_Delete(sem) == 0);
         void *h = nullptr, *none = &h;
         ASSERT_EQ(IPC_MSGQ_Create(&h, 0x4D510001u, "test"), KAVRO_OK);
         EXPECT_TRUE(qid(h) != qid(other) && IPC_MSGQ_Create(&none, 0, nullptr) == KAVRO_E_INVALIDARG && !none);
@@ -76,6 +87,7 @@ TEST(MsgQueue, MessagesArriveWholeByTypeWithinTheirSizes) {
         EXPECT_TRUE(mesg_recv(qid(h), &rec, 8192, IPC_NOWAIT) == -1 && errno == E2BIG && rec.dataLength == -1);
         const int32_t id = qid(h);
         EXPECT_TRUE(queued(h) == 1u && IPC_MSGQ_Delete(h) == KAVRO_OK && msgctl(id, IPC_STAT, nullptr) == -1);
+        EXPECT_TRUE(IPC_MSGQ_Send(other, "x", 1, 1, 0) == 0 && IPC_MSGQ_Rcv(other, buf.data(), 1, &len, 1, 0) == 0);
     });
 }
 
@@ -93,27 +105,6 @@ TEST(MsgQueue, FullQueueWaitsForAReaderThroughSignals) {
         EXPECT_TRUE(sender.exit_code() == 0 && queued(h) == 2);
         ASSERT_EQ(msgctl(qid(h), IPC_RMID, nullptr), 0);
         EXPECT_EQ(IPC_MSGQ_Send(h, data, 1, 1, 0), KAVRO_E_FAIL);
-    });
-}
-
-// Semaphores and queues share one tag: each family refuses the other's
-// handles and leaves them working.
-TEST(MsgQueue, SemaphoreAndQueueHandlesAreNotTakenForEachOther) {
-    in_private_ipc([](void *q) {
-        SEM_HANDLE local = nullptr, sysv = nullptr;
-        ASSERT_TRUE(SEM_Create(&local, 0, 0, 0) == 0 && SEM_Create(&sysv, 0, 0, 1) == 0);
-        int32_t c = 0;
-        for (KAVRO_STATUS st : {IPC_SEM_Delete(local), IPC_SEM_Post(local), PTHR_SEM_Delete(sysv), PTHR_SEM_Post(sysv),
-                                IPC_MSGQ_Delete(local), IPC_MSGQ_Delete(sysv), SEM_Delete(q), SEM_Post(q),
-                                SEM_GetCount(q, &c), IPC_SEM_Delete(q)})
-            EXPECT_EQ(st, KAVRO_E_FAIL);
-        char m = 'x';
-        uint32_t len = 0;
-        EXPECT_TRUE(IPC_MSGQ_Send(q, &m, 1, 1, 0) == 0 && IPC_MSGQ_Rcv(q, &m, 1, &len, 1, 0) == 0 && len == 1);
-        for (SEM_HANDLE h : {local, sysv}) {
-            EXPECT_TRUE(SEM_Post(h) == 0 && SEM_GetCount(h, &c) == 0 && c == 1);
-            EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
-        }
     });
 }
 
