@@ -25,8 +25,7 @@ Strings names_of(const std::string &root, uint32_t key, bool streams = false) {
     return {b, b + "_", b + "__", b + "___"};
 }
 
-// The reader side of a channel, opened in this process (a reader in another
-// process is no different to the writer), with its first `opened` FIFOs open.
+// A channel's reader side, in this process, with its first `opened` FIFOs open.
 struct Reader {
     explicit Reader(const Strings &names, int opened = 4) {
         for (int i = 0; i < 4; ++i)
@@ -98,8 +97,7 @@ TEST(FifoFamily, CountedTablesAndRootChecks) {
         << err;
 }
 
-// The index agrees with a first-match scan, with few keys and with many
-// (long probe runs, a full table).
+// The index against a first-match scan: few keys, then many (long probe runs, a full table).
 TEST_F(Fifo, TableLookupMatchesAFirstMatchScan) {
     std::mt19937 rng(12345);
     int32_t r0, r1, r2;
@@ -140,8 +138,7 @@ TEST_F(Fifo, TableLookupMatchesAFirstMatchScan) {
     EXPECT_EQ(found(9, 0) + found(7, 0), 100005);
 }
 
-// Both kinds and a negative key; index bytes 2, 0, 1, 2, 0. Descriptor 0 is
-// free at the first write, so the channel's index pipe must not take it.
+// Index bytes 2, 0, 1, 2, 0; descriptor 0, free at the first write, must not become the index pipe.
 TEST_F(Fifo, WritesReachTheNamedPipesRoundRobin) {
     const int saved_stdin = dup(0);
     for (bool streams : {false, true}) {
@@ -187,8 +184,7 @@ TEST_F(Fifo, RefusedWritesLeaveNothingOpenOrEntered) {
     EXPECT_TRUE(GetCapturedStderr().find("table full") != std::string::npos && open_fds() == before);
 }
 
-// A vanished reader is found by KeyStatus with its tags; writes fail, and
-// widen the tags, until its entry is removed.
+// A vanished reader is reported with its tags; writes fail, and widen them, until it is removed.
 TEST_F(Fifo, GoneReaderIsReportedWithItsTags) {
     {
         Reader reader(names_of(root_, 17));

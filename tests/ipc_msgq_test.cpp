@@ -21,8 +21,7 @@ msgqnum_t queued(void *h) {
     msqid_ds ds{};
     return msgctl(qid(h), IPC_STAT, &ds) == 0 ? ds.msg_qnum : 999;
 }
-// Runs body in a child with an IPC namespace of its own, with a new queue
-// holding at most 200 bytes; signals end system calls with EINTR there.
+// Runs body in a child with its own IPC namespace and a new 200-byte queue; signals interrupt calls there.
 void in_private_ipc(const std::function<void(void *)> &body) {
     const int rc = kavro::test::run_in_child([&] {
         if (unshare(CLONE_NEWIPC) != 0) return 77;
@@ -41,10 +40,8 @@ void in_private_ipc(const std::function<void(void *)> &body) {
     EXPECT_EQ(rc, 0);
 }
 
-// The sender opens the queue by its key; type 0 and flags 0 mean type 1
-// without blocking. Messages arrive whole and by type; sizes are bounded.
-// Semaphores and queues share one tag: each family refuses the other's
-// handles and leaves them working.
+// Opened by key; type 0 and flags 0 mean type 1 without blocking; whole messages by type, sizes bounded.
+// Semaphores and queues share one tag: each family refuses the other's handles and leaves them working.
 TEST(MsgQueue, MessagesArriveWholeByTypeWithinTheirSizes) {
     in_private_ipc([](void *other) {
         SEM_HANDLE local = nullptr, sysv = nullptr;
@@ -91,8 +88,7 @@ TEST(MsgQueue, MessagesArriveWholeByTypeWithinTheirSizes) {
     });
 }
 
-// Flags 0 on a full queue: the sender polls for room, through signals, until
-// a reader makes some; a removed queue fails at once.
+// Flags 0 on a full queue: the sender polls, through signals, until a reader makes room; gone: fails at once.
 TEST(MsgQueue, FullQueueWaitsForAReaderThroughSignals) {
     in_private_ipc([](void *h) {
         char data[100] = {};

@@ -26,10 +26,8 @@ void *create(void **address, uint32_t size = kSize) {
     void *h = nullptr;
     return IPC_SHM_Create(&h, kKey, size, address, nullptr) == KAVRO_OK ? h : nullptr;
 }
-// In a private IPC namespace: an opener sees the creator's contents; once the
-// creator deletes, a new creation is fresh while the opener keeps its view.
-// Without an address nothing is attached (nor stamped) until Map; a smaller
-// existing segment is refused; removal happens even where the detach fails.
+// An opener sees the creator's contents and keeps its view after a delete, while a new creation is fresh.
+// Without an address: nothing attached or stamped until Map; a smaller segment refused; removed if detach fails.
 TEST(SharedMem, CreatorStampsOthersSeeTheSegmentMapLater) {
     const int rc = kavro::test::run_in_child([] {
         if (unshare(CLONE_NEWIPC) != 0) return 77;

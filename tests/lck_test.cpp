@@ -47,8 +47,7 @@ TEST(TaskLockFamily, LifeCycleCoupledWithThreads) {
         0);
 }
 
-// Threads without a record: the lock excludes, a signal does not end the
-// wait, stray unlocks free nothing twice.
+// Threads without a record: excluded through signals; stray unlocks free nothing twice.
 TEST(TaskLock, ForeignThreadsAreExcludedThroughSignals) {
     LCK_Init();
     LckObj *first = lck_first_lock();
@@ -87,9 +86,8 @@ void on_thread(uint32_t priority, Fn fn) {
     THREAD_Join(h);
 }
 
-// 98 while held, across nesting (on any lock), back at the outermost exit to
-// the priority it entered with (98 too, when set so); an inheriting thread
-// returns to what it inherited.
+// 98 while held, across nesting on any lock; at the outermost exit back to the priority it entered
+// with (98 too, when set so) or, for an inheriting thread, to what it inherited.
 TEST(TaskLock, RaisedTo98WhileHeldAndRestoredAtTheOutermostExit) {
     KAVRO_REQUIRE_RT();
     LCK_Init();

@@ -22,8 +22,7 @@ int32_t count_of(MBX_HANDLE m, bool high_water = false) {
     return (high_water ? MBX_GetMaxCount(m, &c) : MBX_GetCount(m, &c)) == KAVRO_OK ? c : -1;
 }
 
-// FIFO order across wrap-around, the high-water mark, bounded waits, no
-// slots, and a delete that returns every block it took.
+// Order across wrap-around, the high-water mark, bounded waits, no slots; delete returns every block.
 TEST(Mailbox, OrderWaitsAndDelete) {
     using Clock = std::chrono::steady_clock;
     const uint32_t allocs = memgenalloccalls, frees = kavro::detail::mem_counters().memgenfreecalls;
@@ -54,8 +53,7 @@ TEST(Mailbox, OrderWaitsAndDelete) {
     EXPECT_EQ(kavro::detail::mem_counters().memgenfreecalls - frees, memgenalloccalls - allocs);
 }
 
-// Short timeouts make waiters time out, retry and lose races: still every
-// message arrives once, each producer's in the order sent.
+// Short timeouts make waiters lose races: still every message arrives once, in its producer's order.
 TEST(Mailbox, ManyThreadsDeliverEveryMessageOnceInProducerOrder) {
     constexpr uint32_t kProducers = 4, kPerProducer = 4000;
     MBX_HANDLE m = nullptr;

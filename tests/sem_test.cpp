@@ -74,8 +74,7 @@ TEST(SemKinds, CountingOfEachKind) {
     EXPECT_TRUE(sem_freed == freed + 3 && semctl(id, 0, GETVAL) == -1);  // gone from the system
 }
 
-// A post wakes one waiter, a reset all of them; under pends that keep timing
-// out, every post is taken exactly once.
+// A post wakes one waiter, a reset all; under pends that time out, each post is taken exactly once.
 TEST(SemCounter, PostWakesOneResetAllNoUnitLostUnderTimeouts) {
     SEM_HANDLE h = nullptr;
     ASSERT_EQ(SEM_Create(&h, 0, 0, 0), KAVRO_OK);
@@ -105,9 +104,7 @@ TEST(SemCounter, PostWakesOneResetAllNoUnitLostUnderTimeouts) {
     EXPECT_TRUE(taken == kPosts && count_of(h) == 0 && SEM_Delete(h) == KAVRO_OK) << taken;
 }
 
-// In a private IPC namespace: the opener of a keyed set waits until the
-// creator has operated on it and keeps its value; its pend lasts through
-// signals until the set is removed.
+// An opener waits until the creator used the set, keeps its value, and pends through signals until removal.
 TEST(SemSysV, KeyedSetIsSharedBetweenProcesses) {
     EXPECT_EQ(kavro::test::run_in_child(
                   [] {

@@ -89,8 +89,7 @@ TEST_F(Threads, RefusalsLogTheirReasonAndLeaveNoHandle) {
     }
 }
 
-// Defaults: FIFO 1, the context handed on, a start line, detached; argument
-// words are passed exactly (none: no array needed); the scheduling policy.
+// Defaults (FIFO 1, the context, a start line, detached); argument words passed exactly; the policy.
 TEST_F(Threads, DefaultsStartLineArgumentWordsAndPolicy) {
     KAVRO_REQUIRE_RT();
     Seen seen, w0, w8;
@@ -116,8 +115,7 @@ TEST_F(Threads, DefaultsStartLineArgumentWordsAndPolicy) {
     EXPECT_TRUE(run(&inherit, &other) && other.sched == Sched(SCHED_OTHER, 0));
 }
 
-// A suspended thread waits, through signals, until SetPriority releases it;
-// a priority above 15 given then is reported once, and the thread runs.
+// Held through signals until SetPriority releases it; a priority above 15 then is reported once.
 TEST_F(Threads, SuspendedStartWaitsForSetPriority) {
     KAVRO_REQUIRE_RT();
     Seen plain, seen, late;
@@ -152,9 +150,7 @@ void ends_itself(void *ctx) {
     s->nwords = -100;  // never reached
 }
 
-// The record is freed at the end; a join never waits for a gone thread (nor
-// in a forked child, which does not have it). Names are cut at 255 and read
-// as a zero-filled 80-byte field.
+// A join never waits for a gone thread (nor in a forked child); names are cut at 255, read as 80 bytes.
 TEST_F(Threads, RecordReleasedAtTheEndJoinNeverWaitsNameField) {
     for (int i = 0; i < 1000 && thread_live_count() != 0; ++i) usleep(10000);  // earlier tests' threads
     const uint32_t live = thread_live_count();

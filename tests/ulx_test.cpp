@@ -30,8 +30,7 @@ TEST(Deadline, ArithmeticCarriesAndNormalises) {
     EXPECT_TRUE(onln == int32_t(sysconf(_SC_NPROCESSORS_ONLN)) && conf >= onln);
 }
 
-// The daemon: /dev/null on 0, 1 and 2 (a file before), nothing else open,
-// umask 0, a new session, default signal handling, FIFO 99 where permitted.
+// The daemon: /dev/null on 0-2 (a file before), nothing else open, umask 0, own session, default signals, FIFO 99.
 TEST(Daemonize, DetachesToDevNullClosesDescriptorsAndResetsSignals) {
     kavro::test::ScratchDir dir;
     const std::string report = dir.path() + "/report";
