@@ -1,6 +1,7 @@
 #include "test_support.hpp"
 
 #include "frame/internal.hpp"
+#include "kavro_rt/kavro_rt.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -200,37 +201,26 @@ ScratchDir::~ScratchDir() {
     if (path_ != "/tmp") std::filesystem::remove_all(path_, ec);
 }
 
-bool private_dev(std::string *why) {
-    char keep[] = "/tmp/kavro-dev-XXXXXX";
-    if (mkdtemp(keep) == nullptr) return failed(why, "mkdtemp");
-    if (!private_mounts({}, why)) return false;
-    if (mount("/dev", keep, nullptr, MS_BIND, nullptr) != 0 || mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0)
-        return failed(why, "replacing /dev");
-    for (const char *node : {"null", "zero", "urandom", "full"}) {
-        const std::string from = std::string(keep) + "/" + node, to = std::string("/dev/") + node;
-        if (int fd = open(to.c_str(), O_CREAT | O_WRONLY, 0666); fd >= 0) close(fd);
-        if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0) return failed(why, "binding " + to);
-    }
-    umount2(keep, MNT_DETACH);
-    rmdir(keep);
-    return true;
+int run_daemonized(const std::function<int(const std::function<std::string()> &)> &fn) {
+    return run_in_child([&] {
+        // An empty /dev of its own, so that a socket bound at /dev/log receives what the system log would.
+        std::string why;
+        if (!private_mounts({"/dev"}, &why)) return std::fprintf(stderr, "%s\n", why.c_str()), kNoMounts;
+        const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+        sockaddr_un addr{AF_UNIX, "/dev/log"};
+        CHILD_CHECK(fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0);
+        PEL_daemonized = 1;
+        return fn([fd] {
+            pollfd p{fd, POLLIN, 0};
+            char buf[4096];
+            const ssize_t n = poll(&p, 1, 2000) == 1 ? recv(fd, buf, sizeof buf, 0) : 0;
+            return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+        });
+    });
 }
 
-LogCatcher::LogCatcher() : fd_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
-    sockaddr_un addr{AF_UNIX, "/dev/log"};
-    unlink(addr.sun_path);
-    if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) close(fd_), fd_ = -1;
-}
-
-LogCatcher::~LogCatcher() {
-    if (fd_ >= 0) close(fd_);
-}
-
-std::string LogCatcher::next(int timeout_ms) {
-    pollfd p{fd_, POLLIN, 0};
-    char buf[4096];
-    const ssize_t n = fd_ >= 0 && poll(&p, 1, timeout_ms) == 1 ? recv(fd_, buf, sizeof buf, 0) : 0;
-    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
+ChildOutput run_shell(const std::string &cmd, int timeout_s) {
+    return run_captured([&] { return execl("/bin/sh", "sh", "-c", cmd.c_str(), nullptr), 127; }, timeout_s);
 }
 
 }  // namespace kavro::test
