@@ -364,7 +364,6 @@ TEST(Robustness, ThreadsTaskLocksTimer) {
         ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_SHORT_LENGTH, 1, THREAD_MAX_ARGS)), KAVRO_E_POINTER),
         ROW(THREAD_TranslatePriority(16, &prio), kArg), ROW(THREAD_TranslatePriority(0, nullptr), kArg),
         ROW(THREAD_KernelTimeSlice(INT_MIN), kOk), ROW(THREAD_SetPriority(nullptr, 1, &word), kArg),
-        ROW(THREAD_SetPriority(nullptr, 0xFFFFFFFFu, nullptr), kArg),
         ROW(THREAD_Set2Priority(nullptr, 98, &word, &word), kArg),
         ROW(THREAD_Set2Priority(live(), 98, nullptr, nullptr), kArg), ROW(THREAD_Restore2Priority(nullptr), kArg),
         VOID(THREAD_LockStatus(nullptr, nullptr)), VOID(THREAD_LockStatus(nullptr, &word)),

@@ -20,6 +20,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace kavro::test {
 
@@ -160,17 +161,12 @@ bool private_mounts(std::initializer_list<const char *> dirs, std::string *why) 
 bool rt_permitted() {
     // Tried on a short-lived thread so that the caller's own policy is untouched.
     static const bool permitted = [] {
-        pthread_attr_t attr;
-        pthread_attr_init(&attr);
-        pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
-        pthread_attr_setschedpolicy(&attr, SCHED_FIFO);
-        sched_param sp{1};
-        pthread_attr_setschedparam(&attr, &sp);
-        pthread_t t;
-        const int rc = pthread_create(
-            &t, &attr, [](void *) -> void * { return nullptr; }, nullptr);
-        pthread_attr_destroy(&attr);
-        return rc == 0 && pthread_join(t, nullptr) == 0;
+        bool ok = false;
+        std::thread([&ok] {
+            const sched_param sp{1};
+            ok = pthread_setschedparam(pthread_self(), SCHED_FIFO, &sp) == 0;
+        }).join();
+        return ok;
     }();
     return permitted;
 }
