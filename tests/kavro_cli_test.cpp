@@ -1,5 +1,4 @@
-// The operator tool and the demo program: their command lines, output
-// formats, exit statuses and messages (not their timing).
+// The operator tool and the demo program: their command lines, output formats, exit statuses and messages.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -21,12 +20,7 @@ using kavro::cli::Command;
 using kavro::cli::Options;
 using kavro::test::ChildOutput;
 
-// Runs a program with arguments (through sh, for redirections) and catches its output.
-ChildOutput run(const std::string &program, const std::string &args) {
-    const std::string cmd = program + " " + args;
-    return kavro::test::run_captured([&] { return execl("/bin/sh", "sh", "-c", cmd.c_str(), (char *)nullptr), 127; });
-}
-ChildOutput tool(const std::string &args) { return run(KAVRO_TOOL_PATH, args); }
+ChildOutput tool(const std::string &args) { return kavro::test::run_shell(KAVRO_TOOL_PATH " " + args); }
 
 bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
@@ -109,7 +103,6 @@ TEST(CliTool, ExitStatusesAndMessages) {
     } cases[] = {
         {KAVRO_TOOL_PATH, "--version", 0, "libkavro_rt 1.00  Build: 060\nkavro 1.0.0\n", ""},
         {KAVRO_TOOL_PATH, "reg --help", 0, "reg get SUBKEY ENTRY", ""},
-        {KAVRO_TOOL_PATH, "latency --help", 0, "--png=FILE", ""},
         {KAVRO_TOOL_PATH, "nonsense", 2, "", "kavro: unknown command 'nonsense' (try: kavro --help)\n"},
         {KAVRO_TOOL_PATH, "version > /dev/full", 1, "", "kavro: cannot write the output: No space left on device\n"},
         {KAVRO_TOOL_PATH, "ipc --root=" + dir.path(), 1, "", "/kmxipc: No such file or directory\n"},
@@ -122,7 +115,7 @@ TEST(CliTool, ExitStatusesAndMessages) {
         {KAVRO_DEMO_PATH, "--no-sandbox --seconds 1 --report " + missing, 1, "", "No such file or directory"},
     };
     for (const auto &c : cases) {
-        const ChildOutput r = run(c.program, c.args);
+        const ChildOutput r = kavro::test::run_shell(c.program + (" " + c.args));
         EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.out << r.err;
         EXPECT_TRUE(c.out.empty() ? r.out.empty() : has(r.out, c.out)) << c.args << " stdout: " << r.out;
         EXPECT_TRUE(c.err.empty() ? r.err.empty() : has(r.err, c.err)) << c.args << " stderr: " << r.err;
@@ -141,7 +134,7 @@ TEST(CliTool, CtrlCEndsLatencyWithSummaryAndFiles) {
 }
 
 TEST(CliTool, RegistryInPrivateMounts) {
-    int rc = kavro::test::run_in_private_mounts("/usr/torvanex", [] {
+    KAVRO_EXPECT_PASSED(kavro::test::run_in_private_mounts("/usr/torvanex", [] {
         const std::string reg = "/usr/torvanex/cfg/.registry";
         CHILD_CHECK(mkdir("/usr/torvanex/cfg", 0755) == 0);
         const struct {
@@ -158,7 +151,6 @@ TEST(CliTool, RegistryInPrivateMounts) {
             {"=", "reg list", 0, "Net\tHost\tREG_SZ\talpha\n"},
             {"=", "reg get Blob Data", 1, "Blob Data is a REG_BINARY record, which the library does not read"},
             {"=", "reg get Nope Nothing", 1, "no entry Nope Nothing"},
-            {"=", "reg set Net Host 'two words'", 2, "cannot hold blanks"},
             {std::string("Tmr\nPer\0iod\nREG_SZ\nx\n", 21), "reg list", 1,
              "not a registry: binary data (a NUL byte at offset 7)"},
             {"/", "reg list", 1, ".registry: Is a directory"},
@@ -175,13 +167,11 @@ TEST(CliTool, RegistryInPrivateMounts) {
             }
         }
         return 0;
-    });
-    KAVRO_SKIP_IF_NO_MOUNTS(rc);
-    EXPECT_EQ(rc, 0);
+    }));
 }
 
 TEST(CliTool, IpcCleanRemovesOnlyWhatNobodyUses) {
-    int rc = kavro::test::run_in_private_mounts("/usr/torvanex", [] {
+    KAVRO_EXPECT_PASSED(kavro::test::run_in_private_mounts("/usr/torvanex", [] {
         if (unshare(CLONE_NEWIPC) != 0) return kavro::test::kNoMounts;
         const std::string dir = "/usr/torvanex/kmxipc";
         CHILD_CHECK(mkdir(dir.c_str(), 0755) == 0);
@@ -207,9 +197,7 @@ TEST(CliTool, IpcCleanRemovesOnlyWhatNobodyUses) {
                     access((dir + "/.pipe.12").c_str(), F_OK) == 0);
         CHILD_CHECK(shmget(0x4711, 0, 0) < 0 && shmctl(mine, IPC_RMID, nullptr) == 0);
         return 0;
-    });
-    KAVRO_SKIP_IF_NO_MOUNTS(rc);
-    EXPECT_EQ(rc, 0);
+    }));
 }
 
 }  // namespace
