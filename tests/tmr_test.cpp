@@ -108,6 +108,9 @@ TEST(Tuning, EnvironmentSetsTheGlobalsWithTheirMessages) {
     }
 }
 
+int32_t nop(uint32_t) { return 0; }
+bool locked() { return !has(kavro::test::read_file("/proc/self/status"), "VmLck:\t       0 kB"); }
+
 TEST(TmrInit, RecognisedHypervisorTakesTheNativeLoopOnce) {
     KAVRO_REQUIRE_RT();
     char sig[13] = {};
@@ -115,17 +118,14 @@ TEST(TmrInit, RecognisedHypervisorTakesTheNativeLoopOnce) {
         GTEST_SKIP() << "not inside a recognised hypervisor";
     ChildOutput r = run_captured([] {
         setenv("PELOSHRT", "", 1);  // not even read on the native path
-        if (TMR_Init() != 0) return 1;
         int policy = -1;
         sched_param sp{};
-        pthread_getschedparam(pthread_self(), &policy, &sp);
-        if (policy != SCHED_FIFO || sp.sched_priority != 99) return 2;
-        if (!has(kavro::test::read_file("/proc/self/status"), "VmLck:")) return 3;
-        if (TMR_Init() != 0 || tmrRefs != 1 || rtcEnabled != 1) return 4;  // not counted, nothing more
+        CHILD_CHECK(TMR_Init() == 0 && pthread_getschedparam(pthread_self(), &policy, &sp) == 0 &&
+                    policy == SCHED_FIFO && sp.sched_priority == 99);
+        CHILD_CHECK(TMR_Init() == 0 && tmrRefs == 1 && rtcEnabled == 1);  // not counted, nothing more
         return HVR_Hypervisor != nullptr ? 0 : 5;
     });
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(has(r.err, "KAVRO: VM detected\nKAVRO: Running in a ") &&
+    EXPECT_TRUE(r.status == 0 && has(r.err, "KAVRO: VM detected\nKAVRO: Running in a ") &&
                 has(r.err, " VMKAVRO: Using native clock\n") &&
                 r.err.find("Using native clock") == r.err.rfind("Using native clock"))
         << r.err;
@@ -137,49 +137,48 @@ TEST(TmrInit, RefusedRealTimePriorityFailsOnceAndStartsNothing) {
         __user_cap_data_struct none[2] = {};
         if (syscall(SYS_capset, &hdr, none) != 0) return 90;  // SCHED_FIFO refused even to root
         setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
-        if (TMR_Init() != KAVRO_E_FAIL) return 1;
-        if (TMR_Init() != 0 || tmrRefs != 1) return 2;
         TmrTimer *t = nullptr;
-        return TMR_Create(
-                   &t, 2.0, [](uint32_t) { return 0; }, 0) == 0 &&
-                       t == nullptr
-                   ? 0
-                   : 3;
+        CHILD_CHECK(TMR_Init() == KAVRO_E_FAIL && TMR_Init() == 0 && tmrRefs == 1);
+        return TMR_Create(&t, 2.0, nop, 0) == 0 && t == nullptr ? 0 : 3;
     });
     if (r.status == 90) GTEST_SKIP() << "capabilities cannot be dropped here";
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(has(r.err, "KAVRO: Timer override set to -1. Using native clock.\n") &&
-                !has(r.err, "KAVRO: Using native clock\n"))
-        << r.err;  // no source was chosen
+    EXPECT_TRUE(r.status == 0 && !has(r.err, "KAVRO: Using native clock\n")) << r.err;  // no source was chosen
 }
 
-int32_t nop(uint32_t) { return 0; }
-
-TEST(TmrSlot, ArmDisarmReuseAndFree) {
+// The slot's life; then up again after the last exit: the environment read again, SCHED_FIFO 99 and locked memory
+// again, and the tick source that runs already serves the new slot.
+TEST(TmrSlot, ArmDisarmReuseFreeAndUpAgain) {
     EXPECT_EQ(TMR_Exit(), -1);  // without Init: only counted down
     tmrRefs = 0;
     KAVRO_REQUIRE_RT();
-    const int status = kavro::test::run_in_child([] {
+    const ChildOutput r = run_captured([] {
         setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
-        if (TMR_Init() != 0) return 1;
+        CHILD_CHECK(TMR_Init() == 0);
         TmrTimer *a = nullptr, *b = reinterpret_cast<TmrTimer *>(1);
         for (auto bad :
              {TMR_Create(&a, 1.5, nop, 0), TMR_Create(&a, 2.0, nullptr, 0), TMR_Create(nullptr, 2.0, nop, 0)})
-            if (bad != KAVRO_E_INVALIDARG || timers.load() != nullptr) return 2;
-        if (TMR_Create(&a, std::nan(""), nop, 7) != 0 || a == nullptr || a->tag != KAVRO_TAG_TMR || a->interval != 2 ||
-            a->remainingMs != 2000 || a->active != 1 || a->callbackArg != 7)
-            return 4;
-        if (TMR_Create(&b, 2.0, nop, 0) != 0 || b != nullptr) return 5;  // slot busy
-        if (TMR_SetTime(a, 10.0) != 0 || TMR_Delete(a) != 0 || a->active != 0) return 6;
-        if (TMR_SetTime(a, 2.0) != KAVRO_E_INVALIDARG) return 7;  // disarmed
-        if (TMR_Create(&b, 3.0, nop, 9) != 0 || b != a || a->callbackArg != 9) return 8;
+            CHILD_CHECK(bad == KAVRO_E_INVALIDARG && timers.load() == nullptr);
+        CHILD_CHECK(TMR_Create(&a, std::nan(""), nop, 7) == 0 && a != nullptr && a->tag == KAVRO_TAG_TMR &&
+                    a->interval == 2 && a->remainingMs == 2000 && a->active == 1 && a->callbackArg == 7);
+        CHILD_CHECK(TMR_Create(&b, 2.0, nop, 0) == 0 && b == nullptr);  // slot busy
+        CHILD_CHECK(TMR_SetTime(a, 10.0) == 0 && TMR_Delete(a) == 0 && a->active == 0);
+        CHILD_CHECK(TMR_SetTime(a, 2.0) == KAVRO_E_INVALIDARG);  // disarmed
+        CHILD_CHECK(TMR_Create(&b, 3.0, nop, 9) == 0 && b == a && a->callbackArg == 9);
         const uint32_t frees = mem_counters().memgenfreecalls;
-        if (TMR_Exit() != 0 || timers.load() != nullptr || mem_counters().memgenfreecalls < frees + 1) return 11;
-        if (TMR_Create(&b, 2.0, nop, 0) != KAVRO_E_NOTMRINIT) return 12;
-        // Up again: a new slot, the tick source that runs already.
-        return TMR_Init() == 0 && TMR_Create(&b, 2.0, nop, 0) == 0 && b != nullptr ? 0 : 13;
+        CHILD_CHECK(TMR_Exit() == 0 && timers.load() == nullptr && mem_counters().memgenfreecalls >= frees + 1);
+        CHILD_CHECK(TMR_Create(&b, 2.0, nop, 0) == KAVRO_E_NOTMRINIT);
+        const bool lockedFirst = locked();  // a sanitizer's reservations can make the lock fail: not checked
+        sched_param sp{};
+        CHILD_CHECK(sched_setscheduler(0, SCHED_OTHER, &sp) == 0 && munlockall() == 0);
+        setenv("TORVANEX_TMR_PROFILE_PERIOD", "2", 1);
+        int policy = -1;
+        CHILD_CHECK(TMR_Init() == 0 && g_TimerProfilePeriodSec == 120 && locked() == lockedFirst);
+        CHILD_CHECK(pthread_getschedparam(pthread_self(), &policy, &sp) == 0 && policy == SCHED_FIFO &&
+                    sp.sched_priority == 99);
+        return TMR_Create(&b, 2.0, nop, 0) == 0 && b != nullptr ? 0 : 3;
     });
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err.find("Using native clock\n"), r.err.rfind("Using native clock\n")) << r.err;  // one tick source
 }
 
 // A short wait sleeps, a long or NaN one is refused, a signal ends a wait early; each failure is reported.
@@ -198,47 +197,16 @@ TEST(TmrWait, ShortWaitSleepsLongOneIsRefusedSignalEndsItEarly) {
             &t, nullptr,
             [](void *p) -> void * {
                 usleep(50000);
-                pthread_kill(*static_cast<pthread_t *>(p), SIGUSR1);
-                return nullptr;
+                return pthread_kill(*static_cast<pthread_t *>(p), SIGUSR1), nullptr;
             },
             &self);
         const KAVRO_STATUS st = TMR_Wait(900000);
         pthread_join(t, nullptr);
         return st == KAVRO_E_FAIL ? 0 : 1;
     });
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(has(r.err, ":clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs)\n") &&
+    EXPECT_TRUE(r.status == 0 && has(r.err, ":clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs)\n") &&
                 has(r.err, "\033[1;31mUNEXPECTED source/PEL_tmrulx,"))
         << r.err;  // the one line naming the sleep
-}
-
-}  // namespace
-
-namespace {
-
-// Up again after the last exit, the caller gets what the first caller got: the environment read again, SCHED_FIFO 99
-// and locked memory; the tick source that runs already serves the new slot.
-TEST(TmrInit, UpAgainAfterTheLastExitReadsTheEnvironmentRaisesAndLocks) {
-    KAVRO_REQUIRE_RT();
-    ChildOutput r = run_captured([] {
-        const auto locked = [] { return !has(kavro::test::read_file("/proc/self/status"), "VmLck:\t       0 kB"); };
-        setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
-        if (TMR_Init() != 0 || TMR_Exit() != 0) return 1;
-        const bool lockedFirst = locked();  // a sanitizer's reservations can make the lock fail: not checked
-        sched_param sp{};
-        if (sched_setscheduler(0, SCHED_OTHER, &sp) != 0 || munlockall() != 0) return 2;
-        setenv("TORVANEX_TMR_PROFILE_PERIOD", "2", 1);
-        if (TMR_Init() != 0 || g_TimerProfilePeriodSec != 120) return 3;
-        int policy = -1;
-        pthread_getschedparam(pthread_self(), &policy, &sp);
-        if (policy != SCHED_FIFO || sp.sched_priority != 99) return 4;
-        if (locked() != lockedFirst) return 5;
-        TmrTimer *t = nullptr;
-        return TMR_Create(&t, 2.0, nop, 0) == 0 && t != nullptr ? 0 : 6;
-    });
-    EXPECT_EQ(r.status, 0) << r.err;
-    const std::string started = "Using native clock\n";
-    EXPECT_EQ(r.err.find(started), r.err.rfind(started)) << r.err;  // one tick source
 }
 
 }  // namespace
