@@ -71,38 +71,29 @@ TEST(TickSourceChoice, OverrideHypervisorResolutionAndEnvironment) {
 
 TEST(Tuning, EnvironmentSetsTheGlobalsWithTheirMessages) {
     const struct {
-        std::map<std::string, std::string> env;
+        std::map<std::string, std::string> env;  // names after TORVANEX_TMR_
         const char *globals, *messages;
     } cases[] = {
-        {{{"TORVANEX_TMR_USE_RTC", " -1"},
-          {"TORVANEX_TMR_PROFILE_PERIOD", "60"},
-          {"TORVANEX_TMR_PROFILE_PRINT", "1"},
-          {"TORVANEX_TMR_MIN_TIME2TGT", "300"}},
+        {{{"USE_RTC", " -1"}, {"PROFILE_PERIOD", "60"}, {"PROFILE_PRINT", "1"}, {"MIN_TIME2TGT", "300"}},
          "-1 3600 1 300",
-         "KAVRO: Timer override set to -1. Using native clock.\n"
-         "KAVRO: Timer profile period set to 60 minutes. \n"
-         "KAVRO: Timer profile print enabled. \n"
-         "KAVRO: Timer min time to target set to 300 us. \n"},
-        {{{"TORVANEX_TMR_USE_RTC", "1x"}, {"TORVANEX_TMR_PROFILE_PERIOD", "1"}, {"TORVANEX_TMR_MIN_TIME2TGT", "100"}},
+         "KAVRO: Timer override set to -1. Using native clock.\nKAVRO: Timer profile period set to 60 minutes. \n"
+         "KAVRO: Timer profile print enabled. \nKAVRO: Timer min time to target set to 300 us. \n"},
+        {{{"USE_RTC", "1x"}, {"PROFILE_PERIOD", "1"}, {"MIN_TIME2TGT", "100"}},
          "1 60 0 100",
          "KAVRO: Timer override set to 1. Using /dev/rtc.\nKAVRO: Timer profile period set to 1 minutes. \n"
          "KAVRO: Timer min time to target set to 100 us. \n"},
-        {{{"TORVANEX_TMR_PROFILE_PERIOD", "61"}},
-         "-1 60 0 150",
-         "KAVRO: Timer profile period (61) out of range. Ignoring. \n"},
+        {{{"PROFILE_PERIOD", "61"}}, "-1 60 0 150", "KAVRO: Timer profile period (61) out of range. Ignoring. \n"},
         // Silently: an unknown override resets the host's, a bad minimum is ignored.
-        {{{"TORVANEX_TMR_USE_RTC", "2"}, {"TORVANEX_TMR_MIN_TIME2TGT", "301"}, {"TORVANEX_TMR_PROFILE_PRINT", "yes"}},
-         "0 120 0 150",
-         ""},
+        {{{"USE_RTC", "2"}, {"MIN_TIME2TGT", "301"}, {"PROFILE_PRINT", "yes"}}, "0 120 0 150", ""},
     };
     for (const auto &c : cases) {
         ChildOutput r = run_captured([&] {
             g_ClockRtcOverride = -1, g_TimerProfilePeriodSec = 120;  // as a host may set them
-            for (auto &[k, v] : c.env) setenv(k.c_str(), v.c_str(), 1);
+            for (auto &[k, v] : c.env) setenv(("TORVANEX_TMR_" + k).c_str(), v.c_str(), 1);
             read_tuning_env();
-            std::printf("%d %d %u %d", g_ClockRtcOverride, g_TimerProfilePeriodSec, g_TimerProfilePrint,
-                        g_TimerMinTimeToTargetUs);
-            return 0;
+            return std::printf("%d %d %u %d", g_ClockRtcOverride, g_TimerProfilePeriodSec, g_TimerProfilePrint,
+                               g_TimerMinTimeToTargetUs),
+                   0;
         });
         EXPECT_EQ(r.out + "|" + r.err, std::string(c.globals) + "|" + c.messages);
     }
@@ -191,17 +182,9 @@ TEST(TmrWait, ShortWaitSleepsLongOneIsRefusedSignalEndsItEarly) {
         CHILD_CHECK(to_ns(b) - to_ns(a) >= 500000 && global_error == 0);
         CHILD_CHECK(TMR_Wait(1000000) == 0 && TMR_Wait(std::nan("")) == 0 && global_error == 2);
         struct sigaction sa {};
-        sa.sa_handler = [](int) {}, sigaction(SIGUSR1, &sa, nullptr);  // no SA_RESTART
-        pthread_t self = pthread_self(), t;
-        pthread_create(
-            &t, nullptr,
-            [](void *p) -> void * {
-                usleep(50000);
-                return pthread_kill(*static_cast<pthread_t *>(p), SIGUSR1), nullptr;
-            },
-            &self);
+        sa.sa_handler = [](int) {}, sigaction(SIGALRM, &sa, nullptr);  // no SA_RESTART
+        ualarm(50000, 0);
         const KAVRO_STATUS st = TMR_Wait(900000);
-        pthread_join(t, nullptr);
         return st == KAVRO_E_FAIL ? 0 : 1;
     });
     EXPECT_TRUE(r.status == 0 && has(r.err, ":clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs)\n") &&

@@ -1,4 +1,10 @@
-/* The emulated real-time-clock device (see rtc_emulator.h). */
+/*
+ * An emulated /dev/rtc for the tick and CMOS tests, preloaded (LD_PRELOAD=KAVRO_RTC_EMULATOR_PATH). RTC_IRQP_SET and
+ * RTC_PIE_ON start periodic interrupts; a read blocks until the next (missed ones make one). RTC_SET_TIME /
+ * RTC_RD_TIME: a software CMOS clock (UTC) whose first second after a set ends 500 ms later. Environment:
+ * KAVRO_RTC_STALL (no interrupt ever), KAVRO_RTC_FAIL=open|irqp|pie|read[@K] (that call fails with EIO, from its K-th
+ * on), KAVRO_RTC_LOG=path (lines "IRQP_SET <hz>", "PIE_ON 1", "SET <epoch written>", each ending " wall=<s>.<us>").
+ */
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
 #endif
@@ -22,12 +28,18 @@ static int (*real_open)(const char *, int, ...);
 static int (*real_ioctl)(int, unsigned long, ...);
 static ssize_t (*real_read)(int, void *, size_t);
 
+/* Also on a first call that comes before the constructor has run. */
+static void resolve(void) {
+    real_open = (int (*)(const char *, int, ...))dlsym(RTLD_NEXT, "open");
+    real_ioctl = (int (*)(int, unsigned long, ...))dlsym(RTLD_NEXT, "ioctl");
+    real_read = (ssize_t(*)(int, void *, size_t))dlsym(RTLD_NEXT, "read");
+}
+
 static struct {
     pthread_mutex_t lock;
     int fd, rate, pie, stall;
-    int64_t start;          /* monotonic ns of the current train's start */
-    uint64_t before, taken; /* raised before this train; reported by reads */
-    char fail[16];          /* the call that fails, from its fail_at-th on */
+    int64_t next; /* monotonic ns of the next interrupt */
+    char fail[16];
     long fail_at, calls;
     int64_t cmos_base, cmos_turn; /* CMOS seconds: base until cmos_turn, then one more each second */
     const char *log;
@@ -39,43 +51,24 @@ static int64_t mono_ns(void) {
     return (int64_t)ts.tv_sec * NS + ts.tv_nsec;
 }
 
-/* Interrupts raised up to now (lock held). */
-static uint64_t raised(int64_t now) {
-    if (dev.stall || !dev.pie || now <= dev.start) return dev.before;
-    return dev.before + (uint64_t)((now - dev.start) / (NS / dev.rate));
-}
-
 static int failing(const char *call) {
     if (strcmp(dev.fail, call) != 0 || __atomic_add_fetch(&dev.calls, 1, __ATOMIC_RELAXED) < dev.fail_at) return 0;
     return errno = EIO, 1;
 }
 
-__attribute__((format(printf, 1, 2))) static void log_event(const char *fmt, ...) {
+static void log_event(const char *what, long long value) {
     FILE *f = dev.log != NULL ? fopen(dev.log, "ae") : NULL;
-    if (f == NULL) return;
     struct timeval tv;
     gettimeofday(&tv, NULL);
-    va_list ap;
-    va_start(ap, fmt);
-    vfprintf(f, fmt, ap);
-    va_end(ap);
-    fprintf(f, " wall=%lld.%06ld\n", (long long)tv.tv_sec, (long)tv.tv_usec);
-    fclose(f);
-}
-
-/* Also on a first call that comes before the constructor has run. */
-static void resolve(void) {
-    real_open = (int (*)(const char *, int, ...))dlsym(RTLD_NEXT, "open");
-    real_ioctl = (int (*)(int, unsigned long, ...))dlsym(RTLD_NEXT, "ioctl");
-    real_read = (ssize_t(*)(int, void *, size_t))dlsym(RTLD_NEXT, "read");
+    if (f != NULL) fprintf(f, "%s %lld wall=%lld.%06ld\n", what, value, (long long)tv.tv_sec, (long)tv.tv_usec);
+    if (f != NULL) fclose(f);
 }
 
 __attribute__((constructor)) static void emulator_load(void) {
     resolve();
     dev.stall = getenv("KAVRO_RTC_STALL") != NULL;
     dev.log = getenv("KAVRO_RTC_LOG");
-    const char *f = getenv("KAVRO_RTC_FAIL");
-    snprintf(dev.fail, sizeof dev.fail, "%s", f != NULL ? f : "");
+    snprintf(dev.fail, sizeof dev.fail, "%s", getenv("KAVRO_RTC_FAIL") != NULL ? getenv("KAVRO_RTC_FAIL") : "");
     char *at = strchr(dev.fail, '@');
     dev.fail_at = at != NULL ? (*at = '\0', atol(at + 1)) : 1;
     struct timespec wall;
@@ -102,6 +95,7 @@ API int open(const char *path, int flags, ...) {
     return fd;
 }
 
+/* struct rtc_time is the first nine fields of struct tm. */
 API int ioctl(int fd, unsigned long req, ...) {
     if (real_ioctl == NULL) resolve();
     va_list ap;
@@ -110,31 +104,25 @@ API int ioctl(int fd, unsigned long req, ...) {
     va_end(ap);
     if (!is_rtc_fd(fd)) return real_ioctl(fd, req, arg);
     const int64_t now = mono_ns();
-    struct rtc_time *t = arg;
     int rc = 0;
     pthread_mutex_lock(&dev.lock);
     if (req == RTC_IRQP_SET || req == RTC_PIE_ON) {
-        if (failing(req == RTC_PIE_ON ? "pie" : "irqp")) {
+        if (failing(req == RTC_PIE_ON ? "pie" : "irqp"))
             rc = -1;
-        } else {
-            dev.before = raised(now), dev.start = now; /* a new train */
-            if (req == RTC_PIE_ON)
-                dev.pie = 1, log_event("PIE_ON");
-            else
-                dev.rate = (int)(uintptr_t)arg, log_event("IRQP_SET %d", dev.rate);
-        }
+        else if (req == RTC_PIE_ON)
+            dev.pie = 1, log_event("PIE_ON", 1);
+        else
+            dev.rate = (int)(uintptr_t)arg, log_event("IRQP_SET", dev.rate);
+        dev.next = now + NS / dev.rate; /* a new train */
     } else if (req == RTC_RD_TIME) {
         const time_t s = (time_t)(dev.cmos_base + (now < dev.cmos_turn ? 0 : 1 + (now - dev.cmos_turn) / NS));
         struct tm b;
-        gmtime_r(&s, &b);
-        memset(t, 0, sizeof *t);
-        t->tm_sec = b.tm_sec, t->tm_min = b.tm_min, t->tm_hour = b.tm_hour;
-        t->tm_mday = b.tm_mday, t->tm_mon = b.tm_mon, t->tm_year = b.tm_year;
+        memcpy(arg, gmtime_r(&s, &b), sizeof(struct rtc_time));
     } else if (req == RTC_SET_TIME) {
-        struct tm b = {.tm_sec = t->tm_sec, .tm_min = t->tm_min, .tm_hour = t->tm_hour};
-        b.tm_mday = t->tm_mday, b.tm_mon = t->tm_mon, b.tm_year = t->tm_year;
+        struct tm b = {0};
+        memcpy(&b, arg, sizeof(struct rtc_time));
         dev.cmos_base = (int64_t)timegm(&b), dev.cmos_turn = now + NS / 2;
-        log_event("SET %lld", (long long)dev.cmos_base);
+        log_event("SET", (long long)dev.cmos_base);
     } else {
         rc = -1, errno = ENOTTY;
     }
@@ -142,23 +130,19 @@ API int ioctl(int fd, unsigned long req, ...) {
     return rc;
 }
 
-/* One read per interrupt; interrupts missed in between are reported by the next. */
 API ssize_t read(int fd, void *buf, size_t n) {
     if (real_read == NULL) resolve();
     if (!is_rtc_fd(fd)) return real_read(fd, buf, n);
     if (failing("read")) return -1;
     for (;;) {
         pthread_mutex_lock(&dev.lock);
-        const int64_t now = mono_ns();
-        const uint64_t r = raised(now);
-        const uint32_t word = (uint32_t)(((r - dev.taken) & 0xFFFFFF) << 8) | RTC_PF | RTC_IRQF;
-        const int64_t next =
-            dev.pie && !dev.stall ? dev.start + (int64_t)(r - dev.before + 1) * (NS / dev.rate) : now + NS / 10;
-        const int ready = r > dev.taken;
-        if (ready) dev.taken = r;
+        const int64_t now = mono_ns(), period = NS / dev.rate, next = dev.next;
+        const int ticking = dev.pie && !dev.stall, ready = ticking && now >= next;
+        if (ready) dev.next += ((now - next) / period + 1) * period;
         pthread_mutex_unlock(&dev.lock);
-        if (ready) return memcpy(buf, &word, sizeof word), (ssize_t)sizeof word;
-        const struct timespec ts = {.tv_sec = (time_t)(next / NS), .tv_nsec = (long)(next % NS)};
+        if (ready) return memcpy(buf, &(uint32_t){RTC_PF | RTC_IRQF | 1 << 8}, 4), 4;
+        const int64_t until = ticking ? next : now + NS / 10;
+        const struct timespec ts = {.tv_sec = (time_t)(until / NS), .tv_nsec = (long)(until % NS)};
         clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, NULL);
     }
 }
