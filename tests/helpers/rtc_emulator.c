@@ -3,7 +3,7 @@
  * RTC_PIE_ON start periodic interrupts; a read blocks until the next (missed ones make one). RTC_SET_TIME /
  * RTC_RD_TIME: a software CMOS clock (UTC) whose first second after a set ends 500 ms later. Environment:
  * KAVRO_RTC_STALL (no interrupt ever), KAVRO_RTC_FAIL=open|irqp|pie|read[@K] (that call fails with EIO, from its K-th
- * on), KAVRO_RTC_LOG=path (lines "IRQP_SET <hz>", "PIE_ON 1", "SET <epoch written>", each ending " wall=<s>.<us>").
+ * on). Logs to standard output lines "IRQP_SET <hz>", "PIE_ON 1", "SET <epoch written>", each ending " wall=<s>.<us>".
  */
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
@@ -42,7 +42,6 @@ static struct {
     char fail[16];
     long fail_at, calls;
     int64_t cmos_base, cmos_turn; /* CMOS seconds: base until cmos_turn, then one more each second */
-    const char *log;
 } dev = {.lock = PTHREAD_MUTEX_INITIALIZER, .fd = -1, .rate = 1024};
 
 static int64_t mono_ns(void) {
@@ -57,17 +56,14 @@ static int failing(const char *call) {
 }
 
 static void log_event(const char *what, long long value) {
-    FILE *f = dev.log != NULL ? fopen(dev.log, "ae") : NULL;
     struct timeval tv;
     gettimeofday(&tv, NULL);
-    if (f != NULL) fprintf(f, "%s %lld wall=%lld.%06ld\n", what, value, (long long)tv.tv_sec, (long)tv.tv_usec);
-    if (f != NULL) fclose(f);
+    dprintf(1, "%s %lld wall=%lld.%06ld\n", what, value, (long long)tv.tv_sec, (long)tv.tv_usec);
 }
 
 __attribute__((constructor)) static void emulator_load(void) {
     resolve();
     dev.stall = getenv("KAVRO_RTC_STALL") != NULL;
-    dev.log = getenv("KAVRO_RTC_LOG");
     snprintf(dev.fail, sizeof dev.fail, "%s", getenv("KAVRO_RTC_FAIL") != NULL ? getenv("KAVRO_RTC_FAIL") : "");
     char *at = strchr(dev.fail, '@');
     dev.fail_at = at != NULL ? (*at = '\0', atol(at + 1)) : 1;
