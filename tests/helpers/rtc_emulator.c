@@ -41,7 +41,7 @@ static struct {
     int64_t next; /* monotonic ns of the next interrupt */
     char fail[16];
     long fail_at, calls;
-    int64_t cmos_base, cmos_turn; /* CMOS seconds: base until cmos_turn, then one more each second */
+    int64_t cmos_ns; /* CMOS clock minus the monotonic clock, ns */
 } dev = {.lock = PTHREAD_MUTEX_INITIALIZER, .fd = -1, .rate = 1024};
 
 static int64_t mono_ns(void) {
@@ -69,8 +69,7 @@ __attribute__((constructor)) static void emulator_load(void) {
     dev.fail_at = at != NULL ? (*at = '\0', atol(at + 1)) : 1;
     struct timespec wall;
     clock_gettime(CLOCK_REALTIME, &wall);
-    dev.cmos_base = wall.tv_sec; /* in step with the wall clock's seconds */
-    dev.cmos_turn = mono_ns() + NS - wall.tv_nsec;
+    dev.cmos_ns = (int64_t)wall.tv_sec * NS + wall.tv_nsec - mono_ns(); /* in step with the wall clock */
 }
 
 static int is_rtc_fd(int fd) { return fd >= 0 && __atomic_load_n(&dev.fd, __ATOMIC_ACQUIRE) == fd; }
@@ -111,14 +110,15 @@ API int ioctl(int fd, unsigned long req, ...) {
             dev.rate = (int)(uintptr_t)arg, log_event("IRQP_SET", dev.rate);
         dev.next = now + NS / dev.rate; /* a new train */
     } else if (req == RTC_RD_TIME) {
-        const time_t s = (time_t)(dev.cmos_base + (now < dev.cmos_turn ? 0 : 1 + (now - dev.cmos_turn) / NS));
+        const time_t s = (time_t)((now + dev.cmos_ns) / NS);
         struct tm b;
         memcpy(arg, gmtime_r(&s, &b), sizeof(struct rtc_time));
     } else if (req == RTC_SET_TIME) {
         struct tm b = {0};
         memcpy(&b, arg, sizeof(struct rtc_time));
-        dev.cmos_base = (int64_t)timegm(&b), dev.cmos_turn = now + NS / 2;
-        log_event("SET", (long long)dev.cmos_base);
+        const long long epoch = timegm(&b);
+        dev.cmos_ns = epoch * NS + NS / 2 - now; /* its first second ends 500 ms later */
+        log_event("SET", epoch);
     } else {
         rc = -1, errno = ENOTTY;
     }
