@@ -153,9 +153,9 @@ int count_of(const std::string &text, const std::string &part) {
     return n;
 }
 
+// Under emulation only the timing goes unchecked.
 TEST(RtcLoop, FirstCallbackAfterAThousandTicksThenFiveHundredASecondAndCmosWrites) {
     KAVRO_REQUIRE_RT();
-    KAVRO_REQUIRE_NATIVE("tick timing");
     const ChildOutput r = run_rtc("3500", {{"TORVANEX_CMOS_CLOCK_UPDATE_RATE_PRIVATE", "1"},
                                            {"TORVANEX_CMOS_CLOCK_UPDATE_CMOS_OFFSET_USEC", "250000"}});
     long long firstMs = 0;
@@ -164,9 +164,10 @@ TEST(RtcLoop, FirstCallbackAfterAThousandTicksThenFiveHundredASecondAndCmosWrite
                 std::sscanf(r.out.c_str() + r.out.find("first_ms"), "first_ms %lld calls %u", &firstMs, &n) == 2)
         << r.err;
     EXPECT_TRUE(r.out.find("threads TMR_CMOS TMR_Handler TMR_Watchdog \n") != std::string::npos) << r.out;
-    EXPECT_TRUE(firstMs > 1800 && firstMs < 2600 && n > 500 && n < 1000) << r.out;  // ~1.5 s at 500 a second
-    EXPECT_TRUE(count_of(r.out, "IRQP_SET 4096") == 1 && count_of(r.err, "not ticking") == 0 &&
-                count_of(r.err, "SET WARNING") == 0)
+    EXPECT_TRUE(count_of(r.out, "IRQP_SET 4096") == 1 && count_of(r.err, "not ticking") == 0) << r.out << r.err;
+    // ~1.5 s at 500 a second; the CMOS writes a second apart.
+    EXPECT_TRUE(emulated() ||
+                (firstMs > 1800 && firstMs < 2600 && n > 500 && n < 1000 && count_of(r.err, "SET WARNING") == 0))
         << r.out << r.err;
     // The CMOS thread wrote at or after the offset, once a second from the second second on.
     std::istringstream in(r.out);
