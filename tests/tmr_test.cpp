@@ -71,42 +71,36 @@ TEST(TickSourceChoice, OverrideHypervisorResolutionAndEnvironment) {
 
 TEST(Tuning, EnvironmentSetsTheGlobalsWithTheirMessages) {
     const struct {
-        std::map<std::string, std::string> env;
+        std::map<std::string, std::string> env;  // names after TORVANEX_TMR_
         const char *globals, *messages;
     } cases[] = {
-        {{{"TORVANEX_TMR_USE_RTC", " -1"},
-          {"TORVANEX_TMR_PROFILE_PERIOD", "60"},
-          {"TORVANEX_TMR_PROFILE_PRINT", "1"},
-          {"TORVANEX_TMR_MIN_TIME2TGT", "300"}},
+        {{{"USE_RTC", " -1"}, {"PROFILE_PERIOD", "60"}, {"PROFILE_PRINT", "1"}, {"MIN_TIME2TGT", "300"}},
          "-1 3600 1 300",
-         "KAVRO: Timer override set to -1. Using native clock.\n"
-         "KAVRO: Timer profile period set to 60 minutes. \n"
-         "KAVRO: Timer profile print enabled. \n"
-         "KAVRO: Timer min time to target set to 300 us. \n"},
-        {{{"TORVANEX_TMR_USE_RTC", "1x"}, {"TORVANEX_TMR_PROFILE_PERIOD", "1"}, {"TORVANEX_TMR_MIN_TIME2TGT", "100"}},
+         "KAVRO: Timer override set to -1. Using native clock.\nKAVRO: Timer profile period set to 60 minutes. \n"
+         "KAVRO: Timer profile print enabled. \nKAVRO: Timer min time to target set to 300 us. \n"},
+        {{{"USE_RTC", "1x"}, {"PROFILE_PERIOD", "1"}, {"MIN_TIME2TGT", "100"}},
          "1 60 0 100",
          "KAVRO: Timer override set to 1. Using /dev/rtc.\nKAVRO: Timer profile period set to 1 minutes. \n"
          "KAVRO: Timer min time to target set to 100 us. \n"},
-        {{{"TORVANEX_TMR_PROFILE_PERIOD", "61"}},
-         "-1 60 0 150",
-         "KAVRO: Timer profile period (61) out of range. Ignoring. \n"},
+        {{{"PROFILE_PERIOD", "61"}}, "-1 60 0 150", "KAVRO: Timer profile period (61) out of range. Ignoring. \n"},
         // Silently: an unknown override resets the host's, a bad minimum is ignored.
-        {{{"TORVANEX_TMR_USE_RTC", "2"}, {"TORVANEX_TMR_MIN_TIME2TGT", "301"}, {"TORVANEX_TMR_PROFILE_PRINT", "yes"}},
-         "0 120 0 150",
-         ""},
+        {{{"USE_RTC", "2"}, {"MIN_TIME2TGT", "301"}, {"PROFILE_PRINT", "yes"}}, "0 120 0 150", ""},
     };
     for (const auto &c : cases) {
         ChildOutput r = run_captured([&] {
             g_ClockRtcOverride = -1, g_TimerProfilePeriodSec = 120;  // as a host may set them
-            for (auto &[k, v] : c.env) setenv(k.c_str(), v.c_str(), 1);
+            for (auto &[k, v] : c.env) setenv(("TORVANEX_TMR_" + k).c_str(), v.c_str(), 1);
             read_tuning_env();
-            std::printf("%d %d %u %d", g_ClockRtcOverride, g_TimerProfilePeriodSec, g_TimerProfilePrint,
-                        g_TimerMinTimeToTargetUs);
-            return 0;
+            return std::printf("%d %d %u %d", g_ClockRtcOverride, g_TimerProfilePeriodSec, g_TimerProfilePrint,
+                               g_TimerMinTimeToTargetUs),
+                   0;
         });
         EXPECT_EQ(r.out + "|" + r.err, std::string(c.globals) + "|" + c.messages);
     }
 }
+
+int32_t nop(uint32_t) { return 0; }
+bool locked() { return !has(kavro::test::read_file("/proc/self/status"), "VmLck:\t       0 kB"); }
 
 TEST(TmrInit, RecognisedHypervisorTakesTheNativeLoopOnce) {
     KAVRO_REQUIRE_RT();
@@ -115,17 +109,14 @@ TEST(TmrInit, RecognisedHypervisorTakesTheNativeLoopOnce) {
         GTEST_SKIP() << "not inside a recognised hypervisor";
     ChildOutput r = run_captured([] {
         setenv("PELOSHRT", "", 1);  // not even read on the native path
-        if (TMR_Init() != 0) return 1;
         int policy = -1;
         sched_param sp{};
-        pthread_getschedparam(pthread_self(), &policy, &sp);
-        if (policy != SCHED_FIFO || sp.sched_priority != 99) return 2;
-        if (!has(kavro::test::read_file("/proc/self/status"), "VmLck:")) return 3;
-        if (TMR_Init() != 0 || tmrRefs != 1 || rtcEnabled != 1) return 4;  // not counted, nothing more
+        CHILD_CHECK(TMR_Init() == 0 && pthread_getschedparam(pthread_self(), &policy, &sp) == 0 &&
+                    policy == SCHED_FIFO && sp.sched_priority == 99);
+        CHILD_CHECK(TMR_Init() == 0 && tmrRefs == 1 && rtcEnabled == 1);  // not counted, nothing more
         return HVR_Hypervisor != nullptr ? 0 : 5;
     });
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(has(r.err, "KAVRO: VM detected\nKAVRO: Running in a ") &&
+    EXPECT_TRUE(r.status == 0 && has(r.err, "KAVRO: VM detected\nKAVRO: Running in a ") &&
                 has(r.err, " VMKAVRO: Using native clock\n") &&
                 r.err.find("Using native clock") == r.err.rfind("Using native clock"))
         << r.err;
@@ -137,49 +128,44 @@ TEST(TmrInit, RefusedRealTimePriorityFailsOnceAndStartsNothing) {
         __user_cap_data_struct none[2] = {};
         if (syscall(SYS_capset, &hdr, none) != 0) return 90;  // SCHED_FIFO refused even to root
         setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
-        if (TMR_Init() != KAVRO_E_FAIL) return 1;
-        if (TMR_Init() != 0 || tmrRefs != 1) return 2;
         TmrTimer *t = nullptr;
-        return TMR_Create(
-                   &t, 2.0, [](uint32_t) { return 0; }, 0) == 0 &&
-                       t == nullptr
-                   ? 0
-                   : 3;
+        CHILD_CHECK(TMR_Init() == KAVRO_E_FAIL && TMR_Init() == 0 && tmrRefs == 1);
+        return TMR_Create(&t, 2.0, nop, 0) == 0 && t == nullptr ? 0 : 3;
     });
     if (r.status == 90) GTEST_SKIP() << "capabilities cannot be dropped here";
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(has(r.err, "KAVRO: Timer override set to -1. Using native clock.\n") &&
-                !has(r.err, "KAVRO: Using native clock\n"))
-        << r.err;  // no source was chosen
+    EXPECT_TRUE(r.status == 0 && !has(r.err, "KAVRO: Using native clock\n")) << r.err;  // no source was chosen
 }
 
-int32_t nop(uint32_t) { return 0; }
-
-TEST(TmrSlot, ArmDisarmReuseAndFree) {
+// The slot's life; then up again after the last exit: the environment read again, SCHED_FIFO 99 and locked memory
+// again, and the tick source that runs already serves the new slot.
+TEST(TmrSlot, ArmDisarmReuseFreeAndUpAgain) {
     EXPECT_EQ(TMR_Exit(), -1);  // without Init: only counted down
     tmrRefs = 0;
     KAVRO_REQUIRE_RT();
-    const int status = kavro::test::run_in_child([] {
+    const ChildOutput r = run_captured([] {
         setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
-        if (TMR_Init() != 0) return 1;
-        TmrTimer *a = nullptr, *b = reinterpret_cast<TmrTimer *>(1);
-        for (auto bad :
-             {TMR_Create(&a, 1.5, nop, 0), TMR_Create(&a, 2.0, nullptr, 0), TMR_Create(nullptr, 2.0, nop, 0)})
-            if (bad != KAVRO_E_INVALIDARG || timers.load() != nullptr) return 2;
-        if (TMR_Create(&a, std::nan(""), nop, 7) != 0 || a == nullptr || a->tag != KAVRO_TAG_TMR || a->interval != 2 ||
-            a->remainingMs != 2000 || a->active != 1 || a->callbackArg != 7)
-            return 4;
-        if (TMR_Create(&b, 2.0, nop, 0) != 0 || b != nullptr) return 5;  // slot busy
-        if (TMR_SetTime(a, 10.0) != 0 || TMR_Delete(a) != 0 || a->active != 0) return 6;
-        if (TMR_SetTime(a, 2.0) != KAVRO_E_INVALIDARG) return 7;  // disarmed
-        if (TMR_Create(&b, 3.0, nop, 9) != 0 || b != a || a->callbackArg != 9) return 8;
+        CHILD_CHECK(TMR_Init() == 0);
+        TmrTimer *a = nullptr, *b = reinterpret_cast<TmrTimer *>(1);  // bad arguments: the robustness sweep
+        CHILD_CHECK(TMR_Create(&a, std::nan(""), nop, 7) == 0 && a != nullptr && a->tag == KAVRO_TAG_TMR &&
+                    a->interval == 2 && a->remainingMs == 2000 && a->active == 1 && a->callbackArg == 7);
+        CHILD_CHECK(TMR_Create(&b, 2.0, nop, 0) == 0 && b == nullptr);  // slot busy
+        CHILD_CHECK(TMR_SetTime(a, 10.0) == 0 && TMR_Delete(a) == 0 && a->active == 0);
+        CHILD_CHECK(TMR_SetTime(a, 2.0) == KAVRO_E_INVALIDARG);  // disarmed
+        CHILD_CHECK(TMR_Create(&b, 3.0, nop, 9) == 0 && b == a && a->callbackArg == 9);
         const uint32_t frees = mem_counters().memgenfreecalls;
-        if (TMR_Exit() != 0 || timers.load() != nullptr || mem_counters().memgenfreecalls < frees + 1) return 11;
-        if (TMR_Create(&b, 2.0, nop, 0) != KAVRO_E_NOTMRINIT) return 12;
-        // Up again: a new slot, the tick source that runs already.
-        return TMR_Init() == 0 && TMR_Create(&b, 2.0, nop, 0) == 0 && b != nullptr ? 0 : 13;
+        CHILD_CHECK(TMR_Exit() == 0 && timers.load() == nullptr && mem_counters().memgenfreecalls >= frees + 1);
+        const bool lockedFirst = locked();  // a sanitizer's reservations can make the lock fail: not checked
+        sched_param sp{};
+        CHILD_CHECK(sched_setscheduler(0, SCHED_OTHER, &sp) == 0 && munlockall() == 0);
+        setenv("TORVANEX_TMR_PROFILE_PERIOD", "2", 1);
+        int policy = -1;
+        CHILD_CHECK(TMR_Init() == 0 && g_TimerProfilePeriodSec == 120 && locked() == lockedFirst);
+        CHILD_CHECK(pthread_getschedparam(pthread_self(), &policy, &sp) == 0 && policy == SCHED_FIFO &&
+                    sp.sched_priority == 99);
+        return TMR_Create(&b, 2.0, nop, 0) == 0 && b != nullptr ? 0 : 3;
     });
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err.find("Using native clock\n"), r.err.rfind("Using native clock\n")) << r.err;  // one tick source
 }
 
 // A short wait sleeps, a long or NaN one is refused, a signal ends a wait early; each failure is reported.
@@ -192,53 +178,14 @@ TEST(TmrWait, ShortWaitSleepsLongOneIsRefusedSignalEndsItEarly) {
         CHILD_CHECK(to_ns(b) - to_ns(a) >= 500000 && global_error == 0);
         CHILD_CHECK(TMR_Wait(1000000) == 0 && TMR_Wait(std::nan("")) == 0 && global_error == 2);
         struct sigaction sa {};
-        sa.sa_handler = [](int) {}, sigaction(SIGUSR1, &sa, nullptr);  // no SA_RESTART
-        pthread_t self = pthread_self(), t;
-        pthread_create(
-            &t, nullptr,
-            [](void *p) -> void * {
-                usleep(50000);
-                pthread_kill(*static_cast<pthread_t *>(p), SIGUSR1);
-                return nullptr;
-            },
-            &self);
+        sa.sa_handler = [](int) {}, sigaction(SIGALRM, &sa, nullptr);  // no SA_RESTART
+        ualarm(50000, 0);
         const KAVRO_STATUS st = TMR_Wait(900000);
-        pthread_join(t, nullptr);
         return st == KAVRO_E_FAIL ? 0 : 1;
     });
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_TRUE(has(r.err, ":clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs)\n") &&
+    EXPECT_TRUE(r.status == 0 && has(r.err, ":clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs)\n") &&
                 has(r.err, "\033[1;31mUNEXPECTED source/PEL_tmrulx,"))
         << r.err;  // the one line naming the sleep
-}
-
-}  // namespace
-
-namespace {
-
-// Up again after the last exit, the caller gets what the first caller got: the environment read again, SCHED_FIFO 99
-// and locked memory; the tick source that runs already serves the new slot.
-TEST(TmrInit, UpAgainAfterTheLastExitReadsTheEnvironmentRaisesAndLocks) {
-    KAVRO_REQUIRE_RT();
-    ChildOutput r = run_captured([] {
-        const auto locked = [] { return !has(kavro::test::read_file("/proc/self/status"), "VmLck:\t       0 kB"); };
-        setenv("TORVANEX_TMR_USE_RTC", "-1", 1);
-        if (TMR_Init() != 0 || TMR_Exit() != 0) return 1;
-        const bool lockedFirst = locked();  // a sanitizer's reservations can make the lock fail: not checked
-        sched_param sp{};
-        if (sched_setscheduler(0, SCHED_OTHER, &sp) != 0 || munlockall() != 0) return 2;
-        setenv("TORVANEX_TMR_PROFILE_PERIOD", "2", 1);
-        if (TMR_Init() != 0 || g_TimerProfilePeriodSec != 120) return 3;
-        int policy = -1;
-        pthread_getschedparam(pthread_self(), &policy, &sp);
-        if (policy != SCHED_FIFO || sp.sched_priority != 99) return 4;
-        if (locked() != lockedFirst) return 5;
-        TmrTimer *t = nullptr;
-        return TMR_Create(&t, 2.0, nop, 0) == 0 && t != nullptr ? 0 : 6;
-    });
-    EXPECT_EQ(r.status, 0) << r.err;
-    const std::string started = "Using native clock\n";
-    EXPECT_EQ(r.err.find(started), r.err.rfind(started)) << r.err;  // one tick source
 }
 
 }  // namespace
