@@ -126,7 +126,8 @@ TEST(Robustness, UtilitiesFormatVersionReportErrorsCmos) {
         ROW(No_error(0, nullptr, 0, nullptr), kOk), ROW(printfx(NULLTEXT, 1, 1), kMinus1),
         ROW(printfx("%d %d\n", 1, 0), kMinus1), ROW(printf2(NULLTEXT, 1, 1), kMinus1), VOID(err_ret(NULLTEXT)),
         VOID(err_msg(NULLTEXT)), ROW(Set_CMOS_From_OSTime(-1), kOk), ROW(Read_CMOS_UntilChange(-1, 1), 0u),
-        ROW(POLL_Open(0), kOk), ROW(POLL_Ctl(UINTPTR_MAX, nullptr, -1), kOk), ROW(POLL_Wait(0, nullptr, kForever), kOk),
+        ROW(POLL_Init(), kOk), ROW(POLL_Open(0), kOk), ROW(POLL_Ctl(UINTPTR_MAX, nullptr, -1), kOk),
+        ROW(POLL_Wait(0, nullptr, kForever), kOk),
     });
 }
 
