@@ -41,13 +41,13 @@ std::string rewrite(const std::string &text, const char *sub, const char *entry,
 }
 
 TEST(RegText, ReadValuesNamesAndTypes) {
-    const std::string text = rec("Tmr", "Period", "REG_DWORD", "10") + rec("Net", "Mtu", "REG_DWORD", " 0x5dc z");
+    const std::string text = rec("Tmr", "Period", "REG_DWORD", "10") + rec("Net", "Mtu", "REG_DWORD", " 0xAf z");
     const std::string after = rec("A", "B", "REG_DWORD", "7");
-    EXPECT_TRUE(dword(text, "Tmr", "Period") == 0x10u && dword(text, "Net", "Mtu") == 1500u);
+    EXPECT_TRUE(dword(text, "Tmr", "Period") == 0x10u && dword(text, "Net", "Mtu") == 0xAFu);
     EXPECT_EQ(dword(text, "TmrConfig", "PeriodMs"), 0x10u);  // the file line begins the wanted name
     EXPECT_EQ(dword(text, "Tm", "Period"), 0xAAAAAAAAu);     // ... not the other way round
     EXPECT_EQ(dword(rec("", "", "REG_DWORD", "1") + text, "Tmr", "Period"), 1u);      // empty matches; first wins
-    EXPECT_EQ(dword("A\nB\nREG_DWORD\n2a"), 0x2Au);                                   // no final newline
+    EXPECT_EQ(dword("A\nB\nREG_DWORD\naF"), 0xAFu);                                   // no final newline
     EXPECT_EQ(dword(rec(std::string(253, 'k'), "E", "REG_DWORD", "1") + after), 7u);  // 253: one line
     EXPECT_EQ(dword(rec(std::string(254, 'k'), "E", "REG_DWORD", "1") + after), 0xAAAAAAAAu);  // two lines
     EXPECT_EQ(reg_parse_hex("123456789", 9) & reg_parse_hex("-1", 2), 0xFFFFFFFFu);            // saturates; negates

@@ -14,17 +14,23 @@ namespace {
 
 using namespace kavro::detail;
 
-// Chunk sizes drawn from a seed; the read that would pass fail_at fails. The buffer is exactly the smallest allowed.
-struct Streamed {
+enum How { kInPlace, kStreamed, kBroken };  // kBroken: the read that would pass half the text fails
+
+// Streamed in chunk sizes drawn from a seed, through a buffer of exactly the smallest allowed size.
+struct Source {
     const std::string &text;
     size_t pos = 0, fail_at;
     uint32_t seed;
     char *buf = new char[2 * kRegPieceMax];
-    RegReader in{read, this, buf, 2 * kRegPieceMax};
-    Streamed(const std::string &t, uint32_t s, size_t f = SIZE_MAX) : text(t), fail_at(f), seed(s) {}
-    ~Streamed() { delete[] buf; }
+    RegReader in;
+    Source(const std::string &t, uint32_t s, How how)
+        : text(t),
+          fail_at(how == kBroken ? t.size() / 2 : SIZE_MAX),
+          seed(s),
+          in(how == kInPlace ? RegReader(t.data(), t.size()) : RegReader(read, this, buf, 2 * kRegPieceMax)) {}
+    ~Source() { delete[] buf; }
     static long read(void *ctx, char *out, size_t cap) {
-        auto *c = static_cast<Streamed *>(ctx);
+        auto *c = static_cast<Source *>(ctx);
         if (c->pos >= c->fail_at) return -1;
         c->seed = c->seed * 1103515245u + 12345u;
         const size_t k = std::min({size_t{1} + (c->seed >> 16) % 600, cap, c->text.size() - c->pos});
@@ -42,27 +48,6 @@ const char *take_string(const uint8_t *&p, const uint8_t *end) {
     return s;
 }
 
-KAVRO_STATUS lookup(RegReader &in, const char *subkey, const char *entry, uint32_t capacity, std::string *value) {
-    char *buf = new char[std::max(capacity, 1u)];  // exact size: a write past it is caught
-    std::memset(buf, 0x5A, std::max(capacity, 1u));
-    const KAVRO_STATUS st = reg_lookup(in, subkey, entry, buf, capacity);
-    FUZZ_CHECK(st == KAVRO_OK || st == KAVRO_E_NOTIMPL || st == KAVRO_E_FAIL || st == KAVRO_E_INVALIDARG);
-    FUZZ_CHECK(capacity > 0 || buf[0] == 0x5A);  // no room: not even a terminator
-    if (st == KAVRO_OK) value->assign(buf, capacity);
-    delete[] buf;
-    return st;
-}
-
-std::string rewrite(RegReader &in, const char *subkey, const char *entry, uint32_t type, const void *value,
-                    KAVRO_STATUS *st) {
-    std::string out;
-    RegWriter w([](void *o, const char *p, size_t n) { return static_cast<std::string *>(o)->append(p, n), true; },
-                &out);
-    *st = reg_rewrite(in, w, subkey, entry, type, value);
-    FUZZ_CHECK(*st == KAVRO_OK || *st == KAVRO_E_FAIL);
-    return out;
-}
-
 }  // namespace
 
 int fuzz_registry(const uint8_t *data, size_t size) {
@@ -74,11 +59,10 @@ int fuzz_registry(const uint8_t *data, size_t size) {
     const std::string text(reinterpret_cast<const char *>(p), static_cast<size_t>(end - p));
     const uint32_t seed = control * 2654435761u + static_cast<uint32_t>(size);
 
-    RegReader mem(text.data(), text.size());
-    Streamed s(text, seed);
+    Source mem(text, seed, kInPlace), s(text, seed, kStreamed);
     RegLine a{}, b{};
     size_t total = 0;
-    for (; mem.next(&a); total += a.n) {
+    for (; mem.in.next(&a); total += a.n) {
         FUZZ_CHECK(s.in.next(&b) && a.n >= 1 && a.n <= kRegPieceMax && a.n == b.n && !std::memcmp(a.p, b.p, a.n));
         FUZZ_CHECK(std::memchr(a.p, '\n', a.n) == nullptr || a.p[a.n - 1] == '\n');
         (void)reg_parse_hex(a.p, a.n);
@@ -87,12 +71,20 @@ int fuzz_registry(const uint8_t *data, size_t size) {
 
     static const uint32_t kCapacities[] = {0, 1, 3, 4, 5, 16, 254, 255};
     const uint32_t capacity = kCapacities[control & 7];
-    RegReader mem2(text.data(), text.size());
-    Streamed s2(text, seed), cut(text, seed, text.size() / 2);
+    auto lookup = [&](How how, std::string *value) {
+        Source src(text, seed, how);
+        char *buf = new char[std::max(capacity, 1u)];  // exact size: a write past it is caught
+        std::memset(buf, 0x5A, std::max(capacity, 1u));
+        const KAVRO_STATUS st = reg_lookup(src.in, subkey, entry, buf, capacity);
+        FUZZ_CHECK(st == KAVRO_OK || st == KAVRO_E_NOTIMPL || st == KAVRO_E_FAIL || st == KAVRO_E_INVALIDARG);
+        FUZZ_CHECK(capacity > 0 || buf[0] == 0x5A);  // no room: not even a terminator
+        if (st == KAVRO_OK) value->assign(buf, capacity);
+        delete[] buf;
+        return st;
+    };
     std::string va, vb, vc;
-    const KAVRO_STATUS sa = lookup(mem2, subkey, entry, capacity, &va);
-    FUZZ_CHECK(lookup(s2.in, subkey, entry, capacity, &vb) == sa && va == vb);
-    const KAVRO_STATUS sc = lookup(cut.in, subkey, entry, capacity, &vc);
+    const KAVRO_STATUS sa = lookup(kInPlace, &va), sc = lookup(kBroken, &vc);
+    FUZZ_CHECK(lookup(kStreamed, &vb) == sa && va == vb);
     FUZZ_CHECK((sc == sa && vc == va) || sc == KAVRO_E_FAIL);  // found before the error, or the error reported
 
     // Rewrite with names REG_SetValue would accept.
@@ -102,21 +94,26 @@ int fuzz_registry(const uint8_t *data, size_t size) {
     const uint32_t type = (control & 8) ? kRegDword : kRegSz;
     uint32_t dword = 0;
     std::memcpy(&dword, data, std::min(size, sizeof dword));
-    const void *v = type == kRegSz ? static_cast<const void *>(value) : &dword;
-    RegReader mem3(text.data(), text.size());
-    Streamed s3(text, seed), cut3(text, seed, text.size() / 2);
-    KAVRO_STATUS ra_st, rb_st, again_st;
-    const std::string ra = rewrite(mem3, subkey, entry, type, v, &ra_st);
-    FUZZ_CHECK(rewrite(s3.in, subkey, entry, type, v, &rb_st) == ra && rb_st == ra_st);
+    auto rewrite = [&](const std::string &from, How how, KAVRO_STATUS *st) {
+        Source src(from, seed, how);
+        std::string out;
+        RegWriter w([](void *o, const char *q, size_t n) { return static_cast<std::string *>(o)->append(q, n), true; },
+                    &out);
+        *st = reg_rewrite(src.in, w, subkey, entry, type, type == kRegSz ? static_cast<const void *>(value) : &dword);
+        FUZZ_CHECK(*st == KAVRO_OK || *st == KAVRO_E_FAIL);
+        return out;
+    };
+    KAVRO_STATUS ra_st, st;
+    const std::string ra = rewrite(text, kInPlace, &ra_st);
+    FUZZ_CHECK(rewrite(text, kStreamed, &st) == ra && st == ra_st);
     if (ra_st == KAVRO_OK) {
         const std::string lines =
             type == kRegSz ? "REG_SZ\n" + std::string(value) : "REG_DWORD\n" + std::to_string(dword);
         FUZZ_CHECK(ra.find(lines + "\n") != std::string::npos);
-        RegReader again(ra.data(), ra.size());
-        FUZZ_CHECK(rewrite(again, subkey, entry, type, v, &again_st) == ra && again_st == KAVRO_OK);
+        FUZZ_CHECK(rewrite(ra, kInPlace, &st) == ra && st == KAVRO_OK);
     }
-    (void)rewrite(cut3.in, subkey, entry, type, v, &again_st);
-    FUZZ_CHECK(text.empty() || again_st == KAVRO_E_FAIL);  // the copy is never complete
+    (void)rewrite(text, kBroken, &st);
+    FUZZ_CHECK(text.empty() || st == KAVRO_E_FAIL);  // the copy is never complete
     return 0;
 }
 
