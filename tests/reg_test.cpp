@@ -72,10 +72,6 @@ TEST(RegText, ReadValuesNamesAndTypes) {
 }
 
 TEST(RegText, RewriteReplacesOnlyTheValueLinesOrAppendsTheRecord) {
-    const std::string head = rec("Tmr", "Rate", "REG_DWORD", "5"), tail = rec("Net", "B", "REG_SZ", "eth0  # x");
-    const uint32_t ten = 10;
-    const std::string out = rewrite(head + rec("Tmr", "B", "REG_SZ", "old") + tail, "Tmr", "B", kRegDword, &ten);
-    EXPECT_TRUE(out == head + rec("Tmr", "B", "REG_DWORD", "10") + tail && dword(out, "Tmr", "B") == 16u);  // hex in
     const std::string one = rec("X", "Y", "REG_SZ", "1"), two = rec("A", "B", "REG_SZ", "2");
     const std::string fill(kRegPieceMax - 1, ' ');  // after "B": a whole piece without its newline
     struct {
