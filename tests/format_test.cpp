@@ -59,14 +59,11 @@ TEST(Format, EveryFlagCombinationStaysInBoundsAndInStep) {
             for (const char *m : {"", "l", "L"})
                 for (const char *c = "diuxXocsf.%qZ"; *c != '\0'; ++c) {
                     const std::string format = std::string("%") + f + w + m + *c + "<%d>";
-                    if (*c == 's')
-                        GP_sprintf(buf, format.c_str(), "str", 123);
-                    else if (*c == 'f')
-                        GP_sprintf(buf, format.c_str(), -1234.56789, 123);
-                    else if (std::strchr("diuxXoc", *c))
-                        GP_sprintf(buf, format.c_str(), 0x80000041u, 123);
-                    else
-                        GP_sprintf(buf, format.c_str(), 123);
+                    const char *text = format.c_str();
+                    if (*c == 's') GP_sprintf(buf, text, "str", 123);
+                    if (*c == 'f') GP_sprintf(buf, text, -1234.56789, 123);
+                    if (std::strchr("diuxXoc", *c)) GP_sprintf(buf, text, 0x80000041u, 123);
+                    if (std::strchr(".%qZ", *c)) GP_sprintf(buf, text, 123);
                     const std::string out = fmt("%s", buf);
                     ASSERT_TRUE(out.size() <= 50u && out.substr(out.size() - 5) == "<123>") << format << " -> " << out;
                 }

@@ -15,9 +15,7 @@
 #include "test_support.hpp"
 
 using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
 
 TEST(LdrInit, FirstInitWritesTheBoardFileAndLaterOnesOnlyCount) {
     static const char kBoard[] = "/usr/torvanex/cfg/.board.0";
@@ -50,29 +48,13 @@ TEST(LdrModule, LoadFindFreeAndRefusedModules) {
               KAVRO_OK);
     EXPECT_TRUE(reinterpret_cast<int (*)(void)>(fn)() == 42 && *static_cast<int *>(var) == 7);
     CaptureStderr();
-    EXPECT_TRUE(KAVRO_FAILED(LDR_GetProcAddress(mod, "kavro_test_absent", &untouched)) && untouched == &untouched);
-    EXPECT_EQ(LDR_GetProcAddress(mod, nullptr, &fn) | LDR_GetProcAddress(mod, "x", nullptr), KAVRO_E_INVALIDARG);
-    EXPECT_EQ(LDR_FreeModule(mod), KAVRO_OK);
-    for (const char *path : {"/nonexistent/libnothing.so", KAVRO_TEST_UNRESOLVED_MODULE}) {
-        mod = reinterpret_cast<LDR_Module *>(&mod);
-        EXPECT_TRUE(LDR_LoadModule(&mod, path) == KAVRO_E_LOADFAILED && mod == nullptr) << path;
-    }
+    errno = E2BIG;  // a missing symbol gives errno as the caller's thread had it, top bit set
+    EXPECT_EQ(LDR_GetProcAddress(mod, "kavro_test_absent", &untouched), 0x80000000u | E2BIG);
+    EXPECT_TRUE(untouched == &untouched && LDR_FreeModule(mod) == KAVRO_OK);
+    mod = reinterpret_cast<LDR_Module *>(&mod);
+    EXPECT_TRUE(LDR_LoadModule(&mod, KAVRO_TEST_UNRESOLVED_MODULE) == KAVRO_E_LOADFAILED && mod == nullptr);
     const std::string err = GetCapturedStderr();
     EXPECT_NE(err.find("KAVRO:LDR_GetProcAddress: "), std::string::npos) << err;
     EXPECT_TRUE(err.find("kavro_test_absent") != std::string::npos && err.find("kavro_test_nowhere") != err.npos);
-    EXPECT_TRUE(ldrfree_calls == frees + 1 && kavro::detail::mem_counters().memgenfreecalls == freed + 3);
-}
-
-// A missing symbol gives errno as the caller's thread had it, top bit set.
-TEST(LdrModule, MissingSymbolGivesErrnoAsItStands) {
-    LDR_Module *mod = nullptr;
-    CaptureStdout();
-    CaptureStderr();
-    ASSERT_EQ(LDR_LoadModule(&mod, KAVRO_TEST_MODULE), KAVRO_OK);
-    void *addr = nullptr;
-    errno = E2BIG;
-    EXPECT_EQ(LDR_GetProcAddress(mod, "kavro_test_absent", &addr), 0x80000000u | E2BIG);
-    EXPECT_EQ(LDR_FreeModule(mod), KAVRO_OK);
-    GetCapturedStdout();
-    GetCapturedStderr();
+    EXPECT_TRUE(ldrfree_calls == frees + 1 && kavro::detail::mem_counters().memgenfreecalls == freed + 2);
 }
