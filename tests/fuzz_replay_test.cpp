@@ -3,8 +3,8 @@
 
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <set>
+#include <vector>
 
 #include "fuzz/fuzz_targets.hpp"
 
@@ -26,9 +26,8 @@ TEST(FuzzReplay, EveryTargetTakesItsCorpusAndTheEmptyInput) {
             std::fflush(stdout);
             std::ifstream in(f, std::ios::binary);
             const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-            const std::unique_ptr<uint8_t[]> data(new uint8_t[bytes.size() + 1]);  // exact: a read past it is caught
-            std::copy(bytes.begin(), bytes.end(), data.get());
-            EXPECT_EQ(target(data.get(), bytes.size()), 0) << f;
+            const std::vector<uint8_t> data(bytes.begin(), bytes.end());  // exact: a read past it is caught
+            EXPECT_EQ(target(data.data(), data.size()), 0) << f;
         }
         EXPECT_EQ(target(reinterpret_cast<const uint8_t *>(""), 0), 0) << name;
     }

@@ -1,13 +1,10 @@
-// The module loader: real modules loaded, searched and freed; the board file
-// in a private /usr/torvanex.
+// The module loader: real modules loaded, searched and freed; the board file in a private /usr/torvanex.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <string>
 
 #include "frame/internal.hpp"
 #include "kavro_rt/ldr.h"
@@ -35,8 +32,7 @@ TEST(LdrInit, FirstInitWritesTheBoardFileAndLaterOnesOnlyCount) {
     EXPECT_EQ(rc, 0);
 }
 
-// Functions and data are found, a missing symbol leaves the output alone;
-// modules that cannot load (one with an unresolved reference) keep nothing.
+// A module with an unresolved reference does not load and keeps nothing.
 TEST(LdrModule, LoadFindFreeAndRefusedModules) {
     const uint32_t allocs = ldralloc_calls, frees = ldrfree_calls;
     const auto freed = kavro::detail::mem_counters().memgenfreecalls;
@@ -54,7 +50,6 @@ TEST(LdrModule, LoadFindFreeAndRefusedModules) {
     mod = reinterpret_cast<LDR_Module *>(&mod);
     EXPECT_TRUE(LDR_LoadModule(&mod, KAVRO_TEST_UNRESOLVED_MODULE) == KAVRO_E_LOADFAILED && mod == nullptr);
     const std::string err = GetCapturedStderr();
-    EXPECT_NE(err.find("KAVRO:LDR_GetProcAddress: "), std::string::npos) << err;
-    EXPECT_TRUE(err.find("kavro_test_absent") != std::string::npos && err.find("kavro_test_nowhere") != err.npos);
+    EXPECT_TRUE(err.find("LDR_GetProcAddress: ") != err.npos && err.find("kavro_test_nowhere") != err.npos) << err;
     EXPECT_TRUE(ldrfree_calls == frees + 1 && kavro::detail::mem_counters().memgenfreecalls == freed + 2);
 }

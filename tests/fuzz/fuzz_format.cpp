@@ -1,6 +1,5 @@
-// The formatter on arbitrary formats (up to a NUL) with well-typed arguments from the bytes after it. Walking
-// `%[-][#0...][width][l|L]conv` gives each conversion's argument type and a bound on its text (width, at most
-// 65535, plus 80): the text ends within the bound, guard bytes hold, text without conversions is copied.
+// The formatter on arbitrary formats (up to a NUL) with well-typed arguments from the bytes after it; each
+// conversion's text is bounded by its width (at most 65535) plus 80, and the guard bytes after the bound hold.
 #include <algorithm>
 #include <cstring>
 
@@ -19,7 +18,6 @@ struct Value {
     const char *s;
 };
 
-// Builds the argument list one typed argument at a time, then calls.
 template <typename... A>
 void call(char *dst, const char *fmt, const Value *v, size_t n, A... a) {
     if constexpr (sizeof...(A) < kMaxArgs) {
@@ -28,7 +26,6 @@ void call(char *dst, const char *fmt, const Value *v, size_t n, A... a) {
         if (n > 0) return call(dst, fmt, v + 1, n - 1, a..., v->u);
     }
     GP_sprintf(dst, fmt, a...);
-    GP_sprintf(nullptr, fmt, a...);  // no destination: nothing happens
 }
 
 }  // namespace
@@ -38,15 +35,15 @@ int fuzz_format(const uint8_t *data, size_t size) {
     const size_t flen = nul ? static_cast<size_t>(nul - data) : size;
     const char *in = reinterpret_cast<const char *>(data);
 
-    // The format is cut where it would need more arguments or output than allowed.
+    // Cut where the format would need more arguments or output than allowed.
     Value args[kMaxArgs] = {};
     size_t nargs = 0, bound = 0, cut = flen;
     for (size_t i = 0; i < flen;) {
+        const size_t start = i;
         if (in[i++] != '%') {
             ++bound;
             continue;
         }
-        const size_t start = i - 1;
         if (i < flen && in[i] == '-') ++i;
         while (i < flen && (in[i] == '#' || in[i] == '0')) ++i;
         size_t width = 0;
@@ -63,7 +60,6 @@ int fuzz_format(const uint8_t *data, size_t size) {
         if (takes) args[nargs++].type = conv == 's' ? 's' : conv == 'f' ? 'f' : 'd';
     }
 
-    // Argument values from the rest of the input; strings are null, empty or up to 64 bytes of it.
     const uint8_t *p = nul ? nul + 1 : data + size, *end = data + size;
     char store[kMaxArgs][kStringMax + 1];
     for (size_t k = 0; k < nargs; ++k) {
@@ -77,7 +73,7 @@ int fuzz_format(const uint8_t *data, size_t size) {
         args[k].s = bits % (kStringMax + 2) == kStringMax + 1 ? nullptr : store[k];
     }
 
-    // The format and the destination in buffers of their exact sizes, so that a read past them is caught.
+    // Exact sizes: a read past the format is caught.
     char *fmt = new char[cut + 1], *dst = new char[bound + 1 + kGuard];
     std::memcpy(fmt, in, cut);
     fmt[cut] = '\0';
@@ -85,7 +81,6 @@ int fuzz_format(const uint8_t *data, size_t size) {
     call(dst, fmt, args, nargs);
     FUZZ_CHECK(std::memchr(dst, '\0', bound + 1) != nullptr);
     for (size_t i = bound + 1; i < bound + 1 + kGuard; ++i) FUZZ_CHECK(static_cast<uint8_t>(dst[i]) == 0xA5);
-    if (std::strchr(fmt, '%') == nullptr) FUZZ_CHECK(std::strcmp(dst, fmt) == 0);
     delete[] dst;
     delete[] fmt;
     return 0;

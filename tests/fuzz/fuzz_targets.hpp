@@ -1,11 +1,10 @@
-// The fuzz targets: plain functions run by libFuzzer (KAVRO_FUZZER builds) and by the replay test over the corpus.
+// Fuzz targets: run by libFuzzer (KAVRO_FUZZER builds) and by the replay test over the corpus.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-
 namespace kavro::fuzz {
 
 int fuzz_registry(const uint8_t *data, size_t size);

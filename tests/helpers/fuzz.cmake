@@ -1,5 +1,4 @@
-# The fuzz targets also build into the replay test of the ordinary builds, fed
-# the checked-in corpus (scripts/fuzz runs them under libFuzzer with clang).
+# The fuzz targets also build into the replay test of the ordinary builds, fed the checked-in corpus.
 if(TARGET fuzz_replay_test)
   foreach(t format proc_net_dev registry sysconfig_clock version)
     target_sources(fuzz_replay_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/fuzz/fuzz_${t}.cpp)

@@ -1,5 +1,4 @@
-# Shared modules that the loader's tests load, built for the tests' own
-# architecture; ldr_test finds them by their build paths.
+# Modules the loader's tests load, built for the tests' own architecture.
 add_library(kavro_test_module MODULE ${CMAKE_CURRENT_SOURCE_DIR}/helpers/ldr_module.c)
 add_library(kavro_test_unresolved MODULE ${CMAKE_CURRENT_SOURCE_DIR}/helpers/ldr_unresolved.c)
 if(TARGET ldr_test)
