@@ -11,9 +11,6 @@
 #include "kavro_rt/mem.h"
 #include "test_support.hpp"
 
-using testing::internal::CaptureStderr;
-using testing::internal::GetCapturedStderr;
-
 TEST(LdrInit, FirstInitWritesTheBoardFileAndLaterOnesOnlyCount) {
     static const char kBoard[] = "/usr/torvanex/cfg/.board.0";
     const int rc = kavro::test::run_in_private_mounts("/usr/torvanex", [] {
@@ -24,9 +21,9 @@ TEST(LdrInit, FirstInitWritesTheBoardFileAndLaterOnesOnlyCount) {
         CHILD_CHECK(LDR_Init() == 1 && kavro::test::read_file(kBoard) == "stale");
         LDR_Exit(), LDR_Exit();
         CHILD_CHECK(unlink(kBoard) == 0 && rmdir("/usr/torvanex/cfg") == 0);
-        CaptureStderr();
+        testing::internal::CaptureStderr();
         CHILD_CHECK(LDR_Init() == 0);  // the family still comes up
-        return GetCapturedStderr().find("cannot write the board file") != std::string::npos ? 0 : 1;
+        return testing::internal::GetCapturedStderr().find("cannot write the board file") != std::string::npos ? 0 : 1;
     });
     KAVRO_SKIP_IF_NO_MOUNTS(rc);
     EXPECT_EQ(rc, 0);
@@ -43,13 +40,13 @@ TEST(LdrModule, LoadFindFreeAndRefusedModules) {
     ASSERT_EQ(LDR_GetProcAddress(mod, "kavro_test_answer", &fn) | LDR_GetProcAddress(mod, "kavro_test_counter", &var),
               KAVRO_OK);
     EXPECT_TRUE(reinterpret_cast<int (*)(void)>(fn)() == 42 && *static_cast<int *>(var) == 7);
-    CaptureStderr();
+    testing::internal::CaptureStderr();
     errno = E2BIG;  // a missing symbol gives errno as the caller's thread had it, top bit set
     EXPECT_EQ(LDR_GetProcAddress(mod, "kavro_test_absent", &untouched), 0x80000000u | E2BIG);
     EXPECT_TRUE(untouched == &untouched && LDR_FreeModule(mod) == KAVRO_OK);
     mod = reinterpret_cast<LDR_Module *>(&mod);
     EXPECT_TRUE(LDR_LoadModule(&mod, KAVRO_TEST_UNRESOLVED_MODULE) == KAVRO_E_LOADFAILED && mod == nullptr);
-    const std::string err = GetCapturedStderr();
+    const std::string err = testing::internal::GetCapturedStderr();
     EXPECT_TRUE(err.find("LDR_GetProcAddress: ") != err.npos && err.find("kavro_test_nowhere") != err.npos) << err;
     EXPECT_TRUE(ldrfree_calls == frees + 1 && kavro::detail::mem_counters().memgenfreecalls == freed + 2);
 }

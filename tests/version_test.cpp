@@ -26,7 +26,6 @@ TEST(Version, FormsKindsAndFields) {
         {{"TXcid 71002030-1 mod.so", 1}, "<refused>"},
         {{"TXcid 71002030-1 mod.so", 3}, "mod.so"},  // no kind 7 text
         {{"TXcid 01001000-", 1}, "1.00  Build: "},
-        {{"TXcid 01001000-77 m a b", 4}, " a b"},
         {{id40, 3}, std::string(32, 'n')},
         {{id40, 4}, std::string(8, 'n') + "tail"},
         {{"TXcid 01001", 1}, "<refused>"},

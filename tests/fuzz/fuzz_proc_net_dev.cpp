@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "fuzz_targets.hpp"
 #include "util/net.hpp"
@@ -23,12 +24,10 @@ int fuzz_proc_net_dev(const uint8_t *data, size_t size) {
     for (size_t pos = 0, n; pos < len; pos += n + 1) {
         const char *nl = static_cast<const char *>(std::memchr(text + pos, '\n', len - pos));
         n = nl ? static_cast<size_t>(nl - (text + pos)) : len - pos;
-        char *line = new char[n + 1], name[kNetNameSize];  // a terminated copy of its exact size
-        std::memcpy(line, text + pos, n);
-        line[n] = '\0';
-        const bool named = kavro::detail::parse_dev_line(line, name);
-        delete[] line;
-        if (!named) continue;
+        std::vector<char> line(n + 1);  // a terminated copy of its exact size
+        std::memcpy(line.data(), text + pos, n);
+        char name[kNetNameSize];
+        if (!kavro::detail::parse_dev_line(line.data(), name)) continue;
         FUZZ_CHECK(name[0] != '\0' && std::memchr(name, '\0', kNetNameSize) != nullptr);
         if (found < slots) std::memcpy(names[found++], name, kNetNameSize);
     }

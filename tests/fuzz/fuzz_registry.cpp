@@ -4,29 +4,27 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "fuzz_targets.hpp"
 #include "util/reg.hpp"
 
 namespace kavro::fuzz {
-namespace {
 
 using namespace kavro::detail;
-
 enum How { kInPlace, kStreamed, kBroken };  // kBroken: the read that would pass half the text fails
 
 struct Source {
     const std::string &text;
     size_t pos = 0, fail_at;
     uint32_t seed;
-    char *buf = new char[2 * kRegPieceMax];
+    std::vector<char> buf = std::vector<char>(2 * kRegPieceMax);
     RegReader in;
     Source(const std::string &t, uint32_t s, How how)
         : text(t),
           fail_at(how == kBroken ? t.size() / 2 : SIZE_MAX),
           seed(s),
-          in(how == kInPlace ? RegReader(t.data(), t.size()) : RegReader(read, this, buf, 2 * kRegPieceMax)) {}
-    ~Source() { delete[] buf; }
+          in(how == kInPlace ? RegReader(t.data(), t.size()) : RegReader(read, this, buf.data(), buf.size())) {}
     static long read(void *ctx, char *out, size_t cap) {
         auto *c = static_cast<Source *>(ctx);
         if (c->pos >= c->fail_at) return -1;
@@ -38,14 +36,12 @@ struct Source {
     }
 };
 
-const char *take_string(const uint8_t *&p, const uint8_t *end) {
+static const char *take_string(const uint8_t *&p, const uint8_t *end) {
     const void *nul = std::memchr(p, 0, static_cast<size_t>(end - p));
     const char *s = reinterpret_cast<const char *>(p);
     if (nul != nullptr) p = static_cast<const uint8_t *>(nul) + 1;
     return nul ? s : nullptr;
 }
-
-}  // namespace
 
 int fuzz_registry(const uint8_t *data, size_t size) {
     if (size == 0) return 0;
@@ -55,17 +51,13 @@ int fuzz_registry(const uint8_t *data, size_t size) {
     if (value == nullptr) subkey = "Network", entry = "Address", value = "10.0.0.1";
     const std::string text(reinterpret_cast<const char *>(p), static_cast<size_t>(end - p));
     const uint32_t seed = control * 2654435761u + static_cast<uint32_t>(size);
-
     static const uint32_t kCapacities[] = {0, 1, 3, 4, 5, 16, 254, 255};
     const uint32_t capacity = kCapacities[control & 7];
-    char *buf = new char[std::max(capacity, 1u)];  // exact size: a write past it is caught
-    std::memset(buf, 0x5A, std::max(capacity, 1u));
+    std::vector<char> buf(std::max(capacity, 1u), 0x5A);  // exact size: a write past it is caught
     Source looked(text, seed, kStreamed);
-    const KAVRO_STATUS st = reg_lookup(looked.in, subkey, entry, buf, capacity);
+    const KAVRO_STATUS st = reg_lookup(looked.in, subkey, entry, buf.data(), capacity);
     FUZZ_CHECK(st == KAVRO_OK || st == KAVRO_E_NOTIMPL || st == KAVRO_E_FAIL || st == KAVRO_E_INVALIDARG);
     FUZZ_CHECK(capacity > 0 || buf[0] == 0x5A);  // no room: not even a terminator
-    delete[] buf;
-
     // Rewrite with names REG_SetValue would accept.
     if (!valid_name(subkey)) subkey = "Network";
     if (!valid_name(entry)) entry = "Address";
