@@ -11,15 +11,14 @@
 
 // Formats into a canary-filled buffer; fails when anything past the terminator was touched.
 static std::string fmt(const char *format, ...) {
-    char buf[256];
-    std::memset(buf, 'Z', sizeof buf);
+    std::string buf(256, 'Z');
     va_list ap;
     va_start(ap, format);
-    GP_vsprintf(buf, format, ap);
+    GP_vsprintf(buf.data(), format, ap);
     va_end(ap);
-    const size_t len = strnlen(buf, sizeof buf);
-    EXPECT_EQ(std::string(buf + len + 1, sizeof buf - len - 1), std::string(sizeof buf - len - 1, 'Z')) << format;
-    return std::string(buf, len);
+    const size_t len = strnlen(buf.c_str(), buf.size());
+    EXPECT_EQ(buf.substr(len + 1), std::string(buf.size() - len - 1, 'Z')) << format;
+    return buf.substr(0, len);
 }
 
 TEST(Format, Conversions) {

@@ -22,8 +22,7 @@ TEST(FuzzReplay, EveryTargetTakesItsCorpusAndTheEmptyInput) {
             if (e.is_regular_file()) files.insert(e.path());
         EXPECT_GE(files.size(), 5u) << name;
         for (const auto &f : files) {
-            std::printf("replay %s\n", f.c_str());  // named first: a broken invariant ends the process
-            std::fflush(stdout);
+            std::fprintf(stderr, "replay %s\n", f.c_str());  // named first: a broken invariant ends the process
             std::ifstream in(f, std::ios::binary);
             const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
             const std::vector<uint8_t> data(bytes.begin(), bytes.end());  // exact: a read past it is caught

@@ -69,7 +69,6 @@ TEST(RegText, ReadValuesNamesAndTypes) {
 
 TEST(RegText, RewriteReplacesOnlyTheValueLinesOrAppendsTheRecord) {
     const std::string one = rec("X", "Y", "REG_SZ", "1"), two = rec("A", "B", "REG_SZ", "2");
-    const std::string fill(kRegPieceMax - 1, ' ');  // after "B": a whole piece without its newline
     const std::tuple<std::string, const char *, const char *, std::string> cases[] = {
         {"  Tmr  x\nB\nREG_SZ\na\n", "Tmr", "b", "  Tmr  x\nB\nREG_SZ\nb\n"},
         {rec("A", "B", "REG_SZ", "a"), "AB", "b", rec("A", "B", "REG_SZ", "a") + rec("AB", "B", "REG_SZ", "b")},
@@ -78,7 +77,7 @@ TEST(RegText, RewriteReplacesOnlyTheValueLinesOrAppendsTheRecord) {
         {"A\nB", "A", "v", rec("A", "B", "REG_SZ", "v")},                   // a found record completed
         {one + "dangling\n", "A", "v", "<refused>"},
         {"X\nY\nREG_SZ\n" + std::string(kRegPieceMax, 'v'), "A", "v", "<refused>"},
-        {"A\nB" + fill + "\nREG_SZ\nold\n", "A", "v", "<refused>"},  // a cut piece is not the entry line
+        {"A\nB" + std::string(kRegPieceMax - 1, ' ') + "\nREG_SZ\nold\n", "A", "v", "<refused>"},  // a cut piece
     };
     for (const auto &[text, sub, value, want] : cases) EXPECT_EQ(rewrite(text, sub, "B", kRegSz, value), want) << text;
 }
