@@ -3,8 +3,8 @@
 
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <set>
+#include <vector>
 
 #include "fuzz/fuzz_targets.hpp"
 
@@ -22,13 +22,11 @@ TEST(FuzzReplay, EveryTargetTakesItsCorpusAndTheEmptyInput) {
             if (e.is_regular_file()) files.insert(e.path());
         EXPECT_GE(files.size(), 5u) << name;
         for (const auto &f : files) {
-            std::printf("replay %s\n", f.c_str());  // named first: a broken invariant ends the process
-            std::fflush(stdout);
+            std::fprintf(stderr, "replay %s\n", f.c_str());  // named first: a broken invariant ends the process
             std::ifstream in(f, std::ios::binary);
             const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-            const std::unique_ptr<uint8_t[]> data(new uint8_t[bytes.size() + 1]);  // exact: a read past it is caught
-            std::copy(bytes.begin(), bytes.end(), data.get());
-            EXPECT_EQ(target(data.get(), bytes.size()), 0) << f;
+            const std::vector<uint8_t> data(bytes.begin(), bytes.end());  // exact: a read past it is caught
+            EXPECT_EQ(target(data.data(), data.size()), 0) << f;
         }
         EXPECT_EQ(target(reinterpret_cast<const uint8_t *>(""), 0), 0) << name;
     }

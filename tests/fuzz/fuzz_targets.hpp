@@ -1,4 +1,4 @@
-// The fuzz targets: plain functions run by libFuzzer (KAVRO_FUZZER builds) and by the replay test over the corpus.
+// Fuzz targets: run by libFuzzer (KAVRO_FUZZER builds) and by the replay test over the corpus.
 #pragma once
 
 #include <cstddef>
@@ -7,16 +7,14 @@
 #include <cstdlib>
 
 namespace kavro::fuzz {
-
 int fuzz_registry(const uint8_t *data, size_t size);
 int fuzz_sysconfig_clock(const uint8_t *data, size_t size);
 int fuzz_proc_net_dev(const uint8_t *data, size_t size);
 int fuzz_version(const uint8_t *data, size_t size);
 int fuzz_format(const uint8_t *data, size_t size);
-
 }  // namespace kavro::fuzz
 
-// A broken invariant ends the process: the fuzzer keeps the input, the replay test fails.
+// A broken invariant ends the process (the fuzzer keeps the input).
 #define FUZZ_CHECK(cond) \
     ((cond) ? (void)0 : (std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond), std::abort()))
 
