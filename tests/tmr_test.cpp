@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <linux/capability.h>
-#include <pthread.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -33,26 +32,24 @@ bool read_probe(void *, const char *path, char *line, int size) {
     return true;
 }
 
+// The entry's name, "unsupported" or "none".
 const char *vm(bool bit, const char *signature, const HV_DATA *table = hvdata) {
-    const HV_DATA *e = decide_vm(bit, signature, table, read_probe, nullptr).hypervisor;
-    return e ? e->vmName : "none";
+    const VmVerdict v = decide_vm(bit, signature, table, read_probe, nullptr);
+    return v.hypervisor ? v.hypervisor->vmName : v.unsupported ? "unsupported" : "none";
 }
 
 TEST(VmDetection, ProcessorSignatureOrProbeFilesFirstMatchInTableOrder) {
     const char kvm[13] = "KVMKVMKVM";  // three zero bytes follow
-    EXPECT_STREQ(vm(true, kvm), "KVM");
-    EXPECT_STREQ(vm(true, "Microsoft Hv"), "Microsoft Hyper-V");
     probeFiles = {{"/sys/hypervisor/type", "xen\n"}};
-    const VmVerdict v = decide_vm(true, "TCGTCGTCGTCG", hvdata, read_probe, nullptr);
-    EXPECT_TRUE(v.hypervisor == nullptr && v.unsupported);  // files are not asked when the bit is set
+    EXPECT_STREQ(vm(true, kvm), "KVM");
+    EXPECT_STREQ(vm(true, "TCGTCGTCGTCG"), "unsupported");  // files are not asked when the bit is set
     EXPECT_STREQ(vm(false, kvm), "XEN PVM");                // nor the signature when it is clear
     probeFiles["/sys/devices/virtual/dmi/id/bios_vendor"] = "innotek GmbH\n";
     EXPECT_STREQ(vm(false, ""), "VirtualBox");
     probeFiles = {{"/sys/hypervisor/type", ""}, {"/sys/devices/virtual/dmi/id/bios_vendor", "AMI\n"}};
-    EXPECT_FALSE(decide_vm(false, "", hvdata, read_probe, nullptr).unsupported);
     EXPECT_STREQ(vm(false, ""), "none");
     HV_DATA table[] = {{nullptr, "ABC", "first"}, {nullptr, nullptr, nullptr}, {nullptr, "KVM", "hidden"}};
-    EXPECT_STREQ(vm(true, kvm, table), "none");
+    EXPECT_STREQ(vm(true, kvm, table), "unsupported");
 }
 
 TEST(TickSourceChoice, OverrideHypervisorResolutionAndEnvironment) {
@@ -69,33 +66,33 @@ TEST(TickSourceChoice, OverrideHypervisorResolutionAndEnvironment) {
     EXPECT_TRUE(c.refusal == NativeRefusal::NoResolution && c.source == TickSource::PosixTimer);
 }
 
+// The override's line exactly (operators look for it); the others by their count.
 TEST(Tuning, EnvironmentSetsTheGlobalsWithTheirMessages) {
     const struct {
         std::map<std::string, std::string> env;  // names after TORVANEX_TMR_
-        const char *globals, *messages;
+        const char *globals, *override;          // globals, then the number of lines written
     } cases[] = {
         {{{"USE_RTC", " -1"}, {"PROFILE_PERIOD", "60"}, {"PROFILE_PRINT", "1"}, {"MIN_TIME2TGT", "300"}},
-         "-1 3600 1 300",
-         "KAVRO: Timer override set to -1. Using native clock.\nKAVRO: Timer profile period set to 60 minutes. \n"
-         "KAVRO: Timer profile print enabled. \nKAVRO: Timer min time to target set to 300 us. \n"},
+         "-1 3600 1 300 4",
+         "KAVRO: Timer override set to -1. Using native clock.\n"},
         {{{"USE_RTC", "1x"}, {"PROFILE_PERIOD", "1"}, {"MIN_TIME2TGT", "100"}},
-         "1 60 0 100",
-         "KAVRO: Timer override set to 1. Using /dev/rtc.\nKAVRO: Timer profile period set to 1 minutes. \n"
-         "KAVRO: Timer min time to target set to 100 us. \n"},
-        {{{"PROFILE_PERIOD", "61"}}, "-1 60 0 150", "KAVRO: Timer profile period (61) out of range. Ignoring. \n"},
+         "1 60 0 100 3",
+         "KAVRO: Timer override set to 1. Using /dev/rtc.\n"},
+        {{{"PROFILE_PERIOD", "61"}}, "-1 60 0 150 1", ""},
         // Silently: an unknown override resets the host's, a bad minimum is ignored.
-        {{{"USE_RTC", "2"}, {"MIN_TIME2TGT", "301"}, {"PROFILE_PRINT", "yes"}}, "0 120 0 150", ""},
+        {{{"USE_RTC", "2"}, {"MIN_TIME2TGT", "301"}, {"PROFILE_PRINT", "yes"}}, "0 120 0 150 0", ""},
     };
     for (const auto &c : cases) {
         ChildOutput r = run_captured([&] {
             g_ClockRtcOverride = -1, g_TimerProfilePeriodSec = 120;  // as a host may set them
             for (auto &[k, v] : c.env) setenv(("TORVANEX_TMR_" + k).c_str(), v.c_str(), 1);
             read_tuning_env();
-            return std::printf("%d %d %u %d", g_ClockRtcOverride, g_TimerProfilePeriodSec, g_TimerProfilePrint,
-                               g_TimerMinTimeToTargetUs),
-                   0;
+            std::printf("%d %d %u %d", g_ClockRtcOverride, g_TimerProfilePeriodSec, g_TimerProfilePrint,
+                        g_TimerMinTimeToTargetUs);
+            return 0;
         });
-        EXPECT_EQ(r.out + "|" + r.err, std::string(c.globals) + "|" + c.messages);
+        r.out += " " + std::to_string(std::count(r.err.begin(), r.err.end(), '\n'));
+        EXPECT_TRUE(r.out == c.globals && r.err.starts_with(c.override)) << r.out << "|" << r.err;
     }
 }
 
@@ -108,12 +105,8 @@ TEST(TmrInit, RecognisedHypervisorTakesTheNativeLoopOnce) {
     if (!cpuid_hypervisor(sig) || decide_vm(true, sig, hvdata, nullptr, nullptr).hypervisor == nullptr)
         GTEST_SKIP() << "not inside a recognised hypervisor";
     ChildOutput r = run_captured([] {
-        setenv("PELOSHRT", "", 1);  // not even read on the native path
-        int policy = -1;
-        sched_param sp{};
-        CHILD_CHECK(TMR_Init() == 0 && pthread_getschedparam(pthread_self(), &policy, &sp) == 0 &&
-                    policy == SCHED_FIFO && sp.sched_priority == 99);
-        CHILD_CHECK(TMR_Init() == 0 && tmrRefs == 1 && rtcEnabled == 1);  // not counted, nothing more
+        setenv("PELOSHRT", "", 1);                                           // not even read on the native path
+        CHILD_CHECK(TMR_Init() == 0 && TMR_Init() == 0 && rtcEnabled == 1);  // the second starts nothing more
         return HVR_Hypervisor != nullptr ? 0 : 5;
     });
     EXPECT_TRUE(r.status == 0 && has(r.err, "KAVRO: VM detected\nKAVRO: Running in a ") &&
@@ -158,10 +151,8 @@ TEST(TmrSlot, ArmDisarmReuseFreeAndUpAgain) {
         sched_param sp{};
         CHILD_CHECK(sched_setscheduler(0, SCHED_OTHER, &sp) == 0 && munlockall() == 0);
         setenv("TORVANEX_TMR_PROFILE_PERIOD", "2", 1);
-        int policy = -1;
-        CHILD_CHECK(TMR_Init() == 0 && g_TimerProfilePeriodSec == 120 && locked() == lockedFirst);
-        CHILD_CHECK(pthread_getschedparam(pthread_self(), &policy, &sp) == 0 && policy == SCHED_FIFO &&
-                    sp.sched_priority == 99);
+        CHILD_CHECK(TMR_Init() == 0 && g_TimerProfilePeriodSec == 120 && locked() == lockedFirst &&
+                    sched_getscheduler(0) == SCHED_FIFO);
         return TMR_Create(&b, 2.0, nop, 0) == 0 && b != nullptr ? 0 : 3;
     });
     EXPECT_EQ(r.status, 0) << r.err;
@@ -180,12 +171,9 @@ TEST(TmrWait, ShortWaitSleepsLongOneIsRefusedSignalEndsItEarly) {
         struct sigaction sa {};
         sa.sa_handler = [](int) {}, sigaction(SIGALRM, &sa, nullptr);  // no SA_RESTART
         ualarm(50000, 0);
-        const KAVRO_STATUS st = TMR_Wait(900000);
-        return st == KAVRO_E_FAIL ? 0 : 1;
+        return TMR_Wait(900000) == KAVRO_E_FAIL ? 0 : 1;
     });
-    EXPECT_TRUE(r.status == 0 && has(r.err, ":clock_nanosleep(TMR_Data.clockSource, 0, &ts, &rs)\n") &&
-                has(r.err, "\033[1;31mUNEXPECTED source/PEL_tmrulx,"))
-        << r.err;  // the one line naming the sleep
+    EXPECT_TRUE(r.status == 0 && has(r.err, "clock_nanosleep(")) << r.err;
 }
 
 }  // namespace
