@@ -4,9 +4,7 @@
  * 500 ms later. KAVRO_RTC_STALL: no interrupt ever; KAVRO_RTC_FAIL=open|irqp|pie|read: that call fails with EIO.
  * Logs "IRQP_SET <hz>", "PIE_ON 1" and "SET <epoch>" to standard output, each ending " wall=<s>.<us>".
  */
-#ifndef _GNU_SOURCE
 #define _GNU_SOURCE
-#endif
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
