@@ -69,23 +69,19 @@ TEST(Report, MYperrorEndsTheProcessWithTheCountAndASummary) {
 }
 
 TEST(Report, DivisionPrintersSplitWithTheSignOfTheValue) {
-    const struct {
-        bool two;
-        int32_t a, b;
-        std::string out;
-    } cases[] = {{true, 2500, -1500, "2.500/-1.-500"},
-                 {false, -7, 2, "q=-3 r=-1"},
-                 {false, INT32_MIN, -1, "q=" + std::to_string(INT32_MIN) + " r=0"},
-                 {false, 5, 0, ""}};
-    for (const auto &c : cases) {
+    const std::tuple<bool, int32_t, int32_t, std::string> cases[] = {
+        {true, 2500, -1500, "2.500/-1.-500"},
+        {false, -7, 2, "q=-3 r=-1"},
+        {false, INT32_MIN, -1, "q=" + std::to_string(INT32_MIN) + " r=0"},
+        {false, 5, 0, ""}};  // division by zero: EDOM, nothing printed
+    for (const auto &[two, a, b, out] : cases) {
         const auto r = run_captured([&] {
             errno = 0;
-            const int32_t rc = c.two ? printf2("%d.%03d/%d.%03d", c.a, c.b) : printfx("q=%d r=%d", c.a, c.b);
-            const bool ok =
-                c.out.empty() ? rc == -1 && errno == EDOM : rc == static_cast<int32_t>(c.out.size()) && !errno;
+            const int32_t rc = two ? printf2("%d.%03d/%d.%03d", a, b) : printfx("q=%d r=%d", a, b);
+            const bool ok = out.empty() ? rc == -1 && errno == EDOM : rc == static_cast<int32_t>(out.size()) && !errno;
             return ok ? 0 : 1;
         });
-        EXPECT_TRUE(r.status == 0 && r.out == c.out) << r.out;
+        EXPECT_TRUE(r.status == 0 && r.out == out) << r.out;
     }
 }
 
