@@ -44,14 +44,13 @@ TEST(ClockCalls, KernelErrorsAreMinusOneAndErrno) {
 TEST(ClockCalls, SignalTimerInterruptsSleepWithTimeLeft) {
     const int rc = kavro::test::run_in_child([] {
         struct sigaction sa {};
-        sa.sa_handler = [](int) {};  // no SA_RESTART
-        sigaction(SIGUSR1, &sa, nullptr);
+        sa.sa_handler = [](int) {}, sigaction(SIGUSR1, &sa, nullptr);  // no SA_RESTART
         sigevent ev{};
         ev.sigev_notify = SIGEV_SIGNAL, ev.sigev_signo = SIGUSR1;
         timer_t id{};
         itimerspec its{{}, {0, 50000000}}, left{};
-        CHILD_CHECK(timer_create(CLOCK_MONOTONIC, &ev, &id) == 0 && timer_settime(id, 0, &its, nullptr) == 0);
-        CHILD_CHECK(timer_gettime(id, &left) == 0 && left.it_value.tv_sec == 0 && left.it_value.tv_nsec > 0);
+        CHILD_CHECK(timer_create(CLOCK_MONOTONIC, &ev, &id) == 0 && timer_settime(id, 0, &its, nullptr) == 0 &&
+                    timer_gettime(id, &left) == 0 && left.it_value.tv_sec == 0 && left.it_value.tv_nsec > 0);
         timespec req{5, 0}, rem{}, now{};
         CHILD_CHECK(clock_nanosleep(CLOCK_MONOTONIC, 0, &req, &rem) == -1 && errno == EINTR && rem.tv_sec >= 3);
         CHILD_CHECK(clock_gettime(CLOCK_MONOTONIC, &now) == 0);  // an absolute deadline already past returns at once

@@ -54,38 +54,29 @@ TEST(ClockFile, ScanReadsPiecesAndSkipsTheUnterminatedLastLine) {
     for (const auto &[text, verdict] : cases) EXPECT_EQ(scan_clock_text(text.data(), text.size()), verdict) << text;
 }
 
-TEST(ClockFile, FixedPathDefaultsToUtcWithAReason) {
-    const ChildOutput c = in_child({}, [] {
-        if (!clock_file(nullptr)) return kNoMounts;
-        for (const char *text : {"", "UTC=false\n", "UTC=Yes\n", "UTC=maybe\n", "UTC=true"})
-            if (*text == '\0' || write_file(kSysconfigClockPath, text))
-                std::printf("%d", GetSycconfigCMOSClockUTCSetting());
-        return 0;
-    });
-    KAVRO_SKIP_IF_NO_MOUNTS(c.status) << c.err;
-    // A line for each default: no file, no value, no tag.
-    EXPECT_TRUE(c.out == "10111" &&
-                count_of(c.err, "KAVRO:GetSycconfigCMOSClockUTCSetting: /etc/sysconfig/clock ") == 3)
-        << c.out << c.err;
-}
-
+// The clock file is read only when there is an interval; without a verdict it defaults to UTC, saying why.
 TEST(CmosEnvironment, VariablesSetIntervalOffsetAndReport) {
     const char *kMin = "TORVANEX_CMOS_CLOCK_UPDATE_RATE_MINUTES", *kSec = "TORVANEX_CMOS_CLOCK_UPDATE_RATE_PRIVATE",
                *kOff = "TORVANEX_CMOS_CLOCK_UPDATE_CMOS_OFFSET_USEC";
     const std::string fn = "\nKAVRO:CMOS_GetEnvironment: ";
+    const char *kNo = "UTC=no\n";
     const struct {
         Env env;
-        std::string err, out;  // err: a part of the report ("" = silent); out: interval offset afterwards
+        const char *file;      // the clock file; none when null
+        std::string out, err;  // out: interval offset afterwards; err: a part of the report ("" = silent)
     } cases[] = {
-        {{{kSec, "0"}}, "", "0 500000"},
-        {{{kMin, "11"}, {kOff, "1000000"}}, "CMOS clock in LOCAL" + fn + "UTC to LOCAL Delta=10800\n", "660 500000"},
-        {{{kMin, "11"}, {kSec, "30"}}, "issues" + fn + "KMX CMOS UPDATE Interval =30 seconds\n", "30 500000"},
-        {{{kMin, "11xyz"}, {kOff, "250000"}}, "KMX CMOS UPDATE OFFSET =250000 \n", "660 250000"},
-        {{{kMin, "99999999999"}}, "Interval =35791394 minutes\n", "2147483647 500000"},
+        {{{kSec, "0"}}, nullptr, "0 500000", ""},
+        {{{kMin, "11"}, {kOff, "1000000"}}, kNo, "660 500000", "LOCAL" + fn + "UTC to LOCAL Delta=10800\n"},
+        {{{kMin, "11"}, {kSec, "30"}}, kNo, "30 500000", "issues" + fn + "KMX CMOS UPDATE Interval =30 seconds\n"},
+        {{{kMin, "11xyz"}, {kOff, "250000"}}, kNo, "660 250000", "KMX CMOS UPDATE OFFSET =250000 \n"},
+        {{{kMin, "99999999999"}}, kNo, "2147483647 500000", "Interval =35791394 minutes\n"},
+        {{{kMin, "1"}}, nullptr, "60 500000", "not found assuming CMOS in UTC" + fn + "CMOS clock in UTC\n"},
+        {{{kMin, "1"}}, "UTC=maybe\n", "60 500000", "parse data - assuming UTC" + fn + "CMOS clock in UTC\n"},
+        {{{kMin, "1"}}, "UTC=true", "60 500000", "UTC tag Assuming UTC" + fn + "CMOS clock in UTC\n"},
     };
     for (const auto &c : cases) {
-        const ChildOutput r = in_child(c.env, [] {
-            if (!clock_file("UTC=no\n")) return kNoMounts;
+        const ChildOutput r = in_child(c.env, [&] {
+            if (!clock_file(c.file)) return kNoMounts;
             if (CMOS_GetEnvironment() != 0) return 1;
             return std::printf("%d %u", g_WriteIntervalTime_sec, g_TimeOffset_usec), 0;
         });
@@ -111,8 +102,7 @@ TEST(CmosWrite, PrintsAreCappedIntervalMismatchesWarnedAndFailuresReported) {
     EXPECT_TRUE(c.out == "0" && counts == "2 12 10 10 1 ") << counts << c.err;
 }
 
-// A copy of this program started with KAVRO_CMOS_CLOCK_TEXT writes the emulated CMOS clock once, then measures
-// where in the second its seconds turn.
+// A copy of this program started with KAVRO_CMOS_CLOCK_TEXT writes the CMOS clock once, then finds its seconds' turn.
 [[gnu::constructor]] void run_driver_role() {
     if (std::getenv("KAVRO_CMOS_CLOCK_TEXT") == nullptr) return;
     if (!clock_file(std::getenv("KAVRO_CMOS_CLOCK_TEXT"))) _exit(kNoMounts);
@@ -125,8 +115,7 @@ TEST(CmosWrite, PrintsAreCappedIntervalMismatchesWarnedAndFailuresReported) {
     _exit(0);
 }
 
-// A local (three hours ahead) and a UTC clock file: the write carries the zone's offset, and the edge measurement
-// finds the CMOS second that the write restarted, 500 ms later.
+// A local and a UTC clock file: the write carries the zone's offset; the turn found is the write's restart, 500 ms on.
 TEST(CmosEmulated, WriteCarriesTheZoneOffsetAndTheEdgeIsFound) {
     for (const auto &[delta, file] : {std::pair<int64_t, const char *>{10800, "UTC=no\n"}, {0, "UTC=yes\n"}}) {
         const ChildOutput c =

@@ -16,27 +16,25 @@ const std::string kRed = "\033[1;31m", kReset = "\033[0;39m";
 
 std::string msg(int err) { return std::strerror(err); }
 
-// The text, the result, whether the failure counts, and the expected error left in errno after a mismatch.
+// The result, whether the failure counts, the expected error left in errno after a mismatch, and the text.
 TEST(Report, ErrorCheckersPrintReturnAndCount) {
     const std::string miss = kRed + "ERROR expected but not found f,7:t\n" + kReset;
     enum Kind { MyError, Perror, NoError };
     const struct {
         Kind kind;
-        int expected, errnoBefore;
+        int expected, errnoBefore, rc, counted, errnoAfter;
         std::string out;
-        int32_t rc;
-        int counted, errnoAfter;
     } cases[] = {
-        {MyError, 0, 0, kRed + "f,7:t" + kReset, 0, 1, -1},  // no newline
-        {Perror, 0, EINVAL, kRed + "UNEXPECTED f,7:t: " + msg(EINVAL) + "\n" + kReset, -1, 1, -1},
-        {Perror, EINTR, EINTR, "expected f,7:t: " + msg(EINTR) + "\n", 0, 0, -1},
-        {Perror, EINTR, EINVAL,
-         "expected f,7:t: " + msg(EINVAL) + "\n" + kRed + "Expected: " + msg(EINTR) + "\n" + kReset, 0, 1, EINTR},
-        {Perror, -1, EAGAIN, "expected f,7:t: " + msg(EAGAIN) + "\n", 0, 0, -1},  // any error will do
-        {NoError, 0, EAGAIN, "Cool f,7:t\n" + kReset, 0, 0, -1},
-        {NoError, ETIMEDOUT, 0, miss + "Found   : " + msg(0) + "\nExpected: " + msg(ETIMEDOUT) + "\n" + kReset, -1, 1,
-         -1},
-        {NoError, ETIMEDOUT, ETIMEDOUT, miss + kReset, -1, 1, -1},  // no Found/Expected lines, still a failure
+        {MyError, 0, 0, 0, 1, -1, kRed + "f,7:t" + kReset},  // no newline
+        {Perror, 0, EINVAL, -1, 1, -1, kRed + "UNEXPECTED f,7:t: " + msg(EINVAL) + "\n" + kReset},
+        {Perror, EINTR, EINTR, 0, 0, -1, "expected f,7:t: " + msg(EINTR) + "\n"},
+        {Perror, EINTR, EINVAL, 0, 1, EINTR,
+         "expected f,7:t: " + msg(EINVAL) + "\n" + kRed + "Expected: " + msg(EINTR) + "\n" + kReset},
+        {Perror, -1, EAGAIN, 0, 0, -1, "expected f,7:t: " + msg(EAGAIN) + "\n"},  // any error will do
+        {NoError, 0, EAGAIN, 0, 0, -1, "Cool f,7:t\n" + kReset},
+        {NoError, ETIMEDOUT, 0, -1, 1, -1,
+         miss + "Found   : " + msg(0) + "\nExpected: " + msg(ETIMEDOUT) + "\n" + kReset},
+        {NoError, ETIMEDOUT, ETIMEDOUT, -1, 1, -1, miss + kReset},  // no Found/Expected lines, still a failure
     };
     for (const auto &c : cases) {
         const auto r = run_captured([&] {

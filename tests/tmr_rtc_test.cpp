@@ -46,8 +46,7 @@ TEST(RtcDecision, SteadyInterruptsServeEveryBoundaryOnceWithinAPeriod) {
         ASSERT_TRUE(d[i].served == i + 1 && std::llabs(d[i].atUs - static_cast<int64_t>(i + 1) * 2000) <= 245) << i;
 }
 
-// Interrupts stop for 7 ms: the missed ticks are dropped or caught up; for 13 ms: the grid restarts at the next
-// interrupt and serves its first tick 2.2 ms later.
+// A 7 ms gap: missed ticks dropped or caught up; a 13 ms gap: the grid restarts at the next interrupt.
 TEST(RtcDecision, GapsAndClockStepsDropCatchUpOrRestartTheGrid) {
     const std::tuple<int, int, bool, std::string> cases[] = {{70, 73, false, "8@17089 9@17822 "},
                                                              {70, 73, true, "5@17089 6@17333 7@17578 8@17822 "},
@@ -69,8 +68,7 @@ TEST(RtcDecision, GapsAndClockStepsDropCatchUpOrRestartTheGrid) {
     }
 }
 
-// The first look starts the interval; not over; before the offset; due; just written; offset 0: never; a negative
-// interval is a huge unsigned one.
+// First look; not over; before the offset; due; just written; offset 0: never; a negative interval: a huge one.
 TEST(CmosPacing, FirstLookStartsTheIntervalWritesAtTheOffset) {
     uint32_t start = 0;
     std::string due;

@@ -68,16 +68,15 @@ TEST(Tuning, EnvironmentSetsTheGlobalsWithTheirMessages) {
         std::map<std::string, std::string> env;  // names after TORVANEX_TMR_
         const char *globals, *override;          // globals, then the number of lines written
     } cases[] = {
+        // clang-format off
         {{{"USE_RTC", " -1"}, {"PROFILE_PERIOD", "60"}, {"PROFILE_PRINT", "1"}, {"MIN_TIME2TGT", "300"}},
-         "-1 3600 1 300 4",
-         "KAVRO: Timer override set to -1. Using native clock.\n"},
+         "-1 3600 1 300 4", "KAVRO: Timer override set to -1. Using native clock.\n"},
         {{{"USE_RTC", "1x"}, {"PROFILE_PERIOD", "1"}, {"MIN_TIME2TGT", "100"}},
-         "1 60 0 100 3",
-         "KAVRO: Timer override set to 1. Using /dev/rtc.\n"},
-        {{{"PROFILE_PERIOD", "61"}}, "-1 60 0 150 1", ""},
-        // Silently: an unknown override resets the host's, a bad minimum is ignored.
-        {{{"USE_RTC", "2"}, {"MIN_TIME2TGT", "301"}, {"PROFILE_PRINT", "yes"}}, "0 120 0 150 0", ""},
-    };
+         "1 60 0 100 3", "KAVRO: Timer override set to 1. Using /dev/rtc.\n"},
+        // An unknown override resets the host's silently, a bad minimum is ignored, a bad period reported.
+        {{{"USE_RTC", "2"}, {"MIN_TIME2TGT", "301"}, {"PROFILE_PRINT", "yes"}, {"PROFILE_PERIOD", "61"}},
+         "0 60 0 150 1", ""},
+    };  // clang-format on
     for (const auto &c : cases) {
         ChildOutput r = run_captured([&] {
             g_ClockRtcOverride = -1, g_TimerProfilePeriodSec = 120;  // as a host may set them
@@ -109,8 +108,7 @@ TEST(TmrInit, RefusedRealTimePriorityFailsOnceAndStartsNothing) {
     EXPECT_TRUE(r.status == 0 && !has(r.err, "KAVRO: Using native clock\n")) << r.err;  // no source was chosen
 }
 
-// Native ticks, by the recognised hypervisor or else by the override; the slot's life; then up again after the last
-// exit: the environment read again, SCHED_FIFO and locked memory again, the running tick source serves the new slot.
+// Native ticks (hypervisor or override); the slot's life; up again after the last exit with the source still running.
 TEST(TmrSlot, NativeStartArmDisarmReuseFreeAndUpAgain) {
     EXPECT_EQ(TMR_Exit(), -1);  // without Init: only counted down
     tmrRefs = 0;

@@ -1,5 +1,4 @@
-// "/etc/sysconfig/clock": any bytes give a verdict without reading past them; no "UTC=" means no tag; a deciding
-// first line decides whatever follows.
+// "/etc/sysconfig/clock": a verdict without reading past the bytes; no "UTC=": no tag; a deciding first line decides.
 #include <string>
 #include <vector>
 

@@ -1,5 +1,4 @@
-/* Linked against libkavro_rt, whose clock_nanosleep reports a bad request as -1 with errno (the C library's returns
- * the error number); prints what the call returned, the error and the remainder. */
+/* Linked against libkavro_rt: prints what its clock_nanosleep returns for a bad request, errno and the remainder. */
 #include <errno.h>
 #include <stdio.h>
 #include <time.h>

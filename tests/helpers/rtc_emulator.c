@@ -1,9 +1,7 @@
-/*
- * An emulated /dev/rtc, preloaded by the tick and CMOS tests: RTC_IRQP_SET and RTC_PIE_ON start periodic interrupts,
+/* An emulated /dev/rtc, preloaded by the tick and CMOS tests: RTC_IRQP_SET and RTC_PIE_ON start periodic interrupts,
  * a read waits for the next; RTC_SET_TIME / RTC_RD_TIME keep a CMOS clock (UTC) whose first second after a set ends
  * 500 ms later. KAVRO_RTC_STALL: no interrupt ever; KAVRO_RTC_FAIL=open|irqp|pie|read: that call fails with EIO.
- * Logs "IRQP_SET <hz>", "PIE_ON 1" and "SET <epoch>" to standard output, each ending " wall=<s>.<us>".
- */
+ * Logs "IRQP_SET <hz>", "PIE_ON 1" and "SET <epoch>" to standard output, each ending " wall=<s>.<us>". */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
