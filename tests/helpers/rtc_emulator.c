@@ -22,6 +22,12 @@
 static int (*real_open)(const char *, int, ...);
 static int (*real_ioctl)(int, unsigned long, ...);
 static ssize_t (*real_read)(int, void *, size_t);
+/* The C library's call, found on first use (which may come before the constructor has run). */
+#define REAL(f)                                                                      \
+    ({                                                                               \
+        if (real_##f == NULL) real_##f = (__typeof__(real_##f))dlsym(RTLD_NEXT, #f); \
+        real_##f;                                                                    \
+    })
 
 static struct {
     pthread_mutex_t lock;
@@ -37,15 +43,7 @@ static int64_t mono_ns(void) {
     return (int64_t)ts.tv_sec * NS + ts.tv_nsec;
 }
 
-/* Also on a first call that comes before the constructor has run. */
-static void resolve(void) {
-    real_open = (int (*)(const char *, int, ...))dlsym(RTLD_NEXT, "open");
-    real_ioctl = (int (*)(int, unsigned long, ...))dlsym(RTLD_NEXT, "ioctl");
-    real_read = (ssize_t(*)(int, void *, size_t))dlsym(RTLD_NEXT, "read");
-}
-
 __attribute__((constructor)) static void emulator_load(void) {
-    resolve();
     dev.stall = getenv("KAVRO_RTC_STALL") != NULL;
     if (getenv("KAVRO_RTC_FAIL") != NULL) dev.fail = getenv("KAVRO_RTC_FAIL");
     struct timespec wall;
@@ -64,26 +62,24 @@ static void log_event(const char *what, long long value) {
 static int is_rtc_fd(int fd) { return fd >= 0 && __atomic_load_n(&dev.fd, __ATOMIC_ACQUIRE) == fd; }
 
 API int open(const char *path, int flags, ...) {
-    if (real_open == NULL) resolve();
     va_list ap;
     va_start(ap, flags);
     const mode_t mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? (mode_t)va_arg(ap, int) : 0;
     va_end(ap);
-    if (strcmp(path, "/dev/rtc") != 0) return real_open(path, flags, mode);
+    if (strcmp(path, "/dev/rtc") != 0) return REAL(open)(path, flags, mode);
     if (failing("open")) return -1;
-    const int fd = real_open("/dev/null", O_RDONLY | (flags & O_CLOEXEC));
+    const int fd = REAL(open)("/dev/null", O_RDONLY | (flags & O_CLOEXEC));
     __atomic_store_n(&dev.fd, fd, __ATOMIC_RELEASE);
     return fd;
 }
 
 /* struct rtc_time is the first nine fields of struct tm. */
 API int ioctl(int fd, unsigned long req, ...) {
-    if (real_ioctl == NULL) resolve();
     va_list ap;
     va_start(ap, req);
     void *arg = va_arg(ap, void *);
     va_end(ap);
-    if (!is_rtc_fd(fd)) return real_ioctl(fd, req, arg);
+    if (!is_rtc_fd(fd)) return REAL(ioctl)(fd, req, arg);
     const int64_t now = mono_ns();
     int rc = 0;
     pthread_mutex_lock(&dev.lock);
@@ -110,8 +106,7 @@ API int ioctl(int fd, unsigned long req, ...) {
 }
 
 API ssize_t read(int fd, void *buf, size_t n) {
-    if (real_read == NULL) resolve();
-    if (!is_rtc_fd(fd)) return real_read(fd, buf, n);
+    if (!is_rtc_fd(fd)) return REAL(read)(fd, buf, n);
     if (failing("read")) return -1;
     for (;;) {
         pthread_mutex_lock(&dev.lock);
