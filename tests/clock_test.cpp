@@ -3,7 +3,6 @@
 
 #include <signal.h>
 #include <unistd.h>
-
 #include <cerrno>
 
 #include "kavro_rt/clock.h"

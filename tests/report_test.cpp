@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 
@@ -10,7 +9,6 @@
 #include "test_support.hpp"
 
 namespace {
-
 using kavro::test::run_captured;
 const std::string kRed = "\033[1;31m", kReset = "\033[0;39m";
 

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
-
 #include <atomic>
 #include <cstdlib>
 
@@ -12,7 +11,6 @@
 #include "timer/tmr.hpp"
 
 namespace {
-
 using namespace kavro::detail;
 
 constexpr int64_t kMs = 1000000;
@@ -31,13 +29,11 @@ TEST(NativePass, LateWakeUpsSkipMissedDeadlinesAndKeepTheGrid) {
     PassOutcome o = native_pass(s, from_ns(deadline + 5300000));  // 5.3 ms late
     EXPECT_TRUE(o.missed == 2 && s.PM == 2 && s.TM == 2 && s.MSM == 2 && o.sleep);
     EXPECT_EQ(to_ns(s.target), deadline + 6 * kMs);  // 0.7 ms after the wake-up
-
     deadline = after_first_pass(s);
     EXPECT_FALSE(native_pass(s, from_ns(deadline + 1900000)).sleep);  // 1.9 ms late: 100 us left
     o = native_pass(s, from_ns(deadline + 1920000));                  // the next pass, 80 us early
     EXPECT_TRUE(s.TBT == 1 && !o.negativeDiff && o.sleep && s.ED == 1 && s.PM == 0);
     EXPECT_EQ(to_ns(s.target), deadline + 4 * kMs);  // a full period, phase kept
-
     for (const auto &[minUs, lateNs, sleeps] : {std::tuple{150, 1850000, true}, {300, 1750000, false}}) {
         deadline = after_first_pass(s, minUs);  // exactly the minimum left is enough
         EXPECT_EQ(native_pass(s, from_ns(deadline + lateNs)).sleep, sleeps) << minUs;

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
-
 #include <atomic>
 #include <filesystem>
 #include <tuple>
@@ -14,7 +13,6 @@
 #include "timer/tmr.hpp"
 
 namespace {
-
 using namespace kavro::detail;
 using namespace kavro::test;
 

@@ -16,8 +16,7 @@
 #include <sys/time.h>
 #include <time.h>
 
-#define API __attribute__((visibility("default")))
-#define NS  1000000000LL
+#define NS 1000000000LL
 
 static int (*real_open)(const char *, int, ...);
 static int (*real_ioctl)(int, unsigned long, ...);
@@ -61,7 +60,7 @@ static void log_event(const char *what, long long value) {
 
 static int is_rtc_fd(int fd) { return fd >= 0 && __atomic_load_n(&dev.fd, __ATOMIC_ACQUIRE) == fd; }
 
-API int open(const char *path, int flags, ...) {
+int open(const char *path, int flags, ...) {
     va_list ap;
     va_start(ap, flags);
     const mode_t mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? (mode_t)va_arg(ap, int) : 0;
@@ -74,7 +73,7 @@ API int open(const char *path, int flags, ...) {
 }
 
 /* struct rtc_time is the first nine fields of struct tm. */
-API int ioctl(int fd, unsigned long req, ...) {
+int ioctl(int fd, unsigned long req, ...) {
     va_list ap;
     va_start(ap, req);
     void *arg = va_arg(ap, void *);
@@ -105,7 +104,7 @@ API int ioctl(int fd, unsigned long req, ...) {
     return rc;
 }
 
-API ssize_t read(int fd, void *buf, size_t n) {
+ssize_t read(int fd, void *buf, size_t n) {
     if (!is_rtc_fd(fd)) return REAL(read)(fd, buf, n);
     if (failing("read")) return -1;
     for (;;) {
