@@ -52,8 +52,8 @@ TEST(ClockCalls, SignalTimerInterruptsSleepWithTimeLeft) {
                     timer_gettime(id, &left) == 0 && left.it_value.tv_sec == 0 && left.it_value.tv_nsec > 0);
         timespec req{5, 0}, rem{}, now{};
         CHILD_CHECK(clock_nanosleep(CLOCK_MONOTONIC, 0, &req, &rem) == -1 && errno == EINTR && rem.tv_sec >= 3);
-        CHILD_CHECK(clock_gettime(CLOCK_MONOTONIC, &now) == 0);  // an absolute deadline already past returns at once
-        CHILD_CHECK(clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &now, nullptr) == 0);
+        CHILD_CHECK(clock_gettime(CLOCK_MONOTONIC, &now) == 0 &&  // an absolute deadline already past: at once
+                    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &now, nullptr) == 0);
         return timer_delete(id) == 0 ? 0 : 2;
     });
     EXPECT_EQ(rc, 0);

@@ -5,7 +5,6 @@
 #include <unistd.h>
 #include <vector>
 
-#include "frame/internal.hpp"
 #include "test_support.hpp"
 #include "timer/cmos.hpp"
 
@@ -44,8 +43,7 @@ TEST(ClockFile, ScanReadsPiecesAndSkipsTheUnterminatedLastLine) {
         {"UTC=noyes\n", V::Utc},                        // true words are searched first
         {"UTC=maybe\nUTC=\nUTC=true", V::TagUnparsed},  // the last line lacks its newline
         {" UTC=true\n# UTC=true\n", V::NoTag},
-        // Long lines arrive in 79-character pieces, each examined alone.
-        {std::string(79, 'x') + "UTC=no\n", V::Local},
+        {std::string(79, 'x') + "UTC=no\n", V::Local},  // long lines: 79-character pieces, each alone
         {"UTC=yes" + std::string(72, ' '), V::Utc},
     };
     for (const auto &[text, verdict] : cases) EXPECT_EQ(scan_clock_text(text.data(), text.size()), verdict) << text;

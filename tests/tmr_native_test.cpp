@@ -6,7 +6,6 @@
 #include <cstdlib>
 
 #include "frame/internal.hpp"
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 #include "timer/tmr.hpp"
 
@@ -48,8 +47,7 @@ TEST(NativeProfile, PeriodEndsWhenTheServedDeadlinePassesTheBoundary) {
     NativeLoopState s;
     native_start(s, from_ns(kStart), 1, 150);
     ProfileLine l{};
-    int64_t at = 0;
-    int lines = 0;
+    int64_t at = 0, lines = 0;
     for (int pass = 0; pass < 1100; ++pass) {
         if (native_profile(s, 1, &l)) ++lines, at = to_ns(s.target);
         native_pass(s, from_ns(to_ns(s.target) + (pass == 500 ? 2100000 : 0)));

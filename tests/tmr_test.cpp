@@ -18,8 +18,7 @@
 
 namespace {
 using namespace kavro::detail;
-using kavro::test::ChildOutput;
-using kavro::test::run_captured;
+using namespace kavro::test;
 
 bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 

@@ -36,18 +36,16 @@ static struct {
     const char *fail;
 } dev = {.lock = PTHREAD_MUTEX_INITIALIZER, .fd = -1, .rate = 1024, .fail = ""};
 
-static int64_t mono_ns(void) {
+static int64_t clock_ns(clockid_t id) {
     struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
+    clock_gettime(id, &ts);
     return (int64_t)ts.tv_sec * NS + ts.tv_nsec;
 }
 
 __attribute__((constructor)) static void emulator_load(void) {
     dev.stall = getenv("KAVRO_RTC_STALL") != NULL;
     if (getenv("KAVRO_RTC_FAIL") != NULL) dev.fail = getenv("KAVRO_RTC_FAIL");
-    struct timespec wall;
-    clock_gettime(CLOCK_REALTIME, &wall);
-    dev.cmos_ns = (int64_t)wall.tv_sec * NS + wall.tv_nsec - mono_ns(); /* in step with the wall clock */
+    dev.cmos_ns = clock_ns(CLOCK_REALTIME) - clock_ns(CLOCK_MONOTONIC); /* in step with the wall clock */
 }
 
 static int failing(const char *call) { return strcmp(dev.fail, call) == 0 ? (errno = EIO, 1) : 0; }
@@ -79,7 +77,7 @@ int ioctl(int fd, unsigned long req, ...) {
     void *arg = va_arg(ap, void *);
     va_end(ap);
     if (!is_rtc_fd(fd)) return REAL(ioctl)(fd, req, arg);
-    const int64_t now = mono_ns();
+    const int64_t now = clock_ns(CLOCK_MONOTONIC);
     int rc = 0;
     pthread_mutex_lock(&dev.lock);
     if (req == RTC_RD_TIME) {
@@ -109,7 +107,7 @@ ssize_t read(int fd, void *buf, size_t n) {
     if (failing("read")) return -1;
     for (;;) {
         pthread_mutex_lock(&dev.lock);
-        const int64_t now = mono_ns(), period = NS / dev.rate, next = dev.next;
+        const int64_t now = clock_ns(CLOCK_MONOTONIC), period = NS / dev.rate, next = dev.next;
         const int ticking = dev.pie && !dev.stall, ready = ticking && now >= next;
         if (ready) dev.next += ((now - next) / period + 1) * period;
         pthread_mutex_unlock(&dev.lock);
