@@ -1,7 +1,6 @@
-// "/etc/sysconfig/clock": any bytes give a verdict without reading past them; no "UTC=" means no tag; a deciding
-// first line decides whatever follows.
-#include <cstring>
+// "/etc/sysconfig/clock": a verdict without reading past the bytes; no "UTC=": no tag; a deciding first line decides.
 #include <string>
+#include <vector>
 
 #include "fuzz_targets.hpp"
 #include "timer/cmos.hpp"
@@ -9,19 +8,14 @@
 namespace kavro::fuzz {
 
 int fuzz_sysconfig_clock(const uint8_t *data, size_t size) {
-    using kavro::detail::ClockFileVerdict;
     using kavro::detail::scan_clock_text;
-    const std::string text(reinterpret_cast<const char *>(data), size);
-    char *copy = new char[size == 0 ? 1 : size];  // an exact copy, so that a read past the text is caught
-    if (size > 0) std::memcpy(copy, data, size);
-    const ClockFileVerdict v = scan_clock_text(copy, size);
-    delete[] copy;
-    FUZZ_CHECK(v == ClockFileVerdict::Utc || v == ClockFileVerdict::Local || v == ClockFileVerdict::TagUnparsed ||
-               v == ClockFileVerdict::NoTag);
-    if (text.find("UTC=") == std::string::npos) FUZZ_CHECK(v == ClockFileVerdict::NoTag);
-    for (const auto &[first, verdict] :
-         {std::pair{"UTC=yes\n", ClockFileVerdict::Utc}, {"UTC=false\n", ClockFileVerdict::Local}}) {
-        const std::string both = first + text;
+    using V = kavro::detail::ClockFileVerdict;
+    const std::vector<char> copy(data, data + size);  // exactly the text, so that a read past it is caught
+    const V v = scan_clock_text(copy.data(), size);
+    FUZZ_CHECK(v == V::Utc || v == V::Local || v == V::TagUnparsed || v == V::NoTag);
+    if (std::string(copy.begin(), copy.end()).find("UTC=") == std::string::npos) FUZZ_CHECK(v == V::NoTag);
+    for (const auto &[first, verdict] : {std::pair{"UTC=yes\n", V::Utc}, {"UTC=false\n", V::Local}}) {
+        const std::string both = first + std::string(copy.begin(), copy.end());
         FUZZ_CHECK(scan_clock_text(both.data(), both.size()) == verdict);
     }
     return 0;

@@ -1,15 +1,10 @@
-/* Linked against libkavro_rt: its clock_nanosleep reports a bad request as -1 with errno, where the C library's
- * returns the error number. Prints what the call returned, the error and the remainder. */
-#ifndef _GNU_SOURCE
-#define _GNU_SOURCE
-#endif
+/* Linked against libkavro_rt: prints what its clock_nanosleep returns for a bad request, errno and the remainder. */
 #include <errno.h>
 #include <stdio.h>
 #include <time.h>
 
 int main(void) {
     struct timespec bad = {0, 1000000000L}, rem = {7, 7};
-    errno = 0;
     int rc = clock_nanosleep(CLOCK_MONOTONIC, 0, &bad, &rem);
     printf("nanosleep %d %d rem %ld.%ld\n", rc, errno, (long)rem.tv_sec, rem.tv_nsec);
     return 0;

@@ -1,13 +1,8 @@
-/*
- * An emulated /dev/rtc for the tick and CMOS tests, preloaded (LD_PRELOAD=KAVRO_RTC_EMULATOR_PATH). RTC_IRQP_SET and
- * RTC_PIE_ON start periodic interrupts; a read blocks until the next (missed ones make one). RTC_SET_TIME /
- * RTC_RD_TIME: a software CMOS clock (UTC) whose first second after a set ends 500 ms later. Environment:
- * KAVRO_RTC_STALL (no interrupt ever), KAVRO_RTC_FAIL=open|irqp|pie|read[@K] (that call fails with EIO, from its K-th
- * on). Logs to standard output lines "IRQP_SET <hz>", "PIE_ON 1", "SET <epoch written>", each ending " wall=<s>.<us>".
- */
-#ifndef _GNU_SOURCE
+/* An emulated /dev/rtc, preloaded by the tick and CMOS tests: RTC_IRQP_SET and RTC_PIE_ON start periodic interrupts,
+ * a read waits for the next; RTC_SET_TIME / RTC_RD_TIME keep a CMOS clock (UTC) whose first second after a set ends
+ * 500 ms later. KAVRO_RTC_STALL: no interrupt ever; KAVRO_RTC_FAIL=open|irqp|pie|read: that call fails with EIO.
+ * Logs "IRQP_SET <hz>", "PIE_ON 1" and "SET <epoch>" to standard output, each ending " wall=<s>.<us>". */
 #define _GNU_SOURCE
-#endif
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -21,39 +16,39 @@
 #include <sys/time.h>
 #include <time.h>
 
-#define API __attribute__((visibility("default")))
-#define NS  1000000000LL
+#define NS 1000000000LL
 
 static int (*real_open)(const char *, int, ...);
 static int (*real_ioctl)(int, unsigned long, ...);
 static ssize_t (*real_read)(int, void *, size_t);
-
-/* Also on a first call that comes before the constructor has run. */
-static void resolve(void) {
-    real_open = (int (*)(const char *, int, ...))dlsym(RTLD_NEXT, "open");
-    real_ioctl = (int (*)(int, unsigned long, ...))dlsym(RTLD_NEXT, "ioctl");
-    real_read = (ssize_t(*)(int, void *, size_t))dlsym(RTLD_NEXT, "read");
-}
+/* The C library's call, found on first use (which may come before the constructor has run). */
+#define REAL(f)                                                                      \
+    ({                                                                               \
+        if (real_##f == NULL) real_##f = (__typeof__(real_##f))dlsym(RTLD_NEXT, #f); \
+        real_##f;                                                                    \
+    })
 
 static struct {
     pthread_mutex_t lock;
     int fd, rate, pie, stall;
-    int64_t next; /* monotonic ns of the next interrupt */
-    char fail[16];
-    long fail_at, calls;
-    int64_t cmos_ns; /* CMOS clock minus the monotonic clock, ns */
-} dev = {.lock = PTHREAD_MUTEX_INITIALIZER, .fd = -1, .rate = 1024};
+    int64_t next;    /* monotonic ns of the next interrupt */
+    int64_t cmos_ns; /* CMOS clock minus the monotonic clock */
+    const char *fail;
+} dev = {.lock = PTHREAD_MUTEX_INITIALIZER, .fd = -1, .rate = 1024, .fail = ""};
 
-static int64_t mono_ns(void) {
+static int64_t clock_ns(clockid_t id) {
     struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
+    clock_gettime(id, &ts);
     return (int64_t)ts.tv_sec * NS + ts.tv_nsec;
 }
 
-static int failing(const char *call) {
-    if (strcmp(dev.fail, call) != 0 || __atomic_add_fetch(&dev.calls, 1, __ATOMIC_RELAXED) < dev.fail_at) return 0;
-    return errno = EIO, 1;
+__attribute__((constructor)) static void emulator_load(void) {
+    dev.stall = getenv("KAVRO_RTC_STALL") != NULL;
+    if (getenv("KAVRO_RTC_FAIL") != NULL) dev.fail = getenv("KAVRO_RTC_FAIL");
+    dev.cmos_ns = clock_ns(CLOCK_REALTIME) - clock_ns(CLOCK_MONOTONIC); /* in step with the wall clock */
 }
+
+static int failing(const char *call) { return strcmp(dev.fail, call) == 0 ? (errno = EIO, 1) : 0; }
 
 static void log_event(const char *what, long long value) {
     struct timeval tv;
@@ -61,55 +56,31 @@ static void log_event(const char *what, long long value) {
     dprintf(1, "%s %lld wall=%lld.%06ld\n", what, value, (long long)tv.tv_sec, (long)tv.tv_usec);
 }
 
-__attribute__((constructor)) static void emulator_load(void) {
-    resolve();
-    dev.stall = getenv("KAVRO_RTC_STALL") != NULL;
-    snprintf(dev.fail, sizeof dev.fail, "%s", getenv("KAVRO_RTC_FAIL") != NULL ? getenv("KAVRO_RTC_FAIL") : "");
-    char *at = strchr(dev.fail, '@');
-    dev.fail_at = at != NULL ? (*at = '\0', atol(at + 1)) : 1;
-    struct timespec wall;
-    clock_gettime(CLOCK_REALTIME, &wall);
-    dev.cmos_ns = (int64_t)wall.tv_sec * NS + wall.tv_nsec - mono_ns(); /* in step with the wall clock */
-}
-
 static int is_rtc_fd(int fd) { return fd >= 0 && __atomic_load_n(&dev.fd, __ATOMIC_ACQUIRE) == fd; }
 
-API int open(const char *path, int flags, ...) {
-    if (real_open == NULL) resolve();
-    mode_t mode = 0;
-    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
-        va_list ap;
-        va_start(ap, flags);
-        mode = (mode_t)va_arg(ap, int);
-        va_end(ap);
-    }
-    if (strcmp(path, "/dev/rtc") != 0) return real_open(path, flags, mode);
+int open(const char *path, int flags, ...) {
+    va_list ap;
+    va_start(ap, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? (mode_t)va_arg(ap, int) : 0;
+    va_end(ap);
+    if (strcmp(path, "/dev/rtc") != 0) return REAL(open)(path, flags, mode);
     if (failing("open")) return -1;
-    const int fd = real_open("/dev/null", O_RDONLY | (flags & O_CLOEXEC));
+    const int fd = REAL(open)("/dev/null", O_RDONLY | (flags & O_CLOEXEC));
     __atomic_store_n(&dev.fd, fd, __ATOMIC_RELEASE);
     return fd;
 }
 
 /* struct rtc_time is the first nine fields of struct tm. */
-API int ioctl(int fd, unsigned long req, ...) {
-    if (real_ioctl == NULL) resolve();
+int ioctl(int fd, unsigned long req, ...) {
     va_list ap;
     va_start(ap, req);
     void *arg = va_arg(ap, void *);
     va_end(ap);
-    if (!is_rtc_fd(fd)) return real_ioctl(fd, req, arg);
-    const int64_t now = mono_ns();
+    if (!is_rtc_fd(fd)) return REAL(ioctl)(fd, req, arg);
+    const int64_t now = clock_ns(CLOCK_MONOTONIC);
     int rc = 0;
     pthread_mutex_lock(&dev.lock);
-    if (req == RTC_IRQP_SET || req == RTC_PIE_ON) {
-        if (failing(req == RTC_PIE_ON ? "pie" : "irqp"))
-            rc = -1;
-        else if (req == RTC_PIE_ON)
-            dev.pie = 1, log_event("PIE_ON", 1);
-        else
-            dev.rate = (int)(uintptr_t)arg, log_event("IRQP_SET", dev.rate);
-        dev.next = now + NS / dev.rate; /* a new train */
-    } else if (req == RTC_RD_TIME) {
+    if (req == RTC_RD_TIME) {
         const time_t s = (time_t)((now + dev.cmos_ns) / NS);
         struct tm b;
         memcpy(arg, gmtime_r(&s, &b), sizeof(struct rtc_time));
@@ -119,20 +90,24 @@ API int ioctl(int fd, unsigned long req, ...) {
         const long long epoch = timegm(&b);
         dev.cmos_ns = epoch * NS + NS / 2 - now; /* its first second ends 500 ms later */
         log_event("SET", epoch);
+    } else if (failing(req == RTC_PIE_ON ? "pie" : "irqp")) { /* the library asks nothing else */
+        rc = -1;
     } else {
-        rc = -1, errno = ENOTTY;
+        dev.pie |= req == RTC_PIE_ON;
+        if (req == RTC_IRQP_SET) dev.rate = (int)(uintptr_t)arg;
+        dev.next = now + NS / dev.rate; /* a new train */
+        log_event(req == RTC_PIE_ON ? "PIE_ON" : "IRQP_SET", req == RTC_PIE_ON ? 1 : dev.rate);
     }
     pthread_mutex_unlock(&dev.lock);
     return rc;
 }
 
-API ssize_t read(int fd, void *buf, size_t n) {
-    if (real_read == NULL) resolve();
-    if (!is_rtc_fd(fd)) return real_read(fd, buf, n);
+ssize_t read(int fd, void *buf, size_t n) {
+    if (!is_rtc_fd(fd)) return REAL(read)(fd, buf, n);
     if (failing("read")) return -1;
     for (;;) {
         pthread_mutex_lock(&dev.lock);
-        const int64_t now = mono_ns(), period = NS / dev.rate, next = dev.next;
+        const int64_t now = clock_ns(CLOCK_MONOTONIC), period = NS / dev.rate, next = dev.next;
         const int ticking = dev.pie && !dev.stall, ready = ticking && now >= next;
         if (ready) dev.next += ((now - next) / period + 1) * period;
         pthread_mutex_unlock(&dev.lock);
