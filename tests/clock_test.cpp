@@ -1,9 +1,4 @@
 // The clock and timer calls issued directly to the kernel.
-#include <gtest/gtest.h>
-
-#include <signal.h>
-#include <unistd.h>
-#include <cerrno>
 
 #include "kavro_rt/clock.h"
 #include "test_support.hpp"

@@ -1,9 +1,4 @@
 // CMOS clock synchronisation: clock file, environment, writes and edge measurement via an emulated RTC.
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <unistd.h>
-#include <vector>
 
 #include "test_support.hpp"
 #include "timer/cmos.hpp"

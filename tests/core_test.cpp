@@ -1,8 +1,6 @@
 // The runtime frame: family objects, the counted heap, the log sink, environment numbers.
-#include <gtest/gtest.h>
 
 #include "frame/internal.hpp"
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 
 using kavro::detail::mem_counters;

@@ -1,13 +1,6 @@
 // Error-exit helpers: what reaches standard output, standard error and the
 // system log, and how each one ends.
-#include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <signal.h>
-
-#include <cerrno>
-
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 
 TEST(ErrExit, EachHelperWritesBothStreamsAndEndsAsItShould) {

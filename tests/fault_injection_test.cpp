@@ -1,18 +1,12 @@
 // A participant is SIGKILLed mid-work; the survivors lose nothing delivered, never hang, and report the failure.
-#include <gtest/gtest.h>
 
 #include <sys/mman.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstring>
 #include <memory>
 #include <thread>
 
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 
 namespace {

@@ -1,10 +1,8 @@
 // The formatter's dialect: numbers, strings, the f conversion, bounds (any flag mix: the fuzz target's).
-#include <gtest/gtest.h>
 
 #include <climits>
 #include <cmath>
 #include <cstdarg>
-#include <cstring>
 
 #include "kavro_rt/format.h"
 #include "test_support.hpp"

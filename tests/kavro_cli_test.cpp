@@ -1,15 +1,8 @@
 // The operator tool and the demo program: their command lines, output formats, exit statuses and messages.
-#include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sched.h>
 #include <sys/shm.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "cli.hpp"
 #include "test_support.hpp"

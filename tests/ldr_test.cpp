@@ -1,10 +1,4 @@
 // The module loader: real modules loaded, searched and freed; the board file in a private /usr/torvanex.
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 
 #include "frame/internal.hpp"
 #include "kavro_rt/ldr.h"

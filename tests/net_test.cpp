@@ -1,12 +1,5 @@
 // Network interfaces: the /proc/net/dev parser and reader; the walk in a private network namespace.
-#include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sched.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <cstring>
 #include <set>
 
 #include "kavro_rt/net.h"

@@ -1,11 +1,5 @@
 // The registry: records on text (streamed reading is the fuzz target's), then the file in a private /usr/torvanex.
-#include <gtest/gtest.h>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
 #include <tuple>
 
 #include "kavro_rt/reg.h"

@@ -1,9 +1,4 @@
 // The test-report printers: exact bytes (operators compare test logs), the failure count, the exit status.
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-#include <cerrno>
-#include <cstring>
 
 #include "kavro_rt/report.h"
 #include "test_support.hpp"

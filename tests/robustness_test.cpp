@@ -1,19 +1,12 @@
 // Every exported call with bad input (nulls, extreme sizes, released or foreign handles), each in a child: the
 // expected status, no signal, no hang. Released handles are blocks tagged KAVRO_TAG_RELEASED (sanitizer-safe).
-#include <gtest/gtest.h>
-
-#include <sched.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <climits>
 #include <cmath>
 #include <cstdarg>
 #include <functional>
 #include <optional>
-#include <vector>
 
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 
 namespace {

@@ -1,9 +1,4 @@
 // The native tick loop: one pass's arithmetic on synthetic clock readings, then the running loop.
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-#include <atomic>
-#include <cstdlib>
 
 #include "frame/internal.hpp"
 #include "test_support.hpp"

@@ -1,11 +1,7 @@
 // The RTC tick loop: its decision on synthetic times, CMOS pacing, then the loop through the emulated /dev/rtc.
-#include <gtest/gtest.h>
 
-#include <unistd.h>
-#include <atomic>
 #include <filesystem>
 #include <tuple>
-#include <vector>
 
 #include "frame/internal.hpp"
 #include "test_support.hpp"

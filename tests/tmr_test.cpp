@@ -1,18 +1,13 @@
 // The timer engine's start-up, the timer slot and the sleeping wait.
-#include <gtest/gtest.h>
 
 #include <linux/capability.h>
-#include <sched.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 #include <chrono>
 #include <cmath>
 #include <map>
 
 #include "frame/internal.hpp"
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 #include "timer/tmr.hpp"
 

@@ -1,15 +1,8 @@
 // `kavro top` against live, killed, corrupted and silent publishers, each in a private /dev/shm.
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "frame/publish.hpp"
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 
 namespace {

@@ -1,7 +1,4 @@
 // Version text from identity strings: forms, release kinds, refusals.
-#include <gtest/gtest.h>
-
-#include <cstring>
 
 #include "kavro_rt/version.h"
 #include "test_support.hpp"

@@ -1,13 +1,28 @@
 // Shared helpers of the library's tests: child processes, private mounts, capability checks.
 #pragma once
 
+// What nearly every test program uses, included once here.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sched.h>
 #include <semaphore.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
+#include <vector>
+
+#include "kavro_rt/kavro_rt.h"
 
 namespace kavro::test {
 
