@@ -1,4 +1,4 @@
-// Named-pipe channels: the key table against a first-match scan, the write path against readers.
+// Named-pipe channels: the key table, the write path against readers.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -91,47 +91,34 @@ TEST(FifoFamily, CountedTablesAndRootChecks) {
     testing::internal::CaptureStderr();
     setenv("TRVXROOT", ("/tmp/" + fits).c_str(), 1);
     EXPECT_TRUE(IPC_FIFO_Write(0, 5, 0, "x", &n, 1, 1) == KAVRO_E_FAIL && logged("IPC_FIFO_Write: TRVXROOT too long"));
+    IPC_FIFO_Exit();
 }
 
-// The index against a first-match scan: few keys, then many (long probe runs, a full table).
-TEST_F(Fifo, TableLookupMatchesAFirstMatchScan) {
+// A full table (long probe runs in the index): every key found until removed, freed entries reused.
+TEST_F(Fifo, TableFindsEveryKeyUntilRemovedAndReusesTheSpace) {
     std::mt19937 rng(12345);
     int32_t r0, r1, r2;
     int8_t rank;
-    const FifoKeyEntry *t = fifo_table(1);
-    for (uint32_t pool : {40u, 3000u}) {
-        std::vector<uint32_t> keys(pool);
-        for (auto &k : keys) k = rng() | 1;
-        for (int op = 0; op < 20000; ++op) {
-            const uint32_t k = keys[rng() % pool];
-            int first = -1, free_at = -1;
-            for (int i = kFifoTableSize - 1; i >= 0; --i) {
-                if (t[i].key == k) first = i;
-                if (t[i].writefifo == 0) free_at = i;
-            }
-            if (rng() % 3 != 0) {
-                const int32_t fd = 100000 + op;  // never a real descriptor
-                ASSERT_EQ(add_key(k, 0, 1, fd, fd, fd, fd, &rank), free_at < 0 ? 0u : k);
-                ASSERT_TRUE(free_at < 0 || t[free_at].writefifo == fd);
-            } else if (rng() % 2 == 0) {
-                remove_key(k, 1);
-                for (int i = 0; i < kFifoTableSize; ++i) ASSERT_NE(t[i].key, k);
-            } else {
-                ASSERT_EQ(search_key(k, 0, 1, &r0, &r1, &r2, &rank), first < 0 ? 0 : t[first].writefifo);
-            }
-        }
-        for (uint32_t k : keys) remove_key(k, 1);
-    }
+    auto found = [&](uint32_t k, int8_t streams) { return search_key(k, 0, streams, &r0, &r1, &r2, &rank); };
+    std::vector<uint32_t> keys(kFifoTableSize + 1);
+    for (auto &k : keys) k = rng() | 1;
+    auto add = [&](int i, int32_t fd) { return add_key(keys[i], 0, 1, fd + i, fd + i, fd + i, fd + i, &rank); };
+    for (int i = 0; i <= kFifoTableSize; ++i)  // never real descriptors; the last finds the table full
+        ASSERT_EQ(add(i, 100000), i < kFifoTableSize ? keys[i] : 0u);
+    for (int i = 0; i < kFifoTableSize; i += 2) remove_key(keys[i], 1);
+    for (int i = 0; i < kFifoTableSize; ++i) ASSERT_EQ(found(keys[i], 1), i % 2 ? 100000 + i : 0);
+    for (int i = 0; i < kFifoTableSize; i += 2) ASSERT_EQ(add(i, 200000), keys[i]);
+    for (int i = 0; i < kFifoTableSize; ++i) ASSERT_EQ(found(keys[i], 1), (i % 2 ? 100000 : 200000) + i);
     // Key 0 and descriptor 0 (a free entry) are never entered; a removed entry is
     // still found; RemoveKeys stops at the count and at a zero key.
-    EXPECT_EQ(add_key(0, 0, 0, 100001, 1, 1, 1, &rank) | add_key(9, 0, 0, 0, 1, 1, 1, &rank), 0u);
-    ASSERT_EQ(add_key(9, 0, 0, 100001, 1, 1, 1, &rank) + add_key(7, 0, 0, 100005, 1, 1, 1, &rank), 16u);
+    auto add0 = [&](uint32_t k, int32_t fd) { return add_key(k, 0, 0, fd, fd + 1, fd + 2, fd + 3, &rank); };
+    EXPECT_EQ(add0(0, 100001) | add_key(9, 0, 0, 0, 100001, 100001, 100001, &rank), 0u);
+    ASSERT_EQ(add0(9, 100001) + add0(7, 100005), 16u);
     mark_key_removed(9, 0);
-    auto found = [&](uint32_t k) { return search_key(k, 0, 0, &r0, &r1, &r2, &rank); };
     FifoKeyStatus list[] = {{9, 0, 0}, {0, 0, 0}, {7, 0, 0}};
-    EXPECT_TRUE(found(9) == 100001 && IPC_FIFO_RemoveKeys(list, 0, 0) == KAVRO_OK && found(9) == 100001);
+    EXPECT_TRUE(found(9, 0) == 100001 && IPC_FIFO_RemoveKeys(list, 0, 0) == KAVRO_OK && found(9, 0) == 100001);
     EXPECT_EQ(IPC_FIFO_RemoveKeys(list, 5, 0), KAVRO_OK);
-    EXPECT_EQ(found(9) + found(7), 100005);
+    EXPECT_EQ(found(9, 0) + found(7, 0), 100005);
 }
 
 // Index bytes 2, 0, 1, 2, 0; descriptor 0, free at the check and the first write, must serve as neither.
