@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <optional>
 #include <random>
 
 #include "ipc/fifo.hpp"
@@ -94,7 +95,7 @@ TEST(FifoFamily, CountedTablesAndRootChecks) {
     IPC_FIFO_Exit();
 }
 
-// A full table (long probe runs in the index): every key found until removed, freed entries reused.
+// A full table (long probe runs in the index): every key found until removed, freed entries reused; writes refused.
 TEST_F(Fifo, TableFindsEveryKeyUntilRemovedAndReusesTheSpace) {
     std::mt19937 rng(12345);
     int32_t r0, r1, r2;
@@ -109,6 +110,10 @@ TEST_F(Fifo, TableFindsEveryKeyUntilRemovedAndReusesTheSpace) {
     for (int i = 0; i < kFifoTableSize; ++i) ASSERT_EQ(found(keys[i], 1), i % 2 ? 100000 + i : 0);
     for (int i = 0; i < kFifoTableSize; i += 2) ASSERT_EQ(add(i, 200000), keys[i]);
     for (int i = 0; i < kFifoTableSize; ++i) ASSERT_EQ(found(keys[i], 1), (i % 2 ? 100000 : 200000) + i);
+    Reader reader(names_of(root_, 17, true));  // full: the channel is opened, refused and closed again
+    const int before = open_fds();
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(put(17, "m", true) == KAVRO_E_OUTOFMEMORY && logged("table full") && open_fds() == before);
     // Key 0 and descriptor 0 (a free entry) are never entered; a removed entry is
     // still found; RemoveKeys stops at the count and at a zero key.
     auto add0 = [&](uint32_t k, int32_t fd) { return add_key(k, 0, 0, fd, fd + 1, fd + 2, fd + 3, &rank); };
@@ -127,21 +132,19 @@ TEST_F(Fifo, WritesReachTheNamedPipesRoundRobinUntilTheReaderGoes) {
     const int saved_stdin = dup(0);
     for (bool streams : {false, true}) {
         for (uint32_t key : {17u, 0x80000000u}) {
-            {
-                Reader reader(names_of(root_, key, streams));
-                close(0);
-                EXPECT_EQ(IPC_FIFO_CheckKey_2(key, streams) | IPC_FIFO_CheckKey(key), KAVRO_OK);
-                const Strings m{"first", "second!", "3rd", "fourth message", "5"};
-                for (int i = 0; i < 5; ++i)
-                    ASSERT_TRUE(put(key, m[i], streams, i * 3 - 4) == KAVRO_OK && written_ == int32_t(m[i].size()));
-                dup2(saved_stdin, 0);
-                EXPECT_EQ(reader.collect(), (Strings{std::string("\2\0\1\2\0", 5), m[1] + m[4], m[2], m[0] + m[3]}));
-                EXPECT_EQ(key_status(streams), 0);
-            }
+            std::optional<Reader> reader(std::in_place, names_of(root_, key, streams));
+            close(0);
+            EXPECT_EQ(IPC_FIFO_CheckKey_2(key, streams) | IPC_FIFO_CheckKey(key), KAVRO_OK);
+            const Strings m{"first", "second!", "3rd", "fourth message", "5"};
+            for (int i = 0; i < 5; ++i)
+                ASSERT_TRUE(put(key, m[i], streams, i * 3 - 4) == KAVRO_OK && written_ == int32_t(m[i].size()));
+            dup2(saved_stdin, 0);
+            EXPECT_EQ(reader->collect(), (Strings{std::string("\2\0\1\2\0", 5), m[1] + m[4], m[2], m[0] + m[3]}));
+            reader.reset();
             ASSERT_EQ(key_status(streams), 1);
             EXPECT_TRUE(ks_[0].key == key && ks_[0].minTag == -4 && ks_[0].maxTag == 8 && ks_[1].key == 0u);
-            for (int i = 0; i < 2; ++i)
-                EXPECT_TRUE(put(key, "again", streams, 100) == KAVRO_E_BROKENPIPE && written_ == -1);
+            EXPECT_TRUE(put(key, "again", streams, 100) == KAVRO_E_BROKENPIPE && written_ == -1 &&
+                        put(key, "again", streams, 100) == KAVRO_E_BROKENPIPE);
             EXPECT_TRUE(key_status(streams) == 1 && ks_[0].maxTag == 100);
             IPC_FIFO_RemoveKeys(ks_, 1, streams);
         }
@@ -149,7 +152,7 @@ TEST_F(Fifo, WritesReachTheNamedPipesRoundRobinUntilTheReaderGoes) {
     close(saved_stdin);
 }
 
-// No FIFOs, no reader, a reader short of one FIFO, a full table: refused, nothing left open or entered.
+// No FIFOs, no reader, a reader short of one FIFO: refused, nothing left open or entered.
 TEST_F(Fifo, RefusedWritesLeaveNothingOpenOrEntered) {
     const int fds = open_fds();
     const auto names = names_of(root_, 17);
@@ -160,13 +163,6 @@ TEST_F(Fifo, RefusedWritesLeaveNothingOpenOrEntered) {
     EXPECT_TRUE(put(17, "m") == KAVRO_E_NOREADER && put(17, "m") == KAVRO_E_NOREADER);  // every time
     EXPECT_EQ((Reader(names, 3), put(17, "m")), KAVRO_E_NOREADER);
     EXPECT_TRUE(logged("KAVRO:IPC_FIFO_Write: ***named pipe open error") && key_status() == 0 && open_fds() == fds);
-    Reader reader(names);
-    int8_t rank;
-    for (uint32_t k = 1000; k < 1000 + kFifoTableSize; ++k)
-        ASSERT_EQ(add_key(k, 0, 0, 200000, 200000, 200000, 200000, &rank), k);
-    const int before = open_fds();
-    testing::internal::CaptureStderr();
-    EXPECT_TRUE(put(17, "m") == KAVRO_E_OUTOFMEMORY && logged("table full") && open_fds() == before);
 }
 
 }  // namespace
