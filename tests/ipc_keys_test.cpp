@@ -19,22 +19,18 @@ TEST(IpcGetKey, SameNameGivesTheSameKeyInEveryProcess) {
     kavro::test::ScratchDir dir;
     const std::string prefix = dir.path() + "/pre_";  // used literally
     ASSERT_EQ(IPC_Init(prefix.c_str()), KAVRO_OK);
-    uint32_t key = 0xDEAD;
-    ASSERT_EQ(IPC_GetKey("seg", 3, &key), KAVRO_OK);
+    uint32_t key = 0xDEAD, other = 0;
     struct stat st {};
-    EXPECT_TRUE(stat((prefix + "seg").c_str(), &st) == 0 && (st.st_mode & 0777) == 0777u);
+    ASSERT_TRUE(IPC_GetKey("seg", 3, &key) == KAVRO_OK && stat((prefix + "seg").c_str(), &st) == 0);
     const uint32_t low = low_byte(prefix + "seg");
-    EXPECT_EQ(key, low != 0 ? low : low_byte(prefix + "abseg"));
-    EXPECT_EQ(kavro::test::run_in_child([&] {
-                  uint32_t k = 0;
-                  return IPC_Init(prefix.c_str()) == KAVRO_OK && IPC_GetKey("seg", 3, &k) == KAVRO_OK && k == key ? 0
-                                                                                                                  : 1;
-              }),
+    EXPECT_TRUE(key == (low != 0 ? low : low_byte(prefix + "abseg")) && (st.st_mode & 0777) == 0777u);
+    EXPECT_EQ(kavro::test::run_in_child(
+                  [&] { return IPC_Init(prefix.c_str()) || IPC_GetKey("seg", 3, &other) || other != key; }),
               0);
     IPC_Init((dir.path() + "/missing/").c_str());
     testing::internal::CaptureStderr();
-    EXPECT_TRUE(IPC_GetKey("k", 9, &key) == KAVRO_E_FAIL && key == 0xFFFFFFFFu);
-    EXPECT_EQ(testing::internal::GetCapturedStderr().rfind("KAVRO:IPC_GetKey: ", 0), 0u);
+    EXPECT_TRUE(IPC_GetKey("k", 9, &key) == KAVRO_E_FAIL && key == 0xFFFFFFFFu &&
+                testing::internal::GetCapturedStderr().rfind("KAVRO:IPC_GetKey: ", 0) == 0);
 }
 
 // Keys 1..4999, searched upward from the last one handed out, wrapping.

@@ -31,14 +31,11 @@ struct Seen {  // what a thread saw of itself
 void context_fn(void *ctx) {
     auto *s = static_cast<Seen *>(ctx);
     sched_param sp{};
-    sched_getparam(0, &sp);
-    s->sched = {sched_getscheduler(0), sp.sched_priority};
+    s->sched = {sched_getscheduler(0), sched_getparam(0, &sp) == 0 ? sp.sched_priority : -1};
     pthread_attr_t a;
     if (pthread_getattr_np(pthread_self(), &a) == 0)
         pthread_attr_getdetachstate(&a, &s->detach), pthread_attr_getstacksize(&a, &s->stack), pthread_attr_destroy(&a);
-    THREAD_Self(&s->self);
-    THREAD_GetPriority(s->self, &s->priority);  // the record is freed once the thread ends
-    s->done.post();
+    THREAD_Self(&s->self), THREAD_GetPriority(s->self, &s->priority), s->done.post();  // before the record goes
 }
 
 // Runs fn(ctx) on a thread made with attr (null: defaults) to its end.
@@ -51,7 +48,7 @@ bool run(ThreadAttr *attr, Seen *seen) { return run(attr, seen, context_fn, seen
 Seen *g_seen = nullptr;
 void words8(uint32_t a, uint32_t b, uint32_t c, uint32_t d, uint32_t e, uint32_t f, uint32_t g, uint32_t h) {
     const uint32_t w[8] = {a, b, c, d, e, f, g, h};
-    std::copy(w, w + 8, g_seen->words), g_seen->nwords = 8, g_seen->done.post();
+    std::copy(w, w + 8, g_seen->words), g_seen->done.post();
 }
 
 class Threads : public testing::Test {
@@ -131,8 +128,7 @@ TEST_F(Threads, RecordReleasedAtTheEndJoinNeverWaitsNameField) {
     const std::string name(300, 'n');
     ThreadAttr attr = {24, 0, 0, 0, -1, name.c_str()};
     ThreadObj *h = nullptr;
-    ASSERT_EQ(THREAD_Create(&h, ends_itself, &seen, &attr), KAVRO_OK);
-    ASSERT_TRUE(seen.done.wait());
+    ASSERT_TRUE(THREAD_Create(&h, ends_itself, &seen, &attr) == KAVRO_OK && seen.done.wait());
     EXPECT_TRUE(seen.self == h && seen.nwords == 0 && thread_live_count() == live + 1 && strlen(h->name) == 255);
     std::string field(THREAD_GETNAME_SIZE + 4, '#');
     EXPECT_TRUE(THREAD_GetName(h, field.data()) == KAVRO_OK && field.substr(0, 81) == name.substr(0, 80) + "#");

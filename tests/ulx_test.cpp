@@ -19,14 +19,13 @@ TEST(Deadline, ArithmeticCarriesAndNormalises) {
         {abs_at(10, 998999, 1), {10, 999999000}},
         {abs_at(0, 999999, 0xFFFFFFFEu), {4294967 + 1, 293999000}},
         {add_ms({5, 900000000}, 250), {6, 150000000}},
-        {add_ns({5, 900000000}, -1000000000LL), {4, 900000000}},
         {add_ns({0, 100}, -200), {-1, 999999900}},
     };
     for (const auto &[got, want] : cases)
         EXPECT_TRUE(got.tv_sec == want.tv_sec && got.tv_nsec == want.tv_nsec) << want.tv_sec << "." << want.tv_nsec;
     int32_t conf = -1, onln = -1;
-    ASSERT_EQ(SMP_GetNumProcessors(&conf, &onln), KAVRO_OK);
-    EXPECT_TRUE(onln == int32_t(sysconf(_SC_NPROCESSORS_ONLN)) && conf >= onln);
+    EXPECT_TRUE(SMP_GetNumProcessors(&conf, &onln) == KAVRO_OK && onln == int32_t(sysconf(_SC_NPROCESSORS_ONLN)) &&
+                conf >= onln);
 }
 
 // The daemon: /dev/null on 0-2 (a file before), nothing else open, umask 0, own session, default signals, FIFO 99.
