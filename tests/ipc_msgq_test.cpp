@@ -1,11 +1,12 @@
-// System V message queues through IPC_MSGQ_ handles, between processes in a private IPC namespace.
+// System V queues and semaphore sets between processes in a private IPC namespace.
 #include <gtest/gtest.h>
 
 #include <signal.h>
 #include <sys/msg.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <chrono>
 #include <vector>
 
 #include "ipc/ipc.hpp"
@@ -92,6 +93,27 @@ TEST(MsgQueue, FullQueueWaitsForAReaderThroughSignals) {
         EXPECT_TRUE(IPC_MSGQ_Rcv(h, data, sizeof data, &len, 1, 0) == KAVRO_OK && sender.exit_code() == 0);
         ASSERT_EQ(msgctl(qid(h), IPC_RMID, nullptr), 0);
         EXPECT_EQ(IPC_MSGQ_Send(h, data, 1, 1, 0), KAVRO_E_FAIL);
+    });
+}
+
+// A keyed semaphore set: an opener waits until the creator used it, keeps its value, pends through signals until removal.
+TEST(SemSysV, KeyedSetIsSharedBetweenProcesses) {
+    in_private_ipc([](void *) {
+        SEM_HANDLE h = nullptr;
+        ASSERT_EQ(SEM_Create(&h, 1, 0x5E3A0001u, 0), KAVRO_OK);
+        Child opener([&](int fd) {
+            const auto t0 = std::chrono::steady_clock::now();
+            SEM_HANDLE mine = nullptr;
+            int32_t c = -1;
+            if (SEM_Create(&mine, 7, 0x5E3A0001u, 0) != 0 || SEM_GetCount(mine, &c) != 0 || c != 0 ||
+                std::chrono::steady_clock::now() - t0 < std::chrono::milliseconds(250))
+                return 1;
+            return Child::say(fd), SEM_Pend(mine, KAVRO_WAIT_FOREVER) == KAVRO_E_FAIL ? 0 : 3;
+        });
+        usleep(400000);
+        ASSERT_TRUE(SEM_Pend(h, KAVRO_WAIT_FOREVER) == KAVRO_OK && opener.said(15000));
+        for (int i = 0; i < 5; ++i, usleep(40000)) kill(opener.pid, SIGUSR1);
+        EXPECT_TRUE(waitpid(opener.pid, nullptr, WNOHANG) == 0 && SEM_Delete(h) == KAVRO_OK && opener.exit_code() == 0);
     });
 }
 

@@ -1,10 +1,7 @@
-// Semaphores: each kind's counting, the local kinds under threads, System V sets between processes.
+// Semaphores: each kind's counting, the local kinds under threads (System V sets between processes: ipc_msgq_test).
 #include <gtest/gtest.h>
 
-#include <signal.h>
 #include <sys/sem.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -20,7 +17,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
-using Child = kavro::test::ForkedChild;
 
 int32_t count_of(SEM_HANDLE h) {  // waiters show as a negative count
     int32_t c = 12345;
@@ -88,33 +84,6 @@ TEST(SemCounter, PostWakesOneResetAllNoUnitLostUnderTimeouts) {
         });
     for (auto &t : threads) t.join();
     EXPECT_TRUE(taken == kPosts && count_of(h) == 0 && SEM_Delete(h) == KAVRO_OK) << taken;
-}
-
-// An opener waits until the creator used the set, keeps its value, and pends through signals until removal.
-TEST(SemSysV, KeyedSetIsSharedBetweenProcesses) {
-    EXPECT_EQ(kavro::test::run_in_child([] {
-                  CHILD_CHECK(unshare(CLONE_NEWIPC) == 0);
-                  const uint32_t key = 0x5E3A0001u;
-                  SEM_HANDLE h = nullptr;
-                  CHILD_CHECK(SEM_Create(&h, 1, key, 0) == KAVRO_OK);
-                  Child opener([&](int fd) {
-                      signal(SIGUSR1, [](int) {});  // semop is never restarted
-                      const auto t0 = Clock::now();
-                      SEM_HANDLE mine = nullptr;
-                      int32_t c = -1;
-                      if (SEM_Create(&mine, 7, key, 0) != 0 || Clock::now() - t0 < milliseconds(250) ||
-                          SEM_GetCount(mine, &c) != 0 || c != 0)
-                          return 1;
-                      Child::say(fd);
-                      return SEM_Pend(mine, KAVRO_WAIT_FOREVER) == KAVRO_E_FAIL ? 0 : 3;
-                  });
-                  std::this_thread::sleep_for(milliseconds(400));
-                  CHILD_CHECK(SEM_Pend(h, KAVRO_WAIT_FOREVER) == KAVRO_OK && opener.said(15000));
-                  for (int i = 0; i < 5; ++i, std::this_thread::sleep_for(milliseconds(40))) kill(opener.pid, SIGUSR1);
-                  CHILD_CHECK(waitpid(opener.pid, nullptr, WNOHANG) == 0);  // still pending
-                  return SEM_Delete(h) == KAVRO_OK && opener.exit_code() == 0 ? 0 : 4;
-              }),
-              0);
 }
 
 }  // namespace
