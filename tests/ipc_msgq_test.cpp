@@ -39,9 +39,9 @@ void in_private_ipc(const std::function<void(void *)> &body) {
     EXPECT_EQ(rc, 0);
 }
 
-// Opened by key; type 0 and flags 0 mean type 1 without blocking; whole messages by type, sizes bounded.
-// Semaphores and queues share one tag: each family refuses the other's handles.
-TEST(MsgQueue, MessagesArriveWholeByTypeWithinTheirSizes) {
+// Opened by key; type 0 and flags 0 mean type 1 without blocking; whole messages by type, sizes bounded; a full
+// queue holds the sender. Semaphores and queues share one tag: each family refuses the other's handles.
+TEST(MsgQueue, MessagesArriveWholeByTypeWithinTheirSizesAndWaitForRoom) {
     in_private_ipc([](void *other) {
         SEM_HANDLE local = nullptr, sysv = nullptr;
         ASSERT_TRUE(SEM_Create(&local, 0, 0, 0) == 0 && SEM_Create(&sysv, 0, 0, 1) == 0);
@@ -69,30 +69,20 @@ TEST(MsgQueue, MessagesArriveWholeByTypeWithinTheirSizes) {
         EXPECT_EQ(IPC_MSGQ_Rcv(h, buf.data(), 8, &len, 1, 0), KAVRO_E_AGAIN);
         EXPECT_TRUE(IPC_MSGQ_Rcv(h, buf.data(), 8, &len, 2, 0) == KAVRO_OK && std::string(buf.data(), len) == "two");
         EXPECT_EQ(IPC_MSGQ_Send(h, msg.data(), KAVRO_MSGQ_MAX_DATA + 1, 1, 0), KAVRO_E_INVALIDARG);
-        struct {
-            long type;
-            char text[3000];
-        } raw{1, {}};  // put there by another program: never overflows
-        ASSERT_EQ(msgsnd(qid(h), &raw, sizeof raw.text, IPC_NOWAIT), 0);
+        std::vector<long> raw(1 + 3000 / sizeof(long), 1);  // type 1, put there by another program: never overflows
+        ASSERT_EQ(msgsnd(qid(h), raw.data(), 3000, IPC_NOWAIT), 0);
         EXPECT_TRUE(IPC_MSGQ_Rcv(h, buf.data(), int32_t(buf.size()), &len, 1, 0) == KAVRO_E_FAIL && queued(h) == 1u);
         const int32_t id = qid(h);
         EXPECT_TRUE(IPC_MSGQ_Delete(h) == KAVRO_OK && msgctl(id, IPC_STAT, nullptr) == -1);
-        EXPECT_TRUE(IPC_MSGQ_Send(other, "x", 1, 1, 0) == 0 && IPC_MSGQ_Rcv(other, buf.data(), 1, &len, 1, 0) == 0);
-    });
-}
-
-// Flags 0 on a full queue: the sender polls, through signals, until a reader makes room; gone: fails at once.
-TEST(MsgQueue, FullQueueWaitsForAReaderThroughSignals) {
-    in_private_ipc([](void *h) {
+        // Flags 0 on a full queue: the sender polls, through signals, until a reader makes room; gone: fails at once.
         char data[100] = {};
-        ASSERT_EQ(IPC_MSGQ_Send(h, data, 100, 1, 0) | IPC_MSGQ_Send(h, data, 100, 1, 0), KAVRO_OK);
-        Child sender([&](int fd) { return Child::say(fd), IPC_MSGQ_Send(h, data, 100, 1, 0) == KAVRO_OK ? 0 : 1; });
+        ASSERT_EQ(IPC_MSGQ_Send(other, data, 100, 1, 0) | IPC_MSGQ_Send(other, data, 100, 1, 0), KAVRO_OK);
+        Child sender([&](int fd) { return Child::say(fd), IPC_MSGQ_Send(other, data, 100, 1, 0) == KAVRO_OK ? 0 : 1; });
         ASSERT_TRUE(sender.said());
         for (int i = 0; i < 5; ++i, usleep(30000)) kill(sender.pid, SIGUSR1);
-        uint32_t len = 0;
-        EXPECT_TRUE(IPC_MSGQ_Rcv(h, data, sizeof data, &len, 1, 0) == KAVRO_OK && sender.exit_code() == 0);
-        ASSERT_EQ(msgctl(qid(h), IPC_RMID, nullptr), 0);
-        EXPECT_EQ(IPC_MSGQ_Send(h, data, 1, 1, 0), KAVRO_E_FAIL);
+        EXPECT_TRUE(IPC_MSGQ_Rcv(other, data, sizeof data, &len, 1, 0) == KAVRO_OK && sender.exit_code() == 0);
+        ASSERT_EQ(msgctl(qid(other), IPC_RMID, nullptr), 0);
+        EXPECT_EQ(IPC_MSGQ_Send(other, data, 1, 1, 0), KAVRO_E_FAIL);
     });
 }
 
