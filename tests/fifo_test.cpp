@@ -30,8 +30,10 @@ Strings names_of(const std::string &root, uint32_t key, bool streams = false) {
 // A channel's reader side, in this process, with its first `opened` FIFOs open.
 struct Reader {
     explicit Reader(const Strings &names, int opened = 4) {
-        for (int i = 0; i < 4; ++i)
-            if (IPC_FIFO_Create(0, &fds[i], 0, names[i].c_str()), i >= opened) close(fds[i]), fds[i] = -1;
+        for (int i = 0; i < 4; ++i) {
+            EXPECT_EQ(IPC_FIFO_Create(0, &fds[i], 0, names[i].c_str()), KAVRO_OK);
+            if (i >= opened) close(fds[i]), fds[i] = -1;
+        }
     }
     ~Reader() {
         for (int fd : fds) close(fd);
@@ -88,10 +90,7 @@ TEST(FifoFamily, CountedTablesAndRootChecks) {
     testing::internal::CaptureStderr();
     ASSERT_EQ(IPC_FIFO_Init(), KAVRO_OK);
     EXPECT_TRUE(IPC_FIFO_Write(0, 5, 0, "x", &n, 1, 0) == KAVRO_E_FAIL && IPC_FIFO_CheckKey(5) == KAVRO_E_FAIL);
-    EXPECT_TRUE(logged("KAVRO:IPC_FIFO_Write: TRVXROOT is not set"));  // operators look for these two lines
-    testing::internal::CaptureStderr();
-    setenv("TRVXROOT", ("/tmp/" + fits).c_str(), 1);
-    EXPECT_TRUE(IPC_FIFO_Write(0, 5, 0, "x", &n, 1, 1) == KAVRO_E_FAIL && logged("IPC_FIFO_Write: TRVXROOT too long"));
+    EXPECT_TRUE(logged("KAVRO:IPC_FIFO_Write: TRVXROOT is not set"));  // operators look for this line
     IPC_FIFO_Exit();
 }
 
@@ -140,6 +139,7 @@ TEST_F(Fifo, WritesReachTheNamedPipesRoundRobinUntilTheReaderGoes) {
                 ASSERT_TRUE(put(key, m[i], streams, i * 3 - 4) == KAVRO_OK && written_ == int32_t(m[i].size()));
             dup2(saved_stdin, 0);
             EXPECT_EQ(reader->collect(), (Strings{std::string("\2\0\1\2\0", 5), m[1] + m[4], m[2], m[0] + m[3]}));
+            EXPECT_EQ(key_status(streams), 0);  // a live reader is not reported
             reader.reset();
             ASSERT_EQ(key_status(streams), 1);
             EXPECT_TRUE(ks_[0].key == key && ks_[0].minTag == -4 && ks_[0].maxTag == 8 && ks_[1].key == 0u);

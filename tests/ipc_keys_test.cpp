@@ -28,9 +28,7 @@ TEST(IpcGetKey, SameNameGivesTheSameKeyInEveryProcess) {
                   [&] { return IPC_Init(prefix.c_str()) || IPC_GetKey("seg", 3, &other) || other != key; }),
               0);
     IPC_Init((dir.path() + "/missing/").c_str());
-    testing::internal::CaptureStderr();
-    EXPECT_TRUE(IPC_GetKey("k", 9, &key) == KAVRO_E_FAIL && key == 0xFFFFFFFFu &&
-                testing::internal::GetCapturedStderr().rfind("KAVRO:IPC_GetKey: ", 0) == 0);
+    EXPECT_TRUE(IPC_GetKey("k", 9, &key) == KAVRO_E_FAIL && key == 0xFFFFFFFFu);
 }
 
 // Keys 1..4999, searched upward from the last one handed out, wrapping.

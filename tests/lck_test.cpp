@@ -30,23 +30,29 @@ int value_of(LckObj *lock) {
     return v;
 }
 
+// Counted; the last exit takes the thread family down too; a new start makes new locks.
 TEST(TaskLockFamily, LifeCycleCoupledWithThreads) {
     EXPECT_EQ(kavro::test::run_in_child([] {
-                  CHILD_CHECK(LCK_Init() == 0 && LCK_Init() == 0 && value_of(lck_lock2()) == 1);
-                  LckObj *first = lck_first_lock();
-                  LCK_Exit();  // still up, and the thread family with it
-                  CHILD_CHECK(LCK_Lock(nullptr) == KAVRO_OK && LCK_Unlock(nullptr) == KAVRO_OK && THREAD_Init() == 1);
+                  LckObj *first = (LCK_Init(), LCK_Init(), LCK_Exit(), lck_first_lock());
+                  CHILD_CHECK(first && LCK_Lock(nullptr) == 0 && LCK_Unlock(nullptr) == 0 && THREAD_Init() == 1);
                   THREAD_Exit(), LCK_Exit();
-                  CHILD_CHECK(LCK_Lock(nullptr) == KAVRO_E_FAIL && THREAD_Init() == 0);  // threads went down too
-                  THREAD_Exit();
-                  return LCK_Init() == 0 && first && lck_first_lock() != first && lck_first_lock() ? 0
-                                                                                                   : 2;  // new locks
+                  CHILD_CHECK(LCK_Lock(nullptr) == KAVRO_E_FAIL && THREAD_Init() == 0);
+                  return THREAD_Exit(), LCK_Init() == 0 && lck_first_lock() != first && lck_first_lock() ? 0 : 2;
               }),
               0);
 }
 
-// Threads without a record: excluded through signals; stray unlocks free nothing twice.
-TEST(TaskLock, ForeignThreadsAreExcludedThroughSignals) {
+void call(void *fn) { (*static_cast<std::function<void()> *>(fn))(); }
+// Runs fn to its end on a thread made by THREAD_Create at the given priority.
+void on_thread(uint32_t priority, std::function<void()> fn) {
+    ThreadAttr attr = {24, priority, 0, 0, -1, "locker"};
+    ThreadObj *h = nullptr;
+    ASSERT_EQ(THREAD_Create(&h, call, &fn, &attr), KAVRO_OK);
+    EXPECT_EQ(THREAD_Join(h), KAVRO_OK);
+}
+
+// Threads without a record: excluded through signals, priority untouched; stray unlocks free nothing twice.
+TEST(TaskLock, ExcludedThroughSignalsRaisedTo98WhileHeldRestoredAtTheOutermostExit) {
     LCK_Init();
     LckObj *first = lck_first_lock();
     const Sched before = sched_of();
@@ -61,26 +67,12 @@ TEST(TaskLock, ForeignThreadsAreExcludedThroughSignals) {
     EXPECT_TRUE(inside && LCK_Unlock(nullptr) == KAVRO_OK && value_of(first) == 1);  // stray: not freed twice
     ASSERT_EQ(value_of(lck_lock2()), 1);  // free: the lock below does not wait
     EXPECT_TRUE(LCK_Unlock_2() == KAVRO_E_FAIL && LCK_Lock_2() == KAVRO_OK && LCK_Unlock_2() == KAVRO_OK);
-}
-
-// Runs fn to its end on a thread made by THREAD_Create at the given priority.
-void on_thread(uint32_t priority, std::function<void()> fn) {
-    ThreadAttr attr = {24, priority, 0, 0, -1, "locker"};
-    ThreadObj *h = nullptr;
-    ASSERT_EQ(THREAD_Create(
-                  &h, [](void *f) { (*static_cast<std::function<void()> *>(f))(); }, &fn, &attr),
-              KAVRO_OK);
-    EXPECT_EQ(THREAD_Join(h), KAVRO_OK);
-}
-
-// 98 while held, across nesting on any lock; at the outermost exit back to the priority it entered with.
-TEST(TaskLock, RaisedTo98WhileHeldAndRestoredAtTheOutermostExit) {
+    // Threads with a record: 98 while held, nested on any lock; the entered priority back at the outermost exit.
     KAVRO_REQUIRE_RT();
-    LCK_Init();
-    const Sched kFifo98{SCHED_FIFO, 98}, mine = sched_of();
+    const Sched kFifo98{SCHED_FIFO, 98};
     on_thread(5, [&] {
         ThreadObj *self = nullptr;
-        LckObj *first = lck_first_lock(), *other = nullptr;
+        LckObj *other = nullptr;
         ASSERT_TRUE(THREAD_Self(&self) == 0 && LCK_Create(&other) == 0 && LCK_Lock(nullptr) == 0);
         EXPECT_TRUE(sched_of() == kFifo98 && first->owner == uintptr_t(self) && first->holdCount == 1);
         // Nested entries, also on another lock, do not take a semaphore.
@@ -97,8 +89,8 @@ TEST(TaskLock, RaisedTo98WhileHeldAndRestoredAtTheOutermostExit) {
         }
     });
     on_thread(0, [&] {
-        EXPECT_TRUE(sched_of() == mine && LCK_Lock(nullptr) == KAVRO_OK && sched_of() == kFifo98);
-        EXPECT_TRUE(LCK_Unlock(nullptr) == KAVRO_OK && sched_of() == mine);
+        EXPECT_TRUE(sched_of() == before && LCK_Lock(nullptr) == KAVRO_OK && sched_of() == kFifo98);
+        EXPECT_TRUE(LCK_Unlock(nullptr) == KAVRO_OK && sched_of() == before);
     });
 }
 
