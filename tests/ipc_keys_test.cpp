@@ -15,7 +15,7 @@ static uint32_t low_byte(const std::string &path) {
 }
 
 // The low byte of the key file's inode ("ab" + name's when 0), the same in every process; the file is open to all.
-TEST(IpcGetKey, SameNameGivesTheSameKeyInEveryProcess) {
+TEST(IpcKeys, SameNameSameKeyInEveryProcessUniqueKeysSearchUpwardAndWrap) {
     kavro::test::ScratchDir dir;
     const std::string prefix = dir.path() + "/pre_";  // used literally
     ASSERT_EQ(IPC_Init(prefix.c_str()), KAVRO_OK);
@@ -29,10 +29,7 @@ TEST(IpcGetKey, SameNameGivesTheSameKeyInEveryProcess) {
               0);
     IPC_Init((dir.path() + "/missing/").c_str());
     EXPECT_TRUE(IPC_GetKey("k", 9, &key) == KAVRO_E_FAIL && key == 0xFFFFFFFFu);
-}
-
-// Keys 1..4999, searched upward from the last one handed out, wrapping.
-TEST(IpcUniqueKey, SearchGoesUpwardWrapsAndFails) {
+    // Unique keys 1..4999, searched upward from the last one handed out, wrapping.
     IPC_Init("");
     uint32_t a = 0, b = 0, c = 0, d = 0, k = 0;
     ASSERT_EQ(IPC_GetUniqueKey(&a) | IPC_GetUniqueKey(&b), KAVRO_OK);
