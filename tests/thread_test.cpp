@@ -57,19 +57,13 @@ protected:
     void TearDown() override { THREAD_Exit(); }
 };
 
-// A refusal logs a line naming the call and clears the handle (its statuses are the robustness sweep's).
-TEST_F(Threads, RefusalLogsAndLeavesNoHandle) {
-    ThreadAttr three_words = {24, 1, 0, 0, 3, nullptr};  // but no argument array
-    ThreadObj *h = reinterpret_cast<ThreadObj *>(&h);
-    testing::internal::CaptureStderr();
-    EXPECT_TRUE(THREAD_Create(&h, context_fn, nullptr, &three_words) != KAVRO_OK && h == nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr().rfind("KAVRO:THREAD_Create: ", 0), 0u);
-}
-
 // Defaults (FIFO 1, a start line, detached); argument words passed exactly; the policy; suspended start.
 TEST_F(Threads, DefaultsStartLineArgumentWordsPolicyAndSuspendedStart) {
     KAVRO_REQUIRE_RT();
-    Seen seen, w8;
+    Seen seen, w8, rr, other, plain, held;
+    ThreadAttr eight = {24, 2, 0, 0, 8, "words"}, three = {24, 3, 0, 0, -1, nullptr},
+               inherit = {24, 0, 0, 0, -1, nullptr};
+    ThreadAttr two = {20, 2, 2, 0, -1, nullptr}, suspended = {20, 2, 3, 0, -1, nullptr};
     std::fflush(stdout);
     testing::internal::CaptureStdout();
     ASSERT_TRUE(run(nullptr, &seen));
@@ -78,18 +72,13 @@ TEST_F(Threads, DefaultsStartLineArgumentWordsPolicyAndSuspendedStart) {
               "KAVRO:helperEntry: started Thread pid=" + std::to_string(getpid()) + " tname= tpriority=1\n");
     EXPECT_TRUE(seen.priority == 1 && seen.detach == PTHREAD_CREATE_DETACHED && seen.sched == Sched(SCHED_FIFO, 1));
     uint32_t values[8] = {7, 8, 9, 10, 0xFFFFFFFFu, 0x80000000u, 13, 14};
-    ThreadAttr eight = {24, 2, 0, 0, 8, "words"};
     const auto fn8 = reinterpret_cast<THREAD_UserFn>(reinterpret_cast<void (*)()>(words8));
     EXPECT_TRUE(run(&eight, g_seen = &w8, fn8, values) && std::equal(values, values + 8, w8.words));
-    Seen rr, other;  // the kernel time slice makes RR threads; priority 0 inherits this thread's policy
-    ThreadAttr three = {24, 3, 0, 0, -1, nullptr}, inherit = {24, 0, 0, 0, -1, nullptr};
-    THREAD_KernelTimeSlice(1);
+    THREAD_KernelTimeSlice(1);  // makes RR threads; priority 0 inherits this thread's policy
     EXPECT_TRUE(run(&three, &rr) && rr.sched == Sched(SCHED_RR, 3));
     THREAD_KernelTimeSlice(0);
     EXPECT_TRUE(run(&inherit, &other) && other.sched == Sched(SCHED_OTHER, 0));
     // A suspended start is held through signals until SetPriority.
-    Seen plain, held;
-    ThreadAttr two = {20, 2, 2, 0, -1, nullptr}, suspended = {20, 2, 3, 0, -1, nullptr};
     EXPECT_TRUE(run(&two, &plain) && plain.sched == Sched(SCHED_FIFO, 2));  // only bit 0 suspends
     ThreadObj *h = nullptr;
     ASSERT_EQ(THREAD_Create(&h, context_fn, &held, &suspended), KAVRO_OK);
@@ -109,7 +98,7 @@ void ends_itself(void *ctx) {
 }
 
 // A join never waits for a gone thread (nor in a forked child); names are cut at 255, read as 80 bytes.
-TEST_F(Threads, RecordReleasedAtTheEndJoinNeverWaitsNameField) {
+TEST_F(Threads, RecordReleasedAtTheEndJoinNeverWaitsNameFieldRefusal) {
     for (int i = 0; i < 1000 && thread_live_count() != 0; ++i) usleep(10000);  // earlier tests' threads
     const uint32_t live = thread_live_count();
     const auto freed = kavro::detail::mem_counters().memgenfreecalls;
@@ -126,6 +115,11 @@ TEST_F(Threads, RecordReleasedAtTheEndJoinNeverWaitsNameField) {
     EXPECT_EQ(THREAD_Join(h), KAVRO_OK);  // waits for the release
     EXPECT_TRUE(thread_live_count() == live && kavro::detail::mem_counters().memgenfreecalls == freed + 1);
     EXPECT_EQ(THREAD_Join(h), KAVRO_OK);  // gone: at once, without reading it
+    // A refusal logs a line naming the call and clears the handle (its statuses are the robustness sweep's).
+    attr.numArgs = 3;  // but no argument array
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(THREAD_Create(&h, context_fn, nullptr, &attr) != KAVRO_OK && h == nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr().rfind("KAVRO:THREAD_Create: ", 0), 0u);
 }
 
 // Counted life cycle; the stack size from the environment is used.
