@@ -129,8 +129,7 @@ TEST_F(Fifo, WritesReachTheNamedPipesRoundRobinUntilTheReaderGoes) {
     close(saved_stdin);
 }
 
-// No FIFOs, no reader, a reader short of one FIFO: refused, nothing left open or entered. No root: refused
-// with a line. The tables are counted.
+// No FIFOs, no reader, a reader short of one FIFO, no root: refused, nothing left open or entered; counted tables.
 TEST_F(Fifo, RefusedWritesLeaveNothingOpenOrEnteredCountedTables) {
     const int fds = open_fds();
     const auto names = names_of(root_, 17);

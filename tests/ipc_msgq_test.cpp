@@ -30,8 +30,7 @@ void in_private_ipc(const std::function<void(void *)> &body) {
         void *h = nullptr;
         msqid_ds ds{};
         CHILD_CHECK(IPC_MSGQ_Create(&h, 0, "test") == KAVRO_OK && msgctl(qid(h), IPC_STAT, &ds) == 0);
-        ds.msg_qbytes = 200;
-        CHILD_CHECK(msgctl(qid(h), IPC_SET, &ds) == 0);
+        CHILD_CHECK((ds.msg_qbytes = 200, msgctl(qid(h), IPC_SET, &ds)) == 0);
         body(h);
         return testing::Test::HasFailure() ? 1 : 0;
     });

@@ -47,8 +47,7 @@ TEST(SharedMem, CreatorStampsOthersSeeTheSegmentMapLater) {
         void *fresh_addr = nullptr, *fresh = create(&fresh_addr);
         CHILD_CHECK(fresh != nullptr && holds(fresh_addr, ""));
         CHILD_CHECK(write(go[1], "g", 1) == 1 && opener.exit_code() == 0 && IPC_SHM_Delete(fresh) == KAVRO_OK);
-        h = create(nullptr);
-        CHILD_CHECK(h != nullptr && address_of(h) == nullptr && IPC_SHM_Map(h, nullptr) == KAVRO_OK);
+        CHILD_CHECK((h = create(nullptr)) && address_of(h) == nullptr && IPC_SHM_Map(h, nullptr) == KAVRO_OK);
         void *at = address_of(h);  // mapped, not stamped; a second Map is refused
         CHILD_CHECK(at && *static_cast<uint32_t *>(at) == 0 && IPC_SHM_Map(h, nullptr) == KAVRO_E_FAIL);
         CHILD_CHECK(address_of(h) == at && IPC_SHM_Delete(h) == KAVRO_OK);

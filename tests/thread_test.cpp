@@ -130,7 +130,7 @@ TEST(ThreadFamily, CountedLifeCycleAndStackSize) {
                   ThreadObj *h = nullptr;
                   Seen seen;
                   CHILD_CHECK(THREAD_Init() == 0 && PelStackSize == 3211264 && THREAD_Init() == 1);
-                  THREAD_Exit();
+                  THREAD_Exit();  // still up
                   CHILD_CHECK(run(&inherit, &seen) && seen.stack >= 3211264 && seen.stack < 3211264 + 512 * 1024);
                   THREAD_Exit();  // down: the key is gone
                   CHILD_CHECK(THREAD_Self(&h) == KAVRO_OK && h == nullptr);
