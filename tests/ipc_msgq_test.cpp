@@ -38,8 +38,7 @@ void in_private_ipc(const std::function<void(void *)> &body) {
     EXPECT_EQ(rc, 0);
 }
 
-// Opened by key; type 0 and flags 0 mean type 1 without blocking; whole messages by type, sizes bounded; a full
-// queue holds the sender. Semaphores and queues share one tag: each family refuses the other's handles.
+// By key, whole by type, sizes bounded, flags 0 no blocking but a full queue holds the sender; tags kept apart.
 TEST(MsgQueue, MessagesArriveWholeByTypeWithinTheirSizesAndWaitForRoom) {
     in_private_ipc([](void *other) {
         SEM_HANDLE local = nullptr, sysv = nullptr;

@@ -25,8 +25,7 @@ void *create(void **address, uint32_t size = kSize) {
     void *h = nullptr;
     return IPC_SHM_Create(&h, kKey, size, address, nullptr) == KAVRO_OK ? h : nullptr;
 }
-// An opener sees the creator's contents and keeps its view after a delete, while a new creation is fresh.
-// Without an address: nothing attached or stamped until Map; a smaller segment refuses a larger request.
+// Openers see the creator's contents, keep their view past a delete; no address: unmapped, unstamped until Map.
 TEST(SharedMem, CreatorStampsOthersSeeTheSegmentMapLater) {
     const int rc = kavro::test::run_in_child([] {
         if (unshare(CLONE_NEWIPC) != 0) return 77;

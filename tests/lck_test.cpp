@@ -16,8 +16,7 @@
 
 namespace {
 
-using kavro::detail::lck_first_lock;
-using kavro::detail::lck_lock2;
+using namespace kavro::detail;
 using Sched = std::pair<int, int>;  // policy, priority
 
 Sched sched_of(pid_t tid = 0) {
@@ -26,8 +25,7 @@ Sched sched_of(pid_t tid = 0) {
 }
 int value_of(LckObj *lock) {
     int v = -1;
-    sem_getvalue(&lock->sem, &v);
-    return v;
+    return sem_getvalue(&lock->sem, &v) == 0 ? v : -1;
 }
 
 // Counted; the last exit takes the thread family down too; a new start makes new locks.
