@@ -84,7 +84,7 @@ TEST(MsgQueue, MessagesArriveWholeByTypeWithinTheirSizesAndWaitForRoom) {
     });
 }
 
-// A keyed semaphore set: an opener waits until the creator used it, keeps its value, pends through signals until removal.
+// A keyed semaphore set: an opener waits for the creator's first use, keeps the value, pends through signals.
 TEST(SemSysV, KeyedSetIsSharedBetweenProcesses) {
     in_private_ipc([](void *) {
         SEM_HANDLE h = nullptr;
