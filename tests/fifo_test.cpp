@@ -1,15 +1,9 @@
 // Named-pipe channels: the key table, the write path against readers.
-#include <gtest/gtest.h>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstring>
 #include <optional>
 #include <random>
 
 #include "ipc/fifo.hpp"
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 
 namespace {

@@ -1,12 +1,7 @@
 // IPC keys: key files in the IPC directory and the per-process unique keys.
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <set>
 
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 
 static uint32_t low_byte(const std::string &path) {

@@ -1,12 +1,7 @@
 // Shared memory: creation, stamping, mapping and removal seen from several processes.
-#include <gtest/gtest.h>
 
 #include <sys/shm.h>
-#include <unistd.h>
 
-#include <cstring>
-
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 
 namespace {

@@ -1,16 +1,10 @@
 // Task locks: coupled life cycle, exclusion through signals, priority raise and restore.
-#include <gtest/gtest.h>
 
 #include <pthread.h>
-#include <sched.h>
-#include <signal.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <functional>
 #include <thread>
 
-#include "kavro_rt/kavro_rt.h"
 #include "sync/lck.hpp"
 #include "test_support.hpp"
 

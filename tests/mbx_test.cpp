@@ -1,13 +1,9 @@
 // Mailboxes: order across wrap-around, bounded waits, many threads.
-#include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <thread>
-#include <vector>
 
 #include "frame/internal.hpp"
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 
 namespace {

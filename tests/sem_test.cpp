@@ -1,15 +1,11 @@
 // Semaphores: each kind's counting, the local kinds under threads (System V sets between processes: ipc_msgq_test).
-#include <gtest/gtest.h>
 
 #include <sys/sem.h>
 
-#include <atomic>
 #include <chrono>
 #include <thread>
 #include <tuple>
-#include <vector>
 
-#include "kavro_rt/kavro_rt.h"
 #include "sync/sem.hpp"
 #include "test_support.hpp"
 

@@ -1,16 +1,8 @@
 // Threads: refusals, what a thread sees of itself, suspended start, release and join.
-#include <gtest/gtest.h>
 
 #include <pthread.h>
-#include <sched.h>
-#include <signal.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
 
 #include "frame/internal.hpp"
-#include "kavro_rt/kavro_rt.h"
 #include "sync/thread.hpp"
 #include "test_support.hpp"
 

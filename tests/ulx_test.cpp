@@ -1,14 +1,6 @@
 // The process layer: deadlines, processor count, daemonising.
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <sched.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "frame/internal.hpp"
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 
 TEST(Deadline, ArithmeticCarriesAndNormalises) {
