@@ -1,12 +1,9 @@
 // Every checked-in corpus file, crash inputs included, replayed through its target in the ordinary builds.
-#include <gtest/gtest.h>
-
 #include <filesystem>
-#include <fstream>
 #include <set>
-#include <vector>
 
 #include "fuzz/fuzz_targets.hpp"
+#include "test_support.hpp"
 
 TEST(FuzzReplay, EveryTargetTakesItsCorpusAndTheEmptyInput) {
     using namespace kavro::fuzz;
@@ -23,8 +20,7 @@ TEST(FuzzReplay, EveryTargetTakesItsCorpusAndTheEmptyInput) {
         EXPECT_GE(files.size(), 5u) << name;
         for (const auto &f : files) {
             std::fprintf(stderr, "replay %s\n", f.c_str());  // named first: a broken invariant ends the process
-            std::ifstream in(f, std::ios::binary);
-            const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+            const std::string bytes = kavro::test::read_file(f);
             const std::vector<uint8_t> data(bytes.begin(), bytes.end());  // exact: a read past it is caught
             EXPECT_EQ(target(data.data(), data.size()), 0) << f;
         }

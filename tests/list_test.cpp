@@ -1,7 +1,5 @@
 // The intrusive list: order, removal anywhere, the closed ring, empty lists.
-#include <gtest/gtest.h>
-
-#include "kavro_rt/kavro_rt.h"
+#include "test_support.hpp"
 
 TEST(List, OrderRemovalAndTheClosedRing) {
     LST_List *list = LST_Create();

@@ -31,7 +31,6 @@ TEST(Version, FormsKindsAndFields) {
     kavro::test::GuardPage guard;  // unterminated up to an unmapped page: read no further than the bound
     ASSERT_TRUE(guard.ok());
     char *s = guard.end() - (KAVRO_VERSION_ID_MAX + 1);
-    std::memset(s, 'z', KAVRO_VERSION_ID_MAX + 1);
-    std::memcpy(s, "TXcid 01001000-", 15);
+    std::memcpy(std::memset(s, 'z', KAVRO_VERSION_ID_MAX + 1), "TXcid 01001000-", 15);
     EXPECT_EQ(text(s, 1), "<refused>");
 }

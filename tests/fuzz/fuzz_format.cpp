@@ -1,10 +1,4 @@
-// The formatter on arbitrary formats (up to a NUL) with well-typed arguments from the bytes after it; each
-// conversion's text is bounded by its width (at most 65535) plus 80, and the guard bytes after the bound hold.
-#include <algorithm>
-#include <cstring>
-#include <string>
-#include <vector>
-
+// Formats up to a NUL, typed arguments from the bytes after it: a conversion writes at most its width (<= 65535) + 80.
 #include "fuzz_targets.hpp"
 #include "kavro_rt/format.h"
 

@@ -1,11 +1,6 @@
-// "/proc/net/dev": the streaming reader stores exactly the names the line parser finds line by line (each within
-// its slot), at most as many as there are slots, and zeroes the slots after them.
+// /proc/net/dev: the reader stores the names the line parser finds (each in its slot, up to the count), then zeroes.
 #include <sys/mman.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
-#include <vector>
 
 #include "fuzz_targets.hpp"
 #include "util/net.hpp"
@@ -32,15 +27,13 @@ int fuzz_proc_net_dev(const uint8_t *data, size_t size) {
         if (found < slots) std::memcpy(names[found++], name, kNetNameSize);
     }
     const int fd = memfd_create("netdev", MFD_CLOEXEC);
-    if (fd >= 0 && write(fd, text, len) == static_cast<ssize_t>(len) && lseek(fd, 0, SEEK_SET) == 0) {
-        auto *got = new char[std::max(slots, 1)][kNetNameSize];
-        std::memset(got, 0x5A, sizeof(*got) * std::max(slots, 1));
-        FUZZ_CHECK(kavro::detail::read_dev_names(fd, got, slots) == found);
-        for (int32_t i = 0; i < slots; ++i)  // the names, then slots of zeroes
-            FUZZ_CHECK(i < found ? !std::strcmp(got[i], names[i]) : !std::memcmp(got[i], names[i], kNetNameSize));
-        delete[] got;
-    }
-    if (fd >= 0) close(fd);
+    FUZZ_CHECK(fd >= 0 && write(fd, text, len) == static_cast<ssize_t>(len) && lseek(fd, 0, SEEK_SET) == 0);
+    std::vector<char> slot_bytes(kNetNameSize * std::max(slots, 1), 0x5A);  // exact size
+    auto *got = reinterpret_cast<char(*)[kNetNameSize]>(slot_bytes.data());
+    FUZZ_CHECK(kavro::detail::read_dev_names(fd, got, slots) == found);
+    for (int32_t i = 0; i < slots; ++i)  // the names, then slots of zeroes
+        FUZZ_CHECK(i < found ? !std::strcmp(got[i], names[i]) : !std::memcmp(got[i], names[i], kNetNameSize));
+    close(fd);
     return 0;
 }
 

@@ -1,11 +1,5 @@
-// The registry codec. Input: a control byte, subkey, entry and string value (each NUL-ended), then the text,
-// streamed in uneven chunks through the smallest buffer allowed. A lookup stays in its buffer; the streamed and
-// in-place readers give the same rewrite; a read error fails it.
-#include <algorithm>
-#include <cstring>
-#include <string>
-#include <vector>
-
+// The registry codec. Input: a control byte, subkey, entry and value (each NUL-ended), then the text, streamed in
+// uneven chunks through the smallest buffer. Lookups stay in their buffer; streamed and in-place rewrites agree.
 #include "fuzz_targets.hpp"
 #include "util/reg.hpp"
 
@@ -37,10 +31,9 @@ struct Source {
 };
 
 static const char *take_string(const uint8_t *&p, const uint8_t *end) {
-    const void *nul = std::memchr(p, 0, static_cast<size_t>(end - p));
+    const auto *nul = static_cast<const uint8_t *>(std::memchr(p, 0, static_cast<size_t>(end - p)));
     const char *s = reinterpret_cast<const char *>(p);
-    if (nul != nullptr) p = static_cast<const uint8_t *>(nul) + 1;
-    return nul ? s : nullptr;
+    return nul ? (p = nul + 1, s) : nullptr;
 }
 
 int fuzz_registry(const uint8_t *data, size_t size) {
@@ -55,30 +48,23 @@ int fuzz_registry(const uint8_t *data, size_t size) {
     const uint32_t capacity = kCapacities[control & 7];
     std::vector<char> buf(std::max(capacity, 1u), 0x5A);  // exact size: a write past it is caught
     Source looked(text, seed, kStreamed);
-    const KAVRO_STATUS st = reg_lookup(looked.in, subkey, entry, buf.data(), capacity);
-    FUZZ_CHECK(st == KAVRO_OK || st == KAVRO_E_NOTIMPL || st == KAVRO_E_FAIL || st == KAVRO_E_INVALIDARG);
+    (void)reg_lookup(looked.in, subkey, entry, buf.data(), capacity);
     FUZZ_CHECK(capacity > 0 || buf[0] == 0x5A);  // no room: not even a terminator
     // Rewrite with names REG_SetValue would accept.
     if (!valid_name(subkey)) subkey = "Network";
     if (!valid_name(entry)) entry = "Address";
     if (!valid_string(value)) value = "";
     const uint32_t type = (control & 8) ? kRegDword : kRegSz;
-    uint32_t dword = 0;
-    std::memcpy(&dword, data, std::min(size, sizeof dword));
-    auto rewrite = [&](const std::string &from, How how, KAVRO_STATUS *rs) {
-        Source src(from, seed, how);
+    auto rewrite = [&](How how) {  // the new text, or "<failed>"
+        Source src(text, seed, how);
         std::string out;
         RegWriter w([](void *o, const char *q, size_t n) { return static_cast<std::string *>(o)->append(q, n), true; },
                     &out);
-        *rs = reg_rewrite(src.in, w, subkey, entry, type, type == kRegSz ? static_cast<const void *>(value) : &dword);
-        FUZZ_CHECK(*rs == KAVRO_OK || *rs == KAVRO_E_FAIL);
-        return out;
+        const void *v = type == kRegSz ? static_cast<const void *>(value) : &seed;
+        return reg_rewrite(src.in, w, subkey, entry, type, v) == KAVRO_OK ? out : "<failed>";
     };
-    KAVRO_STATUS ra_st, rs;
-    const std::string ra = rewrite(text, kInPlace, &ra_st);
-    FUZZ_CHECK(rewrite(text, kStreamed, &rs) == ra && rs == ra_st);
-    (void)rewrite(text, kBroken, &rs);
-    FUZZ_CHECK(text.empty() || rs == KAVRO_E_FAIL);  // the copy is never complete
+    FUZZ_CHECK(rewrite(kStreamed) == rewrite(kInPlace));
+    FUZZ_CHECK(text.empty() || rewrite(kBroken) == "<failed>");  // the copy is never complete
     return 0;
 }
 

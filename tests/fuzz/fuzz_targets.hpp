@@ -1,10 +1,13 @@
-// Fuzz targets: run by libFuzzer (KAVRO_FUZZER builds) and by the replay test over the corpus.
+// Fuzz targets (and the headers they share): run by libFuzzer (KAVRO_FUZZER builds) and by the replay test.
 #pragma once
 
-#include <cstddef>
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
 
 namespace kavro::fuzz {
 int fuzz_registry(const uint8_t *data, size_t size);
