@@ -20,7 +20,6 @@ int fuzz_sysconfig_clock(const uint8_t *data, size_t size) {
     }
     return 0;
 }
-
 }  // namespace kavro::fuzz
 
 KAVRO_FUZZ_ENTRY(kavro::fuzz::fuzz_sysconfig_clock)

@@ -1,6 +1,6 @@
 /* An emulated /dev/rtc, preloaded by the tick and CMOS tests: RTC_IRQP_SET and RTC_PIE_ON start periodic interrupts,
  * a read waits for the next; RTC_SET_TIME / RTC_RD_TIME keep a CMOS clock (UTC) whose first second after a set ends
- * 500 ms later. KAVRO_RTC_STALL: no interrupt ever; KAVRO_RTC_FAIL=open|irqp|pie|read: that call fails with EIO.
+ * 500 ms later. KAVRO_RTC_FAIL=open|irqp|pie|read: that call fails with EIO; KAVRO_RTC_FAIL=stall: no interrupt ever.
  * Logs "IRQP_SET <hz>", "PIE_ON 1" and "SET <epoch>" to standard output, each ending " wall=<s>.<us>". */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -22,34 +22,26 @@ static int (*real_open)(const char *, int, ...);
 static int (*real_ioctl)(int, unsigned long, ...);
 static ssize_t (*real_read)(int, void *, size_t);
 /* The C library's call, found on first use (which may come before the constructor has run). */
-#define REAL(f)                                                                      \
-    ({                                                                               \
-        if (real_##f == NULL) real_##f = (__typeof__(real_##f))dlsym(RTLD_NEXT, #f); \
-        real_##f;                                                                    \
-    })
+static void *next_symbol(void **f, const char *name) { return *f != NULL ? *f : (*f = dlsym(RTLD_NEXT, name)); }
+#define REAL(f) ((__typeof__(real_##f))next_symbol((void **)&real_##f, #f))
 
 static struct {
     pthread_mutex_t lock;
-    int fd, rate, pie, stall;
-    int64_t next;    /* monotonic ns of the next interrupt */
-    int64_t cmos_ns; /* CMOS clock minus the monotonic clock */
+    int fd, rate, pie;
+    int64_t next, cmos_ns; /* monotonic ns of the next interrupt; CMOS clock minus the monotonic clock */
     const char *fail;
 } dev = {.lock = PTHREAD_MUTEX_INITIALIZER, .fd = -1, .rate = 1024, .fail = ""};
 
 static int64_t clock_ns(clockid_t id) {
     struct timespec ts;
-    clock_gettime(id, &ts);
-    return (int64_t)ts.tv_sec * NS + ts.tv_nsec;
+    return clock_gettime(id, &ts), (int64_t)ts.tv_sec * NS + ts.tv_nsec;
 }
 
 __attribute__((constructor)) static void emulator_load(void) {
-    dev.stall = getenv("KAVRO_RTC_STALL") != NULL;
     if (getenv("KAVRO_RTC_FAIL") != NULL) dev.fail = getenv("KAVRO_RTC_FAIL");
     dev.cmos_ns = clock_ns(CLOCK_REALTIME) - clock_ns(CLOCK_MONOTONIC); /* in step with the wall clock */
 }
-
 static int failing(const char *call) { return strcmp(dev.fail, call) == 0 ? (errno = EIO, 1) : 0; }
-
 static void log_event(const char *what, long long value) {
     struct timeval tv;
     gettimeofday(&tv, NULL);
@@ -79,13 +71,12 @@ int ioctl(int fd, unsigned long req, ...) {
     if (!is_rtc_fd(fd)) return REAL(ioctl)(fd, req, arg);
     const int64_t now = clock_ns(CLOCK_MONOTONIC);
     int rc = 0;
+    struct tm b = {0};
     pthread_mutex_lock(&dev.lock);
     if (req == RTC_RD_TIME) {
         const time_t s = (time_t)((now + dev.cmos_ns) / NS);
-        struct tm b;
         memcpy(arg, gmtime_r(&s, &b), sizeof(struct rtc_time));
     } else if (req == RTC_SET_TIME) {
-        struct tm b = {0};
         memcpy(&b, arg, sizeof(struct rtc_time));
         const long long epoch = timegm(&b);
         dev.cmos_ns = epoch * NS + NS / 2 - now; /* its first second ends 500 ms later */
@@ -108,7 +99,7 @@ ssize_t read(int fd, void *buf, size_t n) {
     for (;;) {
         pthread_mutex_lock(&dev.lock);
         const int64_t now = clock_ns(CLOCK_MONOTONIC), period = NS / dev.rate, next = dev.next;
-        const int ticking = dev.pie && !dev.stall, ready = ticking && now >= next;
+        const int ticking = dev.pie && strcmp(dev.fail, "stall") != 0, ready = ticking && now >= next;
         if (ready) dev.next += ((now - next) / period + 1) * period;
         pthread_mutex_unlock(&dev.lock);
         if (ready) return memcpy(buf, &(uint32_t){RTC_PF | RTC_IRQF | 1 << 8}, 4), 4;
