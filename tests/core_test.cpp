@@ -1,8 +1,6 @@
 // The runtime frame: family objects, the counted heap, the log sink, environment numbers.
-#include <gtest/gtest.h>
 
 #include "frame/internal.hpp"
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 
 using kavro::detail::mem_counters;
@@ -33,18 +31,13 @@ TEST(Log, LinesGoToStderrCutAt1023OrToTheSystemLogLiterally) {
     GP_printf("%s", std::string(2000, 'x').c_str());
     GP_printf("KAVRO:%s: rate %s\n", "THREAD_Create", "100%d");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string(1023, 'x') + "KAVRO:THREAD_Create: rate 100%d\n");
-    const int rc = kavro::test::run_in_child([] {
-        std::string why;
-        if (!kavro::test::private_dev(&why)) return 77;
-        kavro::test::LogCatcher log;
-        CHILD_CHECK(log.ok());
-        PEL_daemonized = 1;
+    const int rc = kavro::test::run_daemonized([](auto &next_line) {
         GP_printf("KAVRO:%s: rate %s done\n", "Test", "100%d %s");
-        const std::string got = log.next();  // "<pri>timestamp ...: message"; LOG_USER|LOG_INFO = 14
+        const std::string got = next_line();  // "<pri>timestamp ...: message"; LOG_USER|LOG_INFO = 14
         CHILD_CHECK(got.rfind("<14>", 0) == 0 && got.find("KAVRO:Test: rate 100%d %s done") != std::string::npos);
         return 0;
     });
-    if (rc == 77) GTEST_SKIP() << "private mount namespace not available";
+    KAVRO_SKIP_IF_NO_MOUNTS(rc);
     EXPECT_EQ(rc, 0);
 }
 

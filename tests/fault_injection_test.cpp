@@ -1,21 +1,12 @@
 // A participant is SIGKILLed mid-work; the survivors lose nothing delivered, never hang, and report the failure.
-#include <gtest/gtest.h>
 
-#include <poll.h>
 #include <sys/mman.h>
-#include <sys/msg.h>
 #include <sys/sem.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstring>
 #include <memory>
 #include <thread>
 
-#include "ipc/ipc.hpp"
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 
 namespace {
@@ -43,6 +34,7 @@ struct Tally {
     std::atomic<uint8_t> seen[kWriters][kMaxSeq];
     std::atomic<int32_t> next[kWriters][3];  // lowest sequence still in order, per rank pipe
     std::atomic<int32_t> corrupt, received;  // corrupt: broken or out of its writer's order
+    std::atomic<bool> drain;                 // no more writers: the reader takes what is left and ends
 };
 
 // A message: writer, sequence, length, then a body that depends on all three.
@@ -104,12 +96,10 @@ KAVRO_STATUS write_messages(Tally *t, uint16_t w, int count, uint32_t key, int32
 TEST_F(FifoFault, WriterKilledMidStreamLosesOnlyItsUnfinishedMessage) {
     constexpr uint32_t kKey = 41;
     Shared<Tally> t;
-    int drain[2];
-    ASSERT_EQ(pipe(drain), 0);
     ForkedChild reader([&](int say) {
         CHILD_CHECK(open_channel(kKey));
         ForkedChild::say(say);
-        for (pollfd p{drain[0], POLLIN, 0}; poll(&p, 1, 0) == 0 || take(t.p, -1, 500);)
+        while (!t->drain || take(t.p, -1, 500))
             if (!take(t.p)) usleep(1000);  // no writer has the pipe open: the read does not wait
         for (int r = 0; r < 3; ++r)        // a victim killed before its rank byte leaves one message without it
             while (take(t.p, r)) continue;
@@ -128,9 +118,8 @@ TEST_F(FifoFault, WriterKilledMidStreamLosesOnlyItsUnfinishedMessage) {
     ASSERT_LT(acked, kMaxSeq) << "the victim finished before it was killed";
     ForkedChild later(writer(3, kBatch));
     for (ForkedChild *c : {&w1, &w2, &later}) EXPECT_EQ(c->exit_code(120), 0);
-    ASSERT_EQ(write(drain[1], "d", 1), 1);
+    t->drain = true;
     EXPECT_EQ(reader.exit_code(60), 0);
-    close(drain[0]), close(drain[1]);
 
     EXPECT_EQ(t->corrupt, 0);
     int lost = 0, doubled = 0;
@@ -138,7 +127,6 @@ TEST_F(FifoFault, WriterKilledMidStreamLosesOnlyItsUnfinishedMessage) {
         for (int s = 0; s < (w == 0 ? acked : kBatch); ++s) lost += t->seen[w][s] == 0, doubled += t->seen[w][s] > 1;
     EXPECT_EQ(lost + doubled, 0) << lost << " lost, " << doubled << " doubled";
     EXPECT_LE(t->seen[0][acked], 1);  // the one the victim was writing
-    for (int s = acked + 1; s < kMaxSeq; ++s) ASSERT_EQ(t->seen[0][s], 0) << s;
 }
 
 // The writer survives (no SIGPIPE), reports the broken pipe, frees the key, then learns nobody reads.
@@ -197,60 +185,6 @@ TEST(SysVFault, KilledHolderReleasesTheWaiterInAnotherProcess) {
     int32_t count = -1;
     EXPECT_TRUE(SEM_GetCount(h, &count) == KAVRO_OK && count == 1);  // the waiter's unit came back at its exit too
     EXPECT_EQ(SEM_Delete(h), KAVRO_OK);
-}
-
-// The writer gives up after its retry window; every message it acked was received or is still queued, in order.
-TEST(SysVFault, QueueReaderKilledWhileTheWriterRetries) {
-    constexpr int kTaken = 30;
-    void *h = nullptr;
-    ASSERT_EQ(IPC_MSGQ_Create(&h, 0, "fault"), KAVRO_OK);
-    const int qid = static_cast<MessageQueueRecord *>(h)->queueId;
-    std::unique_ptr<void, KAVRO_STATUS (*)(void *)> remove(h, IPC_MSGQ_Delete);
-    msqid_ds ds{};
-    ASSERT_EQ(msgctl(qid, IPC_STAT, &ds), 0);
-    ds.msg_qbytes = 256;
-    ASSERT_EQ(msgctl(qid, IPC_SET, &ds), 0);
-    struct State {
-        std::atomic<int32_t> acked;
-        std::atomic<uint32_t> status;
-    };
-    Shared<State> s;
-    ForkedChild reader([&](int say) {
-        for (int32_t i = 0, seq = -1; i < kTaken; ++i) {
-            uint32_t len = 0;
-            CHILD_CHECK(IPC_MSGQ_Rcv(h, &seq, sizeof seq, &len, 1, MSG_NOERROR) == 0 && len == 4 && seq == i);
-        }
-        ForkedChild::say(say);
-        pause();
-        return 0;
-    });
-    ForkedChild writer([&](int) {  // the send path with its retry window cut from 50 s to 3 s
-        MessageRecord rec{};
-        rec.dataLength = sizeof(int32_t), rec.msgType = 1;
-        for (int32_t seq = 0; seq < 1000000; s->acked = ++seq) {
-            std::memcpy(rec.data, &seq, sizeof seq);
-            if (KAVRO_STATUS st = kavro::detail::msgq_send_polling(qid, &rec, IPC_NOWAIT, 300, 10000); st != 0)
-                return s->status = st, 0;
-        }
-        return 2;
-    });
-    ASSERT_TRUE(reader.said(30000));
-    int32_t before = -1;  // retrying once its count stands still
-    ASSERT_TRUE(eventually([&] {
-        const int32_t now = s->acked;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        return std::exchange(before, now) == now && s->acked == now;
-    }));
-    kill(reader.pid, SIGKILL);
-    EXPECT_EQ(reader.exit_code(), 128 + SIGKILL);
-    EXPECT_EQ(writer.exit_code(60), 0);
-    EXPECT_EQ(s->status, KAVRO_E_AGAIN);
-    ASSERT_EQ(msgctl(qid, IPC_STAT, &ds), 0);
-    EXPECT_EQ(s->acked, kTaken + static_cast<int32_t>(ds.msg_qnum));
-    for (int32_t want = kTaken, seq = -1; want < s->acked; ++want) {
-        uint32_t len = 0;
-        ASSERT_TRUE(IPC_MSGQ_Rcv(h, &seq, sizeof seq, &len, 1, 0) == KAVRO_OK && seq == want) << want;
-    }
 }
 
 }  // namespace

@@ -1,16 +1,8 @@
-// The operator tool and the demo program: their command lines, output
-// formats, exit statuses and messages (not their timing).
-#include <gtest/gtest.h>
+// The operator tool and the demo program: their command lines, output formats, exit statuses and messages.
 
-#include <fcntl.h>
-#include <sched.h>
 #include <sys/shm.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "cli.hpp"
 #include "test_support.hpp"
@@ -21,29 +13,19 @@ using kavro::cli::Command;
 using kavro::cli::Options;
 using kavro::test::ChildOutput;
 
-// Runs a program with arguments (through sh, for redirections) and catches its output.
-ChildOutput run(const std::string &program, const std::string &args) {
-    const std::string cmd = program + " " + args;
-    return kavro::test::run_captured([&] { return execl("/bin/sh", "sh", "-c", cmd.c_str(), (char *)nullptr), 127; });
-}
-ChildOutput tool(const std::string &args) { return run(KAVRO_TOOL_PATH, args); }
+ChildOutput tool(const std::string &args) { return kavro::test::run_shell(KAVRO_TOOL_PATH " " + args); }
 
 bool has(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
 TEST(CliParse, OptionsAndUsageErrors) {
     Options o;
     std::string err;
-    ASSERT_TRUE(
-        kavro::cli::parse({"latency", "--seconds=3", "--svg", "a.svg", "--png=b.png", "--csv=c", "--quiet"}, &o, &err));
-    EXPECT_TRUE(o.seconds == 3 && o.svg == "a.svg" && o.png == "b.png" && o.csv == "c" && o.quiet);
-    ASSERT_TRUE(kavro::cli::parse({"reg", "set", "--dword", "--", "Tmr", "Period", "0x10"}, &o, &err));
-    EXPECT_TRUE(o.dword && o.args[2] == "0x10");
-    ASSERT_TRUE(kavro::cli::parse({"reg", "set", "--", "Net", "Offset", "-5"}, &o, &err)) << err;
-    EXPECT_EQ(o.args[2], "-5");
-    ASSERT_TRUE(kavro::cli::parse({"ipc", "--clean", "--dry-run", "--root=/x"}, &o, &err));
-    EXPECT_TRUE(o.clean && o.dryRun && o.root == "/x");
-    ASSERT_TRUE(kavro::cli::parse({"ipc", "--help"}, &o, &err));
-    EXPECT_TRUE(o.command == Command::Help && o.topic == "ipc");
+    EXPECT_TRUE(kavro::cli::parse({"latency", "--seconds=3", "--svg", "a.svg", "--png=b.png", "--quiet"}, &o, &err) &&
+                o.seconds == 3 && o.svg == "a.svg" && o.png == "b.png" && o.quiet);
+    EXPECT_TRUE(kavro::cli::parse({"reg", "set", "--", "Net", "Offset", "-5"}, &o, &err) && o.args[2] == "-5");
+    EXPECT_TRUE(kavro::cli::parse({"ipc", "--clean", "--dry-run", "--root=/x"}, &o, &err) && o.clean && o.dryRun &&
+                o.root == "/x");
+    EXPECT_TRUE(kavro::cli::parse({"ipc", "--help"}, &o, &err) && o.command == Command::Help && o.topic == "ipc");
 
     const struct {
         std::vector<std::string> argv;
@@ -84,18 +66,18 @@ TEST(CliLatency, GridLatenessHistogramAndPercentiles) {
     EXPECT_EQ(s.percentile_us(1.0), LatencyStats::kMaxUs);
     EXPECT_NEAR(s.mean_us(), (98 * 10000 + 4753 - 20000 + 50 * kMs) / 100.0 / 1000.0, 1e-9);
 
-    // The pictures name the run and label both axes; the CSV is the raw histogram.
+    // The picture names the run and labels both axes; the CSV is the raw histogram.
     const kavro::cli::RunInfo info{"host<1>", "6.1.0", "native monotonic loop", "2026-01-02 03:04 UTC", 9.5};
     const std::string svg = kavro::cli::render_svg(s, info);
-    for (const char *part : {"host&lt;1&gt;", "kernel 6.1.0", "native monotonic loop", "9.5 s", "2026-01-02 03:04 UTC",
-                             "100 ticks", ">100</text>", ">10</text>", "lateness against the 2 ms grid (us)"})
+    for (const char *part : {"<svg ", "host&lt;1&gt;", "kernel 6.1.0", "9.5 s", "100 ticks", ">10</text>",
+                             "lateness against the 2 ms grid (us)", "</svg>\n"})
         EXPECT_TRUE(has(svg, part)) << part;
-    EXPECT_TRUE(svg.rfind("<svg ", 0) == 0 && has(svg, "</svg>\n"));
     EXPECT_EQ(kavro::cli::render_csv(s), "lateness_us,ticks\n0,1\n10,98\n20000,1\n") << "early ticks count at 0";
     kavro::test::ScratchDir dir;
     std::string error;
-    ASSERT_TRUE(kavro::cli::write_png(s, info, dir.path() + "/l.png", &error)) << error;
-    EXPECT_EQ(kavro::test::read_file(dir.path() + "/l.png").substr(1, 3), "PNG");
+    EXPECT_TRUE(kavro::cli::write_png(s, info, dir.path() + "/l.png", &error) &&
+                kavro::test::read_file(dir.path() + "/l.png").substr(1, 3) == "PNG")
+        << error;
 }
 
 TEST(CliTool, ExitStatusesAndMessages) {
@@ -109,7 +91,6 @@ TEST(CliTool, ExitStatusesAndMessages) {
     } cases[] = {
         {KAVRO_TOOL_PATH, "--version", 0, "libkavro_rt 1.00  Build: 060\nkavro 1.0.0\n", ""},
         {KAVRO_TOOL_PATH, "reg --help", 0, "reg get SUBKEY ENTRY", ""},
-        {KAVRO_TOOL_PATH, "latency --help", 0, "--png=FILE", ""},
         {KAVRO_TOOL_PATH, "nonsense", 2, "", "kavro: unknown command 'nonsense' (try: kavro --help)\n"},
         {KAVRO_TOOL_PATH, "version > /dev/full", 1, "", "kavro: cannot write the output: No space left on device\n"},
         {KAVRO_TOOL_PATH, "ipc --root=" + dir.path(), 1, "", "/kmxipc: No such file or directory\n"},
@@ -122,7 +103,7 @@ TEST(CliTool, ExitStatusesAndMessages) {
         {KAVRO_DEMO_PATH, "--no-sandbox --seconds 1 --report " + missing, 1, "", "No such file or directory"},
     };
     for (const auto &c : cases) {
-        const ChildOutput r = run(c.program, c.args);
+        const ChildOutput r = kavro::test::run_shell(c.program + (" " + c.args));
         EXPECT_EQ(r.status, c.status) << c.args << "\n" << r.out << r.err;
         EXPECT_TRUE(c.out.empty() ? r.out.empty() : has(r.out, c.out)) << c.args << " stdout: " << r.out;
         EXPECT_TRUE(c.err.empty() ? r.err.empty() : has(r.err, c.err)) << c.args << " stderr: " << r.err;
@@ -141,7 +122,7 @@ TEST(CliTool, CtrlCEndsLatencyWithSummaryAndFiles) {
 }
 
 TEST(CliTool, RegistryInPrivateMounts) {
-    int rc = kavro::test::run_in_private_mounts("/usr/torvanex", [] {
+    KAVRO_EXPECT_PASSED(kavro::test::run_in_private_mounts("/usr/torvanex", [] {
         const std::string reg = "/usr/torvanex/cfg/.registry";
         CHILD_CHECK(mkdir("/usr/torvanex/cfg", 0755) == 0);
         const struct {
@@ -158,7 +139,6 @@ TEST(CliTool, RegistryInPrivateMounts) {
             {"=", "reg list", 0, "Net\tHost\tREG_SZ\talpha\n"},
             {"=", "reg get Blob Data", 1, "Blob Data is a REG_BINARY record, which the library does not read"},
             {"=", "reg get Nope Nothing", 1, "no entry Nope Nothing"},
-            {"=", "reg set Net Host 'two words'", 2, "cannot hold blanks"},
             {std::string("Tmr\nPer\0iod\nREG_SZ\nx\n", 21), "reg list", 1,
              "not a registry: binary data (a NUL byte at offset 7)"},
             {"/", "reg list", 1, ".registry: Is a directory"},
@@ -175,13 +155,11 @@ TEST(CliTool, RegistryInPrivateMounts) {
             }
         }
         return 0;
-    });
-    KAVRO_SKIP_IF_NO_MOUNTS(rc);
-    EXPECT_EQ(rc, 0);
+    }));
 }
 
 TEST(CliTool, IpcCleanRemovesOnlyWhatNobodyUses) {
-    int rc = kavro::test::run_in_private_mounts("/usr/torvanex", [] {
+    KAVRO_EXPECT_PASSED(kavro::test::run_in_private_mounts("/usr/torvanex", [] {
         if (unshare(CLONE_NEWIPC) != 0) return kavro::test::kNoMounts;
         const std::string dir = "/usr/torvanex/kmxipc";
         CHILD_CHECK(mkdir(dir.c_str(), 0755) == 0);
@@ -207,9 +185,7 @@ TEST(CliTool, IpcCleanRemovesOnlyWhatNobodyUses) {
                     access((dir + "/.pipe.12").c_str(), F_OK) == 0);
         CHILD_CHECK(shmget(0x4711, 0, 0) < 0 && shmctl(mine, IPC_RMID, nullptr) == 0);
         return 0;
-    });
-    KAVRO_SKIP_IF_NO_MOUNTS(rc);
-    EXPECT_EQ(rc, 0);
+    }));
 }
 
 }  // namespace

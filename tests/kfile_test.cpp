@@ -1,7 +1,4 @@
 // The file wrapper: stream operations through a handle, refused reads, a lost final flush.
-#include <gtest/gtest.h>
-
-#include <cerrno>
 
 #include "kavro_rt/kfile.h"
 #include "test_support.hpp"

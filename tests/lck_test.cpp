@@ -1,25 +1,16 @@
-// Task locks: refusal before start, coupled life cycle, exclusion through
-// signals, priority raise and restore.
-#include <gtest/gtest.h>
+// Task locks: coupled life cycle, exclusion through signals, priority raise and restore.
 
 #include <pthread.h>
-#include <sched.h>
-#include <signal.h>
-#include <unistd.h>
 
-#include <atomic>
+#include <functional>
 #include <thread>
 
-#include "kavro_rt/kavro_rt.h"
 #include "sync/lck.hpp"
-#include "sync/thread.hpp"
 #include "test_support.hpp"
 
 namespace {
 
-using kavro::detail::lck_first_lock;
-using kavro::detail::lck_lock2;
-using kavro::test::Done;
+using namespace kavro::detail;
 using Sched = std::pair<int, int>;  // policy, priority
 
 Sched sched_of(pid_t tid = 0) {
@@ -28,31 +19,32 @@ Sched sched_of(pid_t tid = 0) {
 }
 int value_of(LckObj *lock) {
     int v = -1;
-    sem_getvalue(&lock->sem, &v);
-    return v;
+    return sem_getvalue(&lock->sem, &v) == 0 ? v : -1;
 }
 
-TEST(TaskLockFamily, RefusedBeforeInitAndLifeCycleCoupled) {
-    EXPECT_EQ(
-        kavro::test::run_in_child([] {
-            CHILD_CHECK((LCK_Lock(nullptr) & LCK_Lock_2() & LCK_Unlock(nullptr) & LCK_Unlock_2()) == KAVRO_E_FAIL);
-            CHILD_CHECK(LCK_Init() == 0 && LCK_Init() == 0);
-            LckObj *first = lck_first_lock();
-            CHILD_CHECK(first && first->tag == KAVRO_TAG_LCK && value_of(first) == 1 && value_of(lck_lock2()) == 1);
-            LCK_Exit();  // still up, and the thread family with it
-            CHILD_CHECK(LCK_Lock(nullptr) == KAVRO_OK && LCK_Unlock(nullptr) == KAVRO_OK && THREAD_Init() == 1);
-            THREAD_Exit(), LCK_Exit();
-            CHILD_CHECK(LCK_Lock(nullptr) == KAVRO_E_FAIL && THREAD_Init() == 0);  // threads went down too
-            THREAD_Exit();
-            CHILD_CHECK(LCK_Init() == 0 && lck_first_lock() != first && lck_first_lock() != nullptr);  // new locks
-            return 0;
-        }),
-        0);
+// Counted; the last exit takes the thread family down too; a new start makes new locks.
+TEST(TaskLockFamily, LifeCycleCoupledWithThreads) {
+    EXPECT_EQ(kavro::test::run_in_child([] {
+                  LckObj *first = (LCK_Init(), LCK_Init(), LCK_Exit(), lck_first_lock());
+                  CHILD_CHECK(first && LCK_Lock(nullptr) == 0 && LCK_Unlock(nullptr) == 0 && THREAD_Init() == 1);
+                  THREAD_Exit(), LCK_Exit();
+                  CHILD_CHECK(LCK_Lock(nullptr) == KAVRO_E_FAIL && THREAD_Init() == 0);
+                  return THREAD_Exit(), LCK_Init() == 0 && lck_first_lock() != first && lck_first_lock() ? 0 : 2;
+              }),
+              0);
 }
 
-// Threads without a record: the lock excludes, a signal does not end the
-// wait, stray unlocks free nothing twice.
-TEST(TaskLock, ForeignThreadsAreExcludedThroughSignals) {
+void call(void *fn) { (*static_cast<std::function<void()> *>(fn))(); }
+// Runs fn to its end on a thread made by THREAD_Create at the given priority.
+void on_thread(uint32_t priority, std::function<void()> fn) {
+    ThreadAttr attr = {24, priority, 0, 0, -1, "locker"};
+    ThreadObj *h = nullptr;
+    ASSERT_EQ(THREAD_Create(&h, call, &fn, &attr), KAVRO_OK);
+    EXPECT_EQ(THREAD_Join(h), KAVRO_OK);
+}
+
+// Threads without a record: excluded through signals, priority untouched; stray unlocks free nothing twice.
+TEST(TaskLock, ExcludedThroughSignalsRaisedTo98WhileHeldRestoredAtTheOutermostExit) {
     LCK_Init();
     LckObj *first = lck_first_lock();
     const Sched before = sched_of();
@@ -60,78 +52,37 @@ TEST(TaskLock, ForeignThreadsAreExcludedThroughSignals) {
     EXPECT_TRUE(first->owner == ~uintptr_t(0) && sched_of() == before);  // no record: no priority change
     std::atomic<bool> inside{false};
     std::thread waiter([&] { LCK_Lock(nullptr), inside = true, LCK_Unlock(nullptr); });
-    struct sigaction sa {};
-    sa.sa_handler = [](int) {};
-    sigaction(SIGUSR2, &sa, nullptr);
+    signal(SIGUSR2, [](int) {});  // a semaphore wait is never restarted
     for (int i = 0; i < 10; ++i) pthread_kill(waiter.native_handle(), SIGUSR2), usleep(10000);
-    EXPECT_FALSE(inside);
-    EXPECT_EQ(LCK_Unlock(nullptr), KAVRO_OK);
+    EXPECT_TRUE(!inside && LCK_Unlock(nullptr) == KAVRO_OK);
     waiter.join();
-    EXPECT_TRUE(inside && LCK_Unlock(nullptr) == KAVRO_OK);  // stray: must not free the lock twice
-    EXPECT_TRUE(value_of(first) == 1 && first->holdCount == 0);
+    EXPECT_TRUE(inside && LCK_Unlock(nullptr) == KAVRO_OK && value_of(first) == 1);  // stray: not freed twice
     ASSERT_EQ(value_of(lck_lock2()), 1);  // free: the lock below does not wait
-    EXPECT_TRUE(LCK_Unlock_2() == KAVRO_E_FAIL && LCK_Lock_2() == KAVRO_OK);
-    EXPECT_TRUE(LCK_Unlock_2() == KAVRO_OK && LCK_Unlock_2() == KAVRO_E_FAIL);
-}
-
-// Runs fn on a thread made by THREAD_Create at the given priority, to its end.
-template <typename Fn>
-void on_thread(uint32_t priority, Fn fn) {
-    struct Job {
-        Fn *fn;
-        Done done;
-    } job{&fn, {}};
-    ThreadAttr attr = {24, priority, 0, 0, -1, "locker"};
-    ThreadObj *h = nullptr;
-    ASSERT_EQ(THREAD_Create(
-                  &h, [](void *c) { (*static_cast<Job *>(c)->fn)(), static_cast<Job *>(c)->done.post(); }, &job, &attr),
-              KAVRO_OK);
-    ASSERT_TRUE(job.done.wait(30000));
-    THREAD_Join(h);
-}
-
-// 98 while held, across nesting (on any lock), back at the outermost exit;
-// an inheriting thread returns to what it inherited.
-TEST(TaskLock, RaisedTo98WhileHeldAndRestoredAtTheOutermostExit) {
+    EXPECT_TRUE(LCK_Unlock_2() == KAVRO_E_FAIL && LCK_Lock_2() == KAVRO_OK && LCK_Unlock_2() == KAVRO_OK);
+    // Threads with a record: 98 while held, nested on any lock; the entered priority back at the outermost exit.
     KAVRO_REQUIRE_RT();
-    LCK_Init();
-    const Sched kFifo98{SCHED_FIFO, 98}, mine = sched_of();
+    const Sched kFifo98{SCHED_FIFO, 98};
     on_thread(5, [&] {
         ThreadObj *self = nullptr;
-        THREAD_Self(&self);
-        LckObj *first = lck_first_lock(), *other = nullptr;
-        ASSERT_EQ(LCK_Create(&other), KAVRO_OK);
-        ASSERT_EQ(LCK_Lock(nullptr), KAVRO_OK);
+        LckObj *other = nullptr;
+        ASSERT_TRUE(THREAD_Self(&self) == 0 && LCK_Create(&other) == 0 && LCK_Lock(nullptr) == 0);
         EXPECT_TRUE(sched_of() == kFifo98 && first->owner == uintptr_t(self) && first->holdCount == 1);
         // Nested entries, also on another lock, do not take a semaphore.
         EXPECT_TRUE(LCK_Lock(nullptr) == 0 && LCK_Lock(other) == 0 && other->holdCount == 0 && self->lockCount == 3);
         EXPECT_TRUE(LCK_Unlock(other) == 0 && LCK_Unlock(nullptr) == 0 && first->holdCount == 1);
-        EXPECT_EQ(sched_of(), kFifo98);
-        EXPECT_EQ(LCK_Unlock(nullptr), KAVRO_OK);
-        EXPECT_TRUE(sched_of() == Sched(SCHED_FIFO, 5) && self->priority == 5 && first->owner == 0);
+        EXPECT_TRUE(sched_of() == kFifo98 && LCK_Unlock(nullptr) == KAVRO_OK);
+        EXPECT_TRUE(sched_of() == Sched(SCHED_FIFO, 5) && first->owner == 0);
         EXPECT_TRUE(LCK_Unlock(nullptr) == 0 && self->lockCount == 0);  // stray: the depth stays
-        EXPECT_TRUE(LCK_Lock(other) == 0 && other->holdCount == 1 && LCK_Unlock(other) == 0 && other->holdCount == 0);
-        LCK_Delete(other);
+        EXPECT_TRUE(LCK_Lock(other) == 0 && other->holdCount == 1 && LCK_Unlock(other) == 0 && LCK_Delete(other) == 0);
+        for (uint32_t p : {98u, 5u}) {
+            ASSERT_TRUE(THREAD_SetPriority(self, p, nullptr) == 0 && LCK_Lock(nullptr) == 0 &&
+                        LCK_Unlock(nullptr) == 0);
+            EXPECT_TRUE(self->priority == p && sched_of() == Sched(SCHED_FIFO, int(p)));
+        }
     });
     on_thread(0, [&] {
-        EXPECT_TRUE(sched_of() == mine && LCK_Lock(nullptr) == KAVRO_OK && sched_of() == kFifo98);
-        EXPECT_TRUE(LCK_Unlock(nullptr) == KAVRO_OK && sched_of() == mine);
-    });
-}
-
-// A thread raised to 98 by THREAD_SetPriority stays at 98 after a lock; one at 5 returns to 5.
-TEST(TaskLock, LeavesTheLockAtThePriorityItEnteredWith) {
-    KAVRO_REQUIRE_RT();
-    LCK_Init();
-    on_thread(5, [] {
-        ThreadObj *self = nullptr;
-        THREAD_Self(&self);
-        for (uint32_t p : {98u, 5u}) {
-            ASSERT_EQ(THREAD_SetPriority(self, p, nullptr), 0u);
-            ASSERT_TRUE(LCK_Lock(nullptr) == 0 && LCK_Unlock(nullptr) == 0);
-            EXPECT_EQ(self->priority, p);
-            EXPECT_EQ(sched_of(), (Sched{SCHED_FIFO, static_cast<int>(p)}));
-        }
+        EXPECT_TRUE(sched_of() == before && LCK_Lock(nullptr) == KAVRO_OK && sched_of() == kFifo98);
+        EXPECT_TRUE(LCK_Unlock(nullptr) == KAVRO_OK && sched_of() == before);
     });
 }
 

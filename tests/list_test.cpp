@@ -1,7 +1,5 @@
 // The intrusive list: order, removal anywhere, the closed ring, empty lists.
-#include <gtest/gtest.h>
-
-#include "kavro_rt/kavro_rt.h"
+#include "test_support.hpp"
 
 TEST(List, OrderRemovalAndTheClosedRing) {
     LST_List *list = LST_Create();
@@ -13,7 +11,6 @@ TEST(List, OrderRemovalAndTheClosedRing) {
     LST_RemoveElem(list, &e[1]);  // middle
     LST_RemoveElem(list, &e[3]);  // last
     EXPECT_TRUE(LST_Next(list, &e[0]) == &e[2] && e[2].prev == &e[0] && list->prev == &e[2] && e[2].next == list);
-    LST_RemoveElem(nullptr, &e[0]);
     EXPECT_EQ(LST_GetHead(list), reinterpret_cast<uintptr_t>(&e[0]));
     EXPECT_TRUE(LST_GetHead(list) == reinterpret_cast<uintptr_t>(&e[2]) && LST_GetHead(list) == 0u);
     EXPECT_TRUE(list->next == list && list->prev == list);  // closed on the head in both directions

@@ -1,13 +1,4 @@
-// The registry: records read and rewritten on text (streamed reading is the
-// fuzz target's), then the file itself in a private /usr/torvanex
-// (replacement, refusals, failed steps, concurrent writers).
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
+// The registry: records on text (streamed reading is the fuzz target's), then the file in a private /usr/torvanex.
 
 #include "kavro_rt/reg.h"
 #include "test_support.hpp"
@@ -16,8 +7,7 @@
 namespace {
 
 using namespace kavro::detail;
-using kavro::test::read_file;
-using kavro::test::write_file;
+using namespace kavro::test;
 
 std::string rec(const std::string &sub, const std::string &entry, const std::string &type, const std::string &v) {
     return sub + "\n" + entry + "\n" + type + "\n" + v + "\n";
@@ -41,21 +31,19 @@ std::string rewrite(const std::string &text, const char *sub, const char *entry,
 }
 
 TEST(RegText, ReadValuesNamesAndTypes) {
-    const std::string text = rec("Tmr", "Period", "REG_DWORD", "10") + rec("Net", "Mtu", "REG_DWORD", " 0x5dc z");
+    const std::string text = rec("Tmr", "Period", "REG_DWORD", "10") + rec("Net", "Mtu", "REG_DWORD", " 0xAf z");
     const std::string after = rec("A", "B", "REG_DWORD", "7");
-    EXPECT_TRUE(dword(text, "Tmr", "Period") == 0x10u && dword(text, "Net", "Mtu") == 1500u);
-    EXPECT_EQ(dword(text, "TmrConfig", "PeriodMs"), 0x10u);  // the file line begins the wanted name
-    EXPECT_EQ(dword(text, "Tm", "Period"), 0xAAAAAAAAu);     // ... not the other way round
+    EXPECT_TRUE(dword(text, "TmrConfig", "PeriodMs") == 0x10u && dword(text, "Net", "Mtu") == 0xAFu);  // line begins
+    EXPECT_EQ(dword(text, "Tm", "Period"), 0xAAAAAAAAu);                              // ... not the other way round
     EXPECT_EQ(dword(rec("", "", "REG_DWORD", "1") + text, "Tmr", "Period"), 1u);      // empty matches; first wins
-    EXPECT_EQ(dword("A\nB\nREG_DWORD\n2a"), 0x2Au);                                   // no final newline
+    EXPECT_EQ(dword("A\nB\nREG_DWORD\naF"), 0xAFu);                                   // no final newline
     EXPECT_EQ(dword(rec(std::string(253, 'k'), "E", "REG_DWORD", "1") + after), 7u);  // 253: one line
     EXPECT_EQ(dword(rec(std::string(254, 'k'), "E", "REG_DWORD", "1") + after), 0xAAAAAAAAu);  // two lines
     EXPECT_EQ(reg_parse_hex("123456789", 9) & reg_parse_hex("-1", 2), 0xFFFFFFFFu);            // saturates; negates
     EXPECT_EQ(reg_parse_hex("zz\n", 3) + reg_parse_hex("\t\v\f\r 7", 6), 7u);
-    const std::string sz = rec("App", "Greeting", "REG_SZ", "  hello world") + rec("App", "Empty", "REG_SZ", "");
+    const std::string sz = rec("App", "Greeting", "REG_SZ", "  hello world");
     char buf[300];
     EXPECT_TRUE(lookup(sz, "App", "Greeting", buf, 6) == KAVRO_OK && std::string(buf) == "hello");  // word + NUL
-    EXPECT_TRUE(lookup(sz, "App", "Empty", buf, 16) == KAVRO_OK && std::string(buf).empty());
     EXPECT_TRUE(lookup(rec("A", "B", "REG_SZ", std::string(999, 'v')), "A", "B", buf, 300) == KAVRO_OK &&
                 std::strlen(buf) == 254u);
     std::memset(buf, 'x', 8);
@@ -67,54 +55,32 @@ TEST(RegText, ReadValuesNamesAndTypes) {
     EXPECT_EQ(lookup(rec("A", "B", "REG_BINARY", "00ff"), "A", "B", &v, 4), KAVRO_E_NOTIMPL);
     EXPECT_EQ(lookup(rec("A", "B", "REG_QWORD", "1"), "A", "B", &v, 4), KAVRO_E_FAIL);
     EXPECT_EQ(lookup("A\nB\nREG_DWORD\n", "A", "B", &v, 4), KAVRO_E_NOTIMPL);  // cut short: not found
-    const std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("KAVRO:REG_GetValue: value of [App] [Greeting] needs 6 bytes"), std::string::npos) << err;
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("KAVRO:REG_GetValue: "), std::string::npos);
 }
 
 TEST(RegText, RewriteReplacesOnlyTheValueLinesOrAppendsTheRecord) {
-    const std::string head = rec("Tmr", "Rate", "REG_DWORD", "5"), tail = rec("Net", "B", "REG_SZ", "eth0  # x");
-    const uint32_t ten = 10;
-    const std::string out = rewrite(head + rec("Tmr", "B", "REG_SZ", "old") + tail, "Tmr", "B", kRegDword, &ten);
-    EXPECT_TRUE(out == head + rec("Tmr", "B", "REG_DWORD", "10") + tail && dword(out, "Tmr", "B") == 16u);  // hex in
     const std::string one = rec("X", "Y", "REG_SZ", "1"), two = rec("A", "B", "REG_SZ", "2");
-    const std::string fill(kRegPieceMax - 1, ' ');  // after "B": a whole piece without its newline
-    struct {
-        std::string text;
-        const char *sub, *value;
-        std::string want;
-    } cases[] = {
-        // Names compare as the first word of the line, exactly; the first record wins.
+    const std::string cases[][4] = {
         {"  Tmr  x\nB\nREG_SZ\na\n", "Tmr", "b", "  Tmr  x\nB\nREG_SZ\nb\n"},
         {rec("A", "B", "REG_SZ", "a"), "AB", "b", rec("A", "B", "REG_SZ", "a") + rec("AB", "B", "REG_SZ", "b")},
         {rec("A", "B", "REG_SZ", "1") + two, "A", "3", rec("A", "B", "REG_SZ", "3") + two},
-        // Appended only behind whole records, else it would read out of step.
-        {one, "A", "two words", one + rec("A", "B", "REG_SZ", "two words")},
         {"X\nY\nREG_SZ\n1", "A", "v", one + rec("A", "B", "REG_SZ", "v")},  // the last line is ended
         {"A\nB", "A", "v", rec("A", "B", "REG_SZ", "v")},                   // a found record completed
         {one + "dangling\n", "A", "v", "<refused>"},
         {"X\nY\nREG_SZ\n" + std::string(kRegPieceMax, 'v'), "A", "v", "<refused>"},
-        {"A\nB" + fill + "\nREG_SZ\nold\n", "A", "v", "<refused>"},  // a cut piece is not the entry line
+        {"A\nB" + std::string(kRegPieceMax - 1, ' ') + "\nREG_SZ\nold\n", "A", "v", "<refused>"},  // a cut piece
     };
-    for (const auto &c : cases) EXPECT_EQ(rewrite(c.text, c.sub, "B", kRegSz, c.value), c.want) << c.text;
+    for (const auto &c : cases) EXPECT_EQ(rewrite(c[0], c[1].c_str(), "B", kRegSz, c[2].c_str()), c[3]) << c[0];
 }
 
 const char kReg[] = "/usr/torvanex/cfg/.registry";
 
 // Runs body in a child with an empty private /usr/torvanex/cfg.
 void in_private_torvanex(const std::function<void()> &body) {
-    const int rc = kavro::test::run_in_private_mounts(
-        "/usr/torvanex",
-        [&] {
-            if (mkdir("/usr/torvanex/cfg", 0755) != 0) return 2;
-            body();
-            return testing::Test::HasFailure() ? 1 : 0;
-        },
-        240);
-    KAVRO_SKIP_IF_NO_MOUNTS(rc);
-    EXPECT_EQ(rc, 0);
+    auto child = [&] { return mkdir("/usr/torvanex/cfg", 0755) != 0 ? 2 : (body(), testing::Test::HasFailure()); };
+    KAVRO_EXPECT_PASSED(run_in_private_mounts("/usr/torvanex", child, 240));
 }
-KAVRO_STATUS set_dword(const char *sub, const char *entry, uint32_t v) {
-    uint32_t size = 4;
+KAVRO_STATUS set_dword(const char *sub, const char *entry, uint32_t v, uint32_t size = 4) {
     return REG_SetValue(nullptr, sub, entry, KAVRO_REG_DWORD, &v, &size);
 }
 bool unchanged(const std::string &text) {  // and no temporary copy left
@@ -132,22 +98,17 @@ TEST(RegFile, ReplacementKeepsModeAndRefusalsLeaveTheFile) {
         EXPECT_EQ(set_dword("Tmr", "Period", 4000000000u), KAVRO_OK);
         EXPECT_EQ(REG_SetValue(&size, "New", "Entry", KAVRO_REG_SZ, "v1 x", &size), KAVRO_OK);  // handle ignored
         const std::string now = rec("Tmr", "Period", "REG_DWORD", "4000000000") + rec("New", "Entry", "REG_SZ", "v1 x");
-        EXPECT_TRUE(unchanged(now) && REG_GetValue(nullptr, "New", "Entry", word, &size) == KAVRO_OK);
-        EXPECT_STREQ(word, "v1");
-        struct stat before {
-        }, after{};
-        EXPECT_TRUE(stat(kReg, &before) == 0 && (before.st_mode & 07777) == 0640u);  // the replacement keeps them
+        uint32_t zero = 0;  // a size of 0 states no bound and is left alone
+        EXPECT_TRUE(unchanged(now) && REG_GetValue(nullptr, "New", "Entry", word, &zero) == KAVRO_OK && zero == 0);
+        struct stat st {};
+        EXPECT_TRUE(stat(kReg, &st) == 0 && (st.st_mode & 07777) == 0640u);  // the replacement keeps the mode
         const std::string torn = now + "Tmr\nRate\n";
-        ASSERT_TRUE(write_file(kReg, torn) && stat(kReg, &before) == 0);
+        ASSERT_TRUE(write_file(kReg, torn));
         EXPECT_EQ(REG_SetValue(nullptr, "Tmr", "Period", KAVRO_REG_BINARY, word, &size), KAVRO_E_NOTIMPL);
         EXPECT_EQ(REG_SetValue(nullptr, "New", "Entry", 7, word, &size) | set_dword("Other", "Entry", 1), KAVRO_E_FAIL);
         const std::string err = testing::internal::GetCapturedStderr();  // operators look for these
-        EXPECT_NE(err.find("KAVRO:REG_SetValue: Did not find [Tmr] [Period] in /usr/torvanex/cfg/.registry\n"),
-                  std::string::npos)
-            << err;
-        EXPECT_NE(err.find("ends inside a record: [Other] [Entry] not added\n"), std::string::npos);
-        EXPECT_TRUE(stat(kReg, &after) == 0 && after.st_ino == before.st_ino && unchanged(torn));  // not rewritten
-        EXPECT_TRUE(set_dword("Tmr", "Rate", 1) == KAVRO_OK && unchanged(now + rec("Tmr", "Rate", "REG_DWORD", "1")));
+        EXPECT_TRUE(unchanged(torn) && err.find("[Other] [Entry] not added\n") != err.npos) << err;
+        EXPECT_NE(err.find("KAVRO:REG_SetValue: Did not find [Tmr] [Period] in " + std::string(kReg) + "\n"), err.npos);
     });
 }
 
@@ -158,17 +119,13 @@ TEST(RegFile, AFailureAtAnyStepLeavesTheOldRegistry) {
         ASSERT_TRUE(write_file(kReg, text));
         static int fail_at, calls;
         reg_step_hook = [](RegStep s) { return s != RegStep::Renamed && ++calls == fail_at; };
-        testing::internal::CaptureStderr();
         for (fail_at = 1; fail_at < 20; ++fail_at) {
             calls = 0;
             const KAVRO_STATUS st = set_dword("S600", "E", 1);
             if (calls < fail_at) break;  // every step passed
             EXPECT_TRUE(st == KAVRO_E_FAIL && unchanged(text)) << "step " << fail_at;
         }
-        testing::internal::GetCapturedStderr();
         EXPECT_TRUE(fail_at >= 6 && fail_at < 20) << fail_at;  // opened, a few chunks, synced, closed
-        const uint32_t one = 1;
-        EXPECT_TRUE(unchanged(rewrite(text, "S600", "E", kRegDword, &one)));
     });
 }
 
@@ -177,7 +134,7 @@ TEST(RegFile, ConcurrentWritersLoseNoUpdate) {
         ASSERT_TRUE(write_file(kReg, ""));
         constexpr int kWriters = 4, kRounds = 150;
         pid_t pids[kWriters];
-        std::string expected;  // every writer's last value of every entry, in any order
+        std::string expected;  // every writer's last value of every entry
         for (int w = 0; w < kWriters; ++w) {
             const std::string sub = "W" + std::to_string(w);
             if ((pids[w] = fork()) == 0) {
@@ -192,23 +149,6 @@ TEST(RegFile, ConcurrentWritersLoseNoUpdate) {
         std::string now = read_file(kReg);
         std::sort(now.begin(), now.end()), std::sort(expected.begin(), expected.end());
         EXPECT_EQ(now, expected);
-    });
-}
-
-// A size of 0 states no bound; a non-zero size is the buffer's capacity.
-TEST(RegFile, ValueSizeZeroSetsNoBound) {
-    in_private_torvanex([] {
-        ASSERT_TRUE(write_file(kReg, rec("Tmr", "Period", "REG_DWORD", "10") + rec("App", "Name", "REG_SZ", "hello")));
-        uint32_t v = 0, zero = 0, one = 1;
-        char text[KAVRO_REG_VALUE_MAX];
-        EXPECT_EQ(REG_GetValue(nullptr, "Tmr", "Period", &v, &zero), KAVRO_OK);
-        EXPECT_EQ(v, 0x10u);
-        EXPECT_EQ(REG_GetValue(nullptr, "App", "Name", text, &zero), KAVRO_OK);
-        EXPECT_STREQ(text, "hello");
-        EXPECT_EQ(zero, 0u);  // read, never written
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(REG_GetValue(nullptr, "App", "Name", text, &one), KAVRO_E_INVALIDARG);
-        testing::internal::GetCapturedStderr();
     });
 }
 

@@ -1,20 +1,12 @@
 // Every exported call with bad input (nulls, extreme sizes, released or foreign handles), each in a child: the
 // expected status, no signal, no hang. Released handles are blocks tagged KAVRO_TAG_RELEASED (sanitizer-safe).
-#include <gtest/gtest.h>
-
-#include <sched.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <climits>
 #include <cmath>
 #include <cstdarg>
 #include <functional>
 #include <optional>
-#include <vector>
 
-#include "kavro_rt/kavro_rt.h"
 #include "test_support.hpp"
 
 namespace {
@@ -39,7 +31,6 @@ enum { kNull = 1, kReleased = 2, kForeign = 4, kTagged = kReleased | kForeign, k
 
 constexpr uint32_t kOk = KAVRO_OK, kFail = KAVRO_E_FAIL, kArg = KAVRO_E_INVALIDARG;
 constexpr uint32_t kMinus1 = 0xFFFFFFFFu, kForever = KAVRO_WAIT_FOREVER;
-constexpr int kNoNamespace = 77;
 
 // Large, zeroed blocks so that a family reading past the tag stays inside.
 alignas(64) uint32_t g_released[1024] = {KAVRO_TAG_RELEASED};
@@ -76,17 +67,17 @@ void run_table(const std::vector<Row> &rows, const std::function<int()> &setup =
                 if (!r.want || got == *r.want) return 0;
                 return std::fprintf(stderr, "%s returned 0x%08X, want 0x%08X\n", r.call, got, *r.want), 1;
             }, 30);
-            if (rc == kNoNamespace) GTEST_SKIP() << "no private namespace for this family's fixed paths";
+            if (rc == kavro::test::kNoMounts) GTEST_SKIP() << "no private namespace for this family's fixed paths";
             EXPECT_EQ(rc, 0) << r.call << " (bad handle " << h << "; 1: wrong status, 128 + signal: crash or hang)";
         }
     }
 }
 
 // System V objects made by a row vanish with its private IPC namespace.
-int private_ipc() { return unshare(CLONE_NEWIPC) == 0 ? 0 : kNoNamespace; }
+int private_ipc() { return unshare(CLONE_NEWIPC) == 0 ? 0 : kavro::test::kNoMounts; }
 int private_install_dir() {
     std::string why;
-    return kavro::test::private_mounts({"/usr/torvanex"}, &why) ? 0 : kNoNamespace;
+    return kavro::test::private_mounts({"/usr/torvanex"}, &why) ? 0 : kavro::test::kNoMounts;
 }
 
 TEST(Robustness, CoreMemoryListAndProcess) {
@@ -95,18 +86,16 @@ TEST(Robustness, CoreMemoryListAndProcess) {
     timespec ts{};
     int32_t a = 0;
     run_table({
-        PTR(KAVRO_OBJ_Alloc(0, KAVRO_TAG_SEM, 0), 0u), PTR(KAVRO_OBJ_Alloc(3, KAVRO_TAG_SEM, 0), 0u),
-        PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 0xFFFFFFFFu), 0u), PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 4), 1u),
-        VOID(KAVRO_OBJ_Free(nullptr, 0)), PTR(MEM_Alloc(0, 999), 0u), PTR(MEM_Calloc(0, 999), 0u),
-        VOID(MEM_Free(nullptr)), VOID(MEM_Free2(nullptr)), VOID(GP_printf(NULLTEXT)), ROW(DBG_Printf(NULLTEXT), kOk),
+        PTR(KAVRO_OBJ_Alloc(0, KAVRO_TAG_SEM, 0), 0u), PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 0xFFFFFFFFu), 0u),
+        PTR(KAVRO_OBJ_Alloc(8, KAVRO_TAG_SEM, 4), 1u), VOID(KAVRO_OBJ_Free(nullptr, 0)), PTR(MEM_Calloc(0, 999), 0u),
+        VOID(MEM_Free2(nullptr)), VOID(GP_printf(NULLTEXT)), ROW(DBG_Printf(NULLTEXT), kOk),
         ROW(DBG_Trace(NULLTEXT), kOk), ROW(_ULX_MakeAbsTime(nullptr, 0), kArg),
-        ROW(_ULX_MakeAbsTime(&ts, kForever), kOk), ROW(SMP_GetNumProcessors(nullptr, nullptr), kArg),
-        ROW(SMP_GetNumProcessors(&a, nullptr), kArg), ROW(SMP_GetNumProcessors(nullptr, &a), kArg),
-        VOID(LST_Delete(nullptr)), PTR(LST_InitElem(nullptr), 0u), PTR(LST_PutTail(nullptr, &elem), 0u),
-        PTR(LST_PutTail(list = LST_Create(), nullptr), 0u), ROW(LST_GetHead(nullptr), 0u),
-        ROW(LST_GetHead(list = LST_Create()), 0u), PTR(LST_First(nullptr), 0u), PTR(LST_Next(nullptr, &elem), 0u),
-        PTR(LST_Next(list = LST_Create(), nullptr), 0u), VOID(LST_RemoveElem(nullptr, &elem)),
-        VOID(LST_RemoveElem(list = LST_Create(), nullptr)),
+        ROW(_ULX_MakeAbsTime(&ts, kForever), kOk), ROW(SMP_GetNumProcessors(&a, nullptr), kArg),
+        ROW(SMP_GetNumProcessors(nullptr, &a), kArg), VOID(LST_Delete(nullptr)), PTR(LST_InitElem(nullptr), 0u),
+        PTR(LST_PutTail(nullptr, &elem), 0u), PTR(LST_PutTail(list = LST_Create(), nullptr), 0u),
+        ROW(LST_GetHead(nullptr), 0u), ROW(LST_GetHead(list = LST_Create()), 0u), PTR(LST_First(nullptr), 0u),
+        PTR(LST_Next(nullptr, &elem), 0u), PTR(LST_Next(list = LST_Create(), nullptr), 0u),
+        VOID(LST_RemoveElem(nullptr, &elem)), VOID(LST_RemoveElem(list = LST_Create(), nullptr)),
     });
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     // The largest sizes: null, or a releasable block (sanitizers abort instead).
@@ -130,7 +119,8 @@ TEST(Robustness, UtilitiesFormatVersionReportErrorsCmos) {
         ROW(No_error(0, nullptr, 0, nullptr), kOk), ROW(printfx(NULLTEXT, 1, 1), kMinus1),
         ROW(printfx("%d %d\n", 1, 0), kMinus1), ROW(printf2(NULLTEXT, 1, 1), kMinus1), VOID(err_ret(NULLTEXT)),
         VOID(err_msg(NULLTEXT)), ROW(Set_CMOS_From_OSTime(-1), kOk), ROW(Read_CMOS_UntilChange(-1, 1), 0u),
-        ROW(POLL_Open(0), kOk), ROW(POLL_Ctl(UINTPTR_MAX, nullptr, -1), kOk), ROW(POLL_Wait(0, nullptr, kForever), kOk),
+        ROW(POLL_Init(), kOk), ROW(POLL_Open(0), kOk), ROW(POLL_Ctl(UINTPTR_MAX, nullptr, -1), kOk),
+        ROW(POLL_Wait(0, nullptr, kForever), kOk),
     });
 }
 
@@ -138,23 +128,21 @@ TEST(Robustness, FileNetworkLoader) {
     kavro::test::ScratchDir dir;
     const std::string path = dir.path() + "/f";
     auto fresh = [&] { return KFILE_Open(path.c_str(), "w+"); };
-    KFILE closed{reinterpret_cast<FILE *>(g_released), 0}, alien{reinterpret_cast<FILE *>(g_released), KAVRO_TAG_SEM};
+    KFILE closed{reinterpret_cast<FILE *>(g_released), 0};  // the calls share one check of the mark
     char buf[64] = {};
     InterfaceRecord *rec = nullptr;
     run_table({
         PTR(KFILE_Open(nullptr, "r"), 0u), PTR(KFILE_Open(path.c_str(), nullptr), 0u),
         PTR(KFILE_Open("/nonexistent/dir/f", "r"), 0u), PTR(KFILE_Open(path.c_str(), "zz"), 0u),
-        ROW(KFILE_Close(nullptr), kMinus1), ROW(KFILE_Close(&closed), kMinus1), ROW(KFILE_Close(&alien), kMinus1),
-        ROW(KFILE_Read(buf, 1, 1, nullptr), kMinus1), ROW(KFILE_Read(buf, 1, 1, &closed), kMinus1),
-        ROW(KFILE_Read(nullptr, 1, 1, fresh()), -5u), ROW(KFILE_Read(buf, 1, 0xFFFFFFFFu, fresh()), -22u),
-        ROW(KFILE_Read(buf, 0, 0, fresh()), 0u), ROW(KFILE_Write(buf, 1, 1, nullptr), kMinus1),
-        ROW(KFILE_Write(buf, 1, 1, &alien), kMinus1), ROW(KFILE_Write(nullptr, 1, 1, fresh()), -5u),
+        ROW(KFILE_Close(nullptr), kMinus1), ROW(KFILE_Close(&closed), kMinus1),
+        ROW(KFILE_Read(buf, 1, 1, nullptr), kMinus1), ROW(KFILE_Read(nullptr, 1, 1, fresh()), -5u),
+        ROW(KFILE_Read(buf, 1, 0xFFFFFFFFu, fresh()), -22u), ROW(KFILE_Read(buf, 0, 0, fresh()), 0u),
+        ROW(KFILE_Write(buf, 1, 1, nullptr), kMinus1), ROW(KFILE_Write(nullptr, 1, 1, fresh()), -5u),
         ROW(KFILE_Write(buf, 1, 0xFFFFFFFFu, fresh()), -22u), ROW(KFILE_Seek(nullptr, 0, SEEK_SET), kMinus1),
-        ROW(KFILE_Seek(&closed, 0, SEEK_SET), kMinus1), ROW(KFILE_Seek(fresh(), 0, INT_MAX), kMinus1),
-        ROW(KFILE_Tell(nullptr), kMinus1), ROW(KFILE_Tell(&alien), kMinus1), ROW(NET_GetInterface(nullptr), kArg),
-        ROW(NET_GetNextInterface(nullptr), kFail), ROW(NET_GetNextInterface(&rec), kFail),
-        ROW(NET_GetMacAddress(nullptr, buf), kArg), BAD(NET_GetMacAddress(bad, nullptr), kFail, kReleased),
-        BAD(NET_GetMacAddress(bad, buf), kFail, kReleased),
+        ROW(KFILE_Seek(fresh(), 0, INT_MAX), kMinus1), ROW(KFILE_Tell(nullptr), kMinus1),
+        ROW(NET_GetInterface(nullptr), kArg), ROW(NET_GetNextInterface(nullptr), kFail),
+        ROW(NET_GetNextInterface(&rec), kFail), ROW(NET_GetMacAddress(nullptr, buf), kArg),
+        BAD(NET_GetMacAddress(bad, nullptr), kFail, kReleased), BAD(NET_GetMacAddress(bad, buf), kFail, kReleased),
     });
     LDR_Module *m = nullptr;
     void *addr = nullptr;
@@ -169,7 +157,7 @@ TEST(Robustness, FileNetworkLoader) {
         ROW(LDR_GetProcAddress(loaded(), "printf", nullptr), kArg), ROW(LDR_FreeModule(nullptr), kArg),
         BAD(LDR_FreeModule(bad), kFail, kTagged),
     },
-        [] { return private_install_dir() != 0 ? kNoNamespace : (LDR_Init(), 0); });
+        [] { return private_install_dir() != 0 ? kavro::test::kNoMounts : (LDR_Init(), 0); });
 }
 
 TEST(Robustness, Registry) {
@@ -238,8 +226,7 @@ TEST(Robustness, SemaphoresAndMailboxes) {
     run_table({
         ROW(MBX_Create(nullptr, 4, 4), kArg), ROW(MBX_Create(&mbx, 0, 4), KAVRO_E_OUTOFMEMORY),
         ROW(MBX_Create(&mbx, 0xFFFFFFFFu, 0xFFFFFFFFu), KAVRO_E_OUTOFMEMORY),
-        ROW(MBX_Create(&mbx, 0x10000, 0x10000), KAVRO_E_OUTOFMEMORY),
-        ROW(MBX_Create(&mbx, 1, 0xFFFFFFFFu), KAVRO_E_OUTOFMEMORY), ROW(MBX_Create(&mbx, 0, 0), kAny),
+        ROW(MBX_Create(&mbx, 0x10000, 0x10000), KAVRO_E_OUTOFMEMORY), ROW(MBX_Create(&mbx, 0, 0), kAny),
         ROW(MBX_Delete(nullptr), kOk), ROW(MBX_Post(nullptr, msg, kForever), kArg),
         ROW(MBX_Post(empty(), nullptr, kForever), kArg), ROW(MBX_Post(slotless(), msg, kForever), kFail),
         ROW(MBX_Pend(nullptr, msg, kForever), kArg), ROW(MBX_Pend(empty(), nullptr, kForever), kArg),
@@ -289,7 +276,7 @@ TEST(Robustness, KeysQueuesSharedMemory) {
         BAD(IPC_SHM_GetCount(bad, &len), kFail, kNull | kReleased), ROW(IPC_SHM_GetCount(segment(), nullptr), kArg),
         ROW(detachandremove(-1, nullptr), kMinus1), ROW(detachandremove(INT_MAX, data), kMinus1),
     },
-        [&] { return private_ipc() != 0 ? kNoNamespace : static_cast<int>(IPC_Init(prefix.c_str())); });
+        [&] { return private_ipc() != 0 ? kavro::test::kNoMounts : static_cast<int>(IPC_Init(prefix.c_str())); });
 }
 
 TEST(Robustness, NamedPipes) {
@@ -370,7 +357,6 @@ TEST(Robustness, ThreadsTaskLocksTimer) {
         ROW(THREAD_Create(&t, idle, nullptr, with(THREAD_ATTR_SHORT_LENGTH, 1, THREAD_MAX_ARGS)), KAVRO_E_POINTER),
         ROW(THREAD_TranslatePriority(16, &prio), kArg), ROW(THREAD_TranslatePriority(0, nullptr), kArg),
         ROW(THREAD_KernelTimeSlice(INT_MIN), kOk), ROW(THREAD_SetPriority(nullptr, 1, &word), kArg),
-        ROW(THREAD_SetPriority(nullptr, 0xFFFFFFFFu, nullptr), kArg),
         ROW(THREAD_Set2Priority(nullptr, 98, &word, &word), kArg),
         ROW(THREAD_Set2Priority(live(), 98, nullptr, nullptr), kArg), ROW(THREAD_Restore2Priority(nullptr), kArg),
         VOID(THREAD_LockStatus(nullptr, nullptr)), VOID(THREAD_LockStatus(nullptr, &word)),

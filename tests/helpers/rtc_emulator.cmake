@@ -1,14 +1,7 @@
-# The emulated /dev/rtc, preloaded into the test processes that need a
-# real-time-clock device (see helpers/rtc_emulator.h).
+# The emulated /dev/rtc preloaded by the tick and CMOS tests (see helpers/rtc_emulator.c).
 add_library(rtc_emulator SHARED ${CMAKE_CURRENT_SOURCE_DIR}/helpers/rtc_emulator.c)
-target_compile_definitions(rtc_emulator PRIVATE _GNU_SOURCE)
-target_compile_options(rtc_emulator PRIVATE -fvisibility=hidden)
 target_link_libraries(rtc_emulator PRIVATE Threads::Threads ${CMAKE_DL_LIBS})
-
 foreach(t cmos_test tmr_rtc_test)
-  if(TARGET ${t})
-    target_compile_definitions(${t} PRIVATE KAVRO_RTC_EMULATOR_PATH="$<TARGET_FILE:rtc_emulator>")
-    target_include_directories(${t} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/helpers)
-    add_dependencies(${t} rtc_emulator)
-  endif()
+  target_compile_definitions(${t} PRIVATE KAVRO_RTC_EMULATOR_PATH="$<TARGET_FILE:rtc_emulator>")
+  add_dependencies(${t} rtc_emulator)
 endforeach()

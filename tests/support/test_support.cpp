@@ -1,6 +1,7 @@
 #include "test_support.hpp"
 
 #include "frame/internal.hpp"
+#include "kavro_rt/kavro_rt.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -19,6 +20,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace kavro::test {
 
@@ -159,17 +161,12 @@ bool private_mounts(std::initializer_list<const char *> dirs, std::string *why) 
 bool rt_permitted() {
     // Tried on a short-lived thread so that the caller's own policy is untouched.
     static const bool permitted = [] {
-        pthread_attr_t attr;
-        pthread_attr_init(&attr);
-        pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
-        pthread_attr_setschedpolicy(&attr, SCHED_FIFO);
-        sched_param sp{1};
-        pthread_attr_setschedparam(&attr, &sp);
-        pthread_t t;
-        const int rc = pthread_create(
-            &t, &attr, [](void *) -> void * { return nullptr; }, nullptr);
-        pthread_attr_destroy(&attr);
-        return rc == 0 && pthread_join(t, nullptr) == 0;
+        bool ok = false;
+        std::thread([&ok] {
+            const sched_param sp{1};
+            ok = pthread_setschedparam(pthread_self(), SCHED_FIFO, &sp) == 0;
+        }).join();
+        return ok;
     }();
     return permitted;
 }
@@ -200,37 +197,26 @@ ScratchDir::~ScratchDir() {
     if (path_ != "/tmp") std::filesystem::remove_all(path_, ec);
 }
 
-bool private_dev(std::string *why) {
-    char keep[] = "/tmp/kavro-dev-XXXXXX";
-    if (mkdtemp(keep) == nullptr) return failed(why, "mkdtemp");
-    if (!private_mounts({}, why)) return false;
-    if (mount("/dev", keep, nullptr, MS_BIND, nullptr) != 0 || mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0)
-        return failed(why, "replacing /dev");
-    for (const char *node : {"null", "zero", "urandom", "full"}) {
-        const std::string from = std::string(keep) + "/" + node, to = std::string("/dev/") + node;
-        if (int fd = open(to.c_str(), O_CREAT | O_WRONLY, 0666); fd >= 0) close(fd);
-        if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0) return failed(why, "binding " + to);
-    }
-    umount2(keep, MNT_DETACH);
-    rmdir(keep);
-    return true;
+int run_daemonized(const std::function<int(const std::function<std::string()> &)> &fn) {
+    return run_in_child([&] {
+        // An empty /dev of its own, so that a socket bound at /dev/log receives what the system log would.
+        std::string why;
+        if (!private_mounts({"/dev"}, &why)) return std::fprintf(stderr, "%s\n", why.c_str()), kNoMounts;
+        const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+        sockaddr_un addr{AF_UNIX, "/dev/log"};
+        CHILD_CHECK(fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0);
+        PEL_daemonized = 1;
+        return fn([fd] {
+            pollfd p{fd, POLLIN, 0};
+            char buf[4096];
+            const ssize_t n = poll(&p, 1, 2000) == 1 ? recv(fd, buf, sizeof buf, 0) : 0;
+            return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+        });
+    });
 }
 
-LogCatcher::LogCatcher() : fd_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
-    sockaddr_un addr{AF_UNIX, "/dev/log"};
-    unlink(addr.sun_path);
-    if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) close(fd_), fd_ = -1;
-}
-
-LogCatcher::~LogCatcher() {
-    if (fd_ >= 0) close(fd_);
-}
-
-std::string LogCatcher::next(int timeout_ms) {
-    pollfd p{fd_, POLLIN, 0};
-    char buf[4096];
-    const ssize_t n = fd_ >= 0 && poll(&p, 1, timeout_ms) == 1 ? recv(fd_, buf, sizeof buf, 0) : 0;
-    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
+ChildOutput run_shell(const std::string &cmd, int timeout_s) {
+    return run_captured([&] { return execl("/bin/sh", "sh", "-c", cmd.c_str(), nullptr), 127; }, timeout_s);
 }
 
 }  // namespace kavro::test

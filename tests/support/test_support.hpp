@@ -1,13 +1,28 @@
 // Shared helpers of the library's tests: child processes, private mounts, capability checks.
 #pragma once
 
+// What nearly every test program uses, included once here.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sched.h>
 #include <semaphore.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
+#include <vector>
+
+#include "kavro_rt/kavro_rt.h"
 
 namespace kavro::test {
 
@@ -27,8 +42,11 @@ bool private_mounts(std::initializer_list<const char *> dirs, std::string *why);
 // Status a child returns when it cannot have a private mount namespace.
 constexpr int kNoMounts = 77;
 int run_in_private_mounts(const char *dir, const std::function<int()> &fn, int timeout_s = 60);
-// A private mount namespace whose /dev holds only null, zero, urandom and full, so a test may bind /dev/log.
-bool private_dev(std::string *why);
+// fn in a child whose system log (next_line: the next datagram, "" after 2 s) this test catches, the library
+// logging as a daemon; kNoMounts when /dev cannot be private.
+int run_daemonized(const std::function<int(const std::function<std::string()> &next_line)> &fn);
+// A shell command line (redirections and all) run in a child, its output caught.
+ChildOutput run_shell(const std::string &cmd, int timeout_s = 60);
 
 bool rt_permitted();  // this process may use SCHED_FIFO
 bool emulated();      // an i386 program under a user-mode emulator (no real-time timing, no seccomp)
@@ -47,17 +65,6 @@ public:
     ~ScratchDir();
     ScratchDir(const ScratchDir &) = delete;
     const std::string &path() const { return path_; }
-};
-
-// A datagram socket bound at /dev/log (after private_dev) collecting what the system log would receive.
-class LogCatcher {
-    int fd_ = -1;
-
-public:
-    LogCatcher();
-    ~LogCatcher();
-    bool ok() const { return fd_ >= 0; }
-    std::string next(int timeout_ms = 2000);  // next datagram, "" after the timeout
 };
 
 // A one-shot signal between threads whose wait is bounded.
@@ -101,6 +108,13 @@ public:
 
 #define KAVRO_SKIP_IF_NO_MOUNTS(rc) \
     if ((rc) == ::kavro::test::kNoMounts) GTEST_SKIP() << "no private mount namespace"
+// A child's status: 0 passes, kNoMounts skips the test.
+#define KAVRO_EXPECT_PASSED(...)           \
+    do {                                   \
+        const int status_ = (__VA_ARGS__); \
+        KAVRO_SKIP_IF_NO_MOUNTS(status_);  \
+        EXPECT_EQ(status_, 0);             \
+    } while (0)
 // In a forked child: names the failed check and returns 1.
 #define CHILD_CHECK(c)                                                                                 \
     do {                                                                                               \
