@@ -1,6 +1,7 @@
 // CMOS clock synchronisation: clock file, environment, writes and edge measurement via an emulated RTC.
 #include "test_support.hpp"
 #include "timer/cmos.hpp"
+#include "timer/pacing.hpp"
 
 namespace {
 using namespace kavro::detail;

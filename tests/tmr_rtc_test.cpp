@@ -5,6 +5,7 @@
 
 #include "frame/internal.hpp"
 #include "test_support.hpp"
+#include "timer/pacing.hpp"
 #include "timer/tmr.hpp"
 
 namespace {

@@ -13,7 +13,6 @@
 #include <sys/time.h>
 
 #include "kavro_rt/tmr.h"
-#include "timer/pacing.hpp"  // what the engine's CMOS thread follows
 
 namespace kavro::detail {
 
