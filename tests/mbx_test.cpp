@@ -39,6 +39,10 @@ TEST(Mailbox, OrderWaitsDeleteAndManyThreads) {
     EXPECT_TRUE(MBX_Pend(m, &msg, 80) == KAVRO_E_TIMEOUT && Clock::now() - t0 >= std::chrono::milliseconds(79));
     for (int i = 0; i < 3; ++i) ASSERT_EQ(MBX_Post(m, &msg, 0), KAVRO_OK);
     EXPECT_TRUE(MBX_Post(m, &msg, 0) == KAVRO_E_TIMEOUT && MBX_Post(m, &msg, 30) == KAVRO_E_TIMEOUT);  // full
+    Msg spare{};  // a post that had to wait for room succeeds
+    std::thread taker([m, &spare] { usleep(20000), MBX_Pend(m, &spare, 0); });
+    EXPECT_EQ(MBX_Post(m, &msg, KAVRO_WAIT_FOREVER), KAVRO_OK);
+    taker.join();
     EXPECT_TRUE(count_of(m) == 3 && MBX_Delete(m) == KAVRO_OK);
     EXPECT_EQ(kavro::detail::mem_counters().memgenfreecalls - frees, memgenalloccalls - allocs);
     // Many threads, short timeouts that make waiters lose races: every message arrives once, in its producer's order.
